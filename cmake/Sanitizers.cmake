@@ -1,0 +1,16 @@
+# RUVO_SANITIZE=address builds everything with AddressSanitizer and UndefinedBehaviorSanitizer,
+# RUVO_SANITIZE=thread with ThreadSanitizer. Host build only.
+if(RUVO_SANITIZE)
+  if(RUVO_CUDA_BUILD)
+    message(FATAL_ERROR "Sanitizer builds are host builds: configure with -DRUVO_WITH_CUDA=OFF")
+  endif()
+  if(RUVO_SANITIZE STREQUAL "address")
+    set(_san -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  elseif(RUVO_SANITIZE STREQUAL "thread")
+    set(_san -fsanitize=thread -fno-omit-frame-pointer)
+  else()
+    message(FATAL_ERROR "RUVO_SANITIZE must be empty, address or thread")
+  endif()
+  add_compile_options(${_san})
+  add_link_options(${_san})
+endif()

@@ -1,0 +1,17 @@
+# Compiler warnings for the project's own targets.
+set(RUVO_CXX_WARNINGS -Wall -Wextra)
+if(RUVO_WARNINGS_AS_ERRORS)
+  list(APPEND RUVO_CXX_WARNINGS -Werror)
+endif()
+
+function(ruvo_warnings target)
+  target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:${RUVO_CXX_WARNINGS}>)
+  if(RUVO_CUDA_BUILD)
+    set(_xc "")
+    foreach(w IN LISTS RUVO_CXX_WARNINGS)
+      string(APPEND _xc ",${w}")
+    endforeach()
+    string(SUBSTRING "${_xc}" 1 -1 _xc)
+    target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=${_xc}>)
+  endif()
+endfunction()

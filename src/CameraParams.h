@@ -1,0 +1,67 @@
+// The configuration record of one camera, read once from the camera's configuration entry.
+// CUDACamera::Params is this type.
+#pragma once
+
+#include "CUDAKernels.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Util/AbstractConfiguration.h>
+
+#include <cstdint>
+#include <string>
+
+namespace ruvo {
+namespace capture {
+
+struct CUDACameraParams {
+    struct Gamma {
+        float R = 0.8f, G = 0.8f, B = 0.8f, Cr = 0.8f, Cb = 0.8f;
+    };
+    struct AutoExposure {
+        int32_t numRegions = 0;
+        float alpha = 0.0f;  // no configuration key
+        float exposureP = 0.0f;
+        float gainP = 0.0f;
+        float targetY = 0.0f;
+        float avgYThreshold = 0.0f;
+        float skinSegmentedTargetY = 0.0f;
+        float skinSegmentedAvgYThreshold = 0.0f;
+        float skinRatioThreshold = 0.0f;
+        float skinRatioMixThreshold = 0.0f;
+        float numSamples = 0.0f;  // read as an unsigned count, kept as float for the 3A divisions
+        float errorY = 0.0f;
+    };
+    struct AutoWhiteBalance {
+        float grayThreshold = 0.0f;
+        float numSamples = 0.0f;  // read as an unsigned count, kept as float
+        float P = 0.0f;
+        float targetU = 0.0f;
+        float targetV = 0.0f;
+        uint32_t seed = 0;
+    };
+
+    std::string name;
+    std::string path;
+    uint32_t bufferPoolSize = 4;
+    uint32_t width = 0;
+    uint32_t height = 0;
+    bool hFlip = false;
+    bool vFlip = false;
+    Gamma gamma;
+    uint32_t numSamples = 0;  // size of the metering sample table
+    AutoExposure ae;
+    AutoWhiteBalance awb;
+    uint32_t outputBufferFormats = 0;  // a CUDAOutputConfiguration
+    CUDADemosaicMode demosaicMode = BILINEAR_5;
+    float regionWeight = 0.0f;
+    float skinWeight = 0.0f;
+    float colorModelThreshold = 0.0f;
+
+    // Reads every key of the camera's configuration entry; throws Poco's NotFoundException for a
+    // missing "path", its SyntaxException for an unparsable value, and CaptureDeviceException for
+    // an unsupported output configuration or demosaic mode.
+    explicit CUDACameraParams(Poco::AutoPtr<Poco::Util::AbstractConfiguration> config);
+};
+
+}  // namespace capture
+}  // namespace ruvo

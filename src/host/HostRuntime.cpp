@@ -1,0 +1,348 @@
+// Host runtime implementation: memory is aligned host memory, streams are plain objects,
+// work enqueued on a stream has completed when the enqueuing call returns. Every entry point
+// can be made to fail through the fault table (HostRuntimeControl.h).
+#include "HostRuntimeControl.h"
+
+#include <cuda_runtime.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+
+struct CUstream_st {
+    unsigned int flags;
+};
+
+namespace {
+
+constexpr size_t kAlignment = 256;  // as cudaMalloc: suitably aligned for any vector access
+
+struct Fault {
+    cudaError_t error;
+    int count;
+    int skip;
+};
+
+struct RuntimeState {
+    std::mutex mutex;
+    std::map<std::string, Fault> faults;
+    std::map<const void*, size_t> allocations;
+    std::map<const void*, cudaStream_t> attachments;
+    std::set<cudaStream_t> streams;
+    int deviceCount = 1;
+    int device = 0;
+    unsigned int deviceFlags = 0;
+    cudaError_t lastError = cudaSuccess;
+};
+
+RuntimeState& state() {
+    static RuntimeState* s = new RuntimeState();  // never destroyed: usable during static teardown
+    return *s;
+}
+
+// Returns the injected error for `call`, or cudaSuccess; caller holds the mutex.
+cudaError_t injected(RuntimeState& s, const char* call) {
+    auto it = s.faults.find(call);
+    if (it == s.faults.end()) return cudaSuccess;
+    Fault& f = it->second;
+    if (f.skip > 0) {
+        --f.skip;
+        return cudaSuccess;
+    }
+    cudaError_t e = f.error;
+    if (--f.count <= 0) s.faults.erase(it);
+    return e;
+}
+
+cudaError_t record(RuntimeState& s, cudaError_t e) {
+    if (e != cudaSuccess) s.lastError = e;
+    return e;
+}
+
+struct ErrorText {
+    const char* name;
+    const char* text;
+};
+
+const std::map<int, ErrorText>& errorTexts() {
+    static const std::map<int, ErrorText> texts = {
+        {cudaSuccess, {"cudaSuccess", "no error"}},
+        {cudaErrorInvalidValue, {"cudaErrorInvalidValue", "invalid argument"}},
+        {cudaErrorMemoryAllocation, {"cudaErrorMemoryAllocation", "out of memory"}},
+        {cudaErrorInitializationError, {"cudaErrorInitializationError", "initialization error"}},
+        {cudaErrorCudartUnloading, {"cudaErrorCudartUnloading", "driver shutting down"}},
+        {cudaErrorInsufficientDriver,
+         {"cudaErrorInsufficientDriver", "CUDA driver version is insufficient for CUDA runtime version"}},
+        {cudaErrorSetOnActiveProcess,
+         {"cudaErrorSetOnActiveProcess", "cannot set while device is active in this process"}},
+        {cudaErrorNoDevice, {"cudaErrorNoDevice", "no CUDA-capable device is detected"}},
+        {cudaErrorInvalidDevice, {"cudaErrorInvalidDevice", "invalid device ordinal"}},
+        {cudaErrorInvalidResourceHandle, {"cudaErrorInvalidResourceHandle", "invalid resource handle"}},
+        {cudaErrorNotReady, {"cudaErrorNotReady", "device not ready"}},
+        {cudaErrorIllegalAddress, {"cudaErrorIllegalAddress", "an illegal memory access was encountered"}},
+        {cudaErrorLaunchOutOfResources,
+         {"cudaErrorLaunchOutOfResources", "too many resources requested for launch"}},
+        {cudaErrorLaunchFailure, {"cudaErrorLaunchFailure", "unspecified launch failure"}},
+        {cudaErrorNotSupported, {"cudaErrorNotSupported", "operation not supported"}},
+        {cudaErrorUnknown, {"cudaErrorUnknown", "unknown error"}},
+    };
+    return texts;
+}
+
+// cudaMalloc of 0 bytes succeeds with a null pointer; cudaMallocManaged of 0 bytes is invalid.
+cudaError_t allocate(const char* call, void** ptr, size_t size, bool zeroIsError) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (ptr == nullptr) return record(s, cudaErrorInvalidValue);
+    if (cudaError_t e = injected(s, call)) return record(s, e);
+    if (size == 0) {
+        *ptr = nullptr;
+        return zeroIsError ? record(s, cudaErrorInvalidValue) : cudaSuccess;
+    }
+    size_t rounded = (size + kAlignment - 1) / kAlignment * kAlignment;
+    void* p = std::aligned_alloc(kAlignment, rounded);
+    if (p == nullptr) return record(s, cudaErrorMemoryAllocation);
+    s.allocations[p] = size;
+    *ptr = p;
+    return cudaSuccess;
+}
+
+}  // namespace
+
+extern "C" {
+
+cudaError_t cudaGetDeviceCount(int* count) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (count == nullptr) return record(s, cudaErrorInvalidValue);
+    if (cudaError_t e = injected(s, "cudaGetDeviceCount")) return record(s, e);
+    *count = s.deviceCount;
+    return cudaSuccess;
+}
+
+cudaError_t cudaGetDeviceProperties(cudaDeviceProp* prop, int device) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (prop == nullptr) return record(s, cudaErrorInvalidValue);
+    if (cudaError_t e = injected(s, "cudaGetDeviceProperties")) return record(s, e);
+    if (device < 0 || device >= s.deviceCount) return record(s, cudaErrorInvalidDevice);
+    std::memset(prop, 0, sizeof(*prop));
+    std::strncpy(prop->name, "Host CPU (ruvo host runtime)", sizeof(prop->name) - 1);
+    prop->major = 0;
+    prop->minor = 0;
+    prop->multiProcessorCount = 1;
+    prop->managedMemory = 1;
+    prop->concurrentManagedAccess = 1;
+    prop->canMapHostMemory = 1;
+    prop->integrated = 1;
+    return cudaSuccess;
+}
+
+cudaError_t cudaSetDevice(int device) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (cudaError_t e = injected(s, "cudaSetDevice")) return record(s, e);
+    if (device < 0 || device >= s.deviceCount) return record(s, cudaErrorInvalidDevice);
+    s.device = device;
+    return cudaSuccess;
+}
+
+cudaError_t cudaGetDevice(int* device) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (device == nullptr) return record(s, cudaErrorInvalidValue);
+    if (cudaError_t e = injected(s, "cudaGetDevice")) return record(s, e);
+    *device = s.device;
+    return cudaSuccess;
+}
+
+cudaError_t cudaSetDeviceFlags(unsigned int flags) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (cudaError_t e = injected(s, "cudaSetDeviceFlags")) return record(s, e);
+    if (flags & ~0x1fu) return record(s, cudaErrorInvalidValue);
+    s.deviceFlags = flags;
+    return cudaSuccess;
+}
+
+cudaError_t cudaGetDeviceFlags(unsigned int* flags) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (flags == nullptr) return record(s, cudaErrorInvalidValue);
+    *flags = s.deviceFlags;
+    return cudaSuccess;
+}
+
+cudaError_t cudaDeviceReset(void) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (cudaError_t e = injected(s, "cudaDeviceReset")) return record(s, e);
+    s.deviceFlags = 0;
+    return cudaSuccess;
+}
+
+cudaError_t cudaDeviceSynchronize(void) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return record(s, injected(s, "cudaDeviceSynchronize"));
+}
+
+cudaError_t cudaMallocManaged(void** devPtr, size_t size, unsigned int flags) {
+    if (flags != cudaMemAttachGlobal && flags != cudaMemAttachHost) {
+        RuntimeState& s = state();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        return record(s, cudaErrorInvalidValue);
+    }
+    return allocate("cudaMallocManaged", devPtr, size, true);
+}
+
+cudaError_t cudaMalloc(void** devPtr, size_t size) { return allocate("cudaMalloc", devPtr, size, false); }
+
+cudaError_t cudaFree(void* devPtr) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (cudaError_t e = injected(s, "cudaFree")) return record(s, e);
+    if (devPtr == nullptr) return cudaSuccess;
+    auto it = s.allocations.find(devPtr);
+    if (it == s.allocations.end()) return record(s, cudaErrorInvalidValue);
+    s.allocations.erase(it);
+    s.attachments.erase(devPtr);
+    std::free(devPtr);
+    return cudaSuccess;
+}
+
+cudaError_t cudaStreamCreateWithFlags(cudaStream_t* stream, unsigned int flags) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (stream == nullptr || (flags & ~1u)) return record(s, cudaErrorInvalidValue);
+    if (cudaError_t e = injected(s, "cudaStreamCreateWithFlags")) return record(s, e);
+    *stream = new CUstream_st{flags};
+    s.streams.insert(*stream);
+    return cudaSuccess;
+}
+
+cudaError_t cudaStreamCreate(cudaStream_t* stream) {
+    return cudaStreamCreateWithFlags(stream, cudaStreamDefault);
+}
+
+cudaError_t cudaStreamDestroy(cudaStream_t stream) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (cudaError_t e = injected(s, "cudaStreamDestroy")) return record(s, e);
+    if (s.streams.erase(stream) == 0) return record(s, cudaErrorInvalidResourceHandle);
+    for (auto it = s.attachments.begin(); it != s.attachments.end();) {
+        it = it->second == stream ? s.attachments.erase(it) : std::next(it);
+    }
+    delete stream;
+    return cudaSuccess;
+}
+
+cudaError_t cudaStreamAttachMemAsync(cudaStream_t stream, void* devPtr, size_t length, unsigned int flags) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (cudaError_t e = injected(s, "cudaStreamAttachMemAsync")) return record(s, e);
+    auto alloc = s.allocations.find(devPtr);
+    if (alloc == s.allocations.end() || (length != 0 && length != alloc->second)) {
+        return record(s, cudaErrorInvalidValue);
+    }
+    if (stream != nullptr && s.streams.count(stream) == 0) return record(s, cudaErrorInvalidResourceHandle);
+    if (flags == cudaMemAttachSingle) {
+        if (stream == nullptr) return record(s, cudaErrorInvalidValue);
+        s.attachments[devPtr] = stream;
+    } else if (flags == cudaMemAttachGlobal || flags == cudaMemAttachHost) {
+        s.attachments.erase(devPtr);
+    } else {
+        return record(s, cudaErrorInvalidValue);
+    }
+    return cudaSuccess;
+}
+
+cudaError_t cudaStreamSynchronize(cudaStream_t stream) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (cudaError_t e = injected(s, "cudaStreamSynchronize")) return record(s, e);
+    if (stream != nullptr && s.streams.count(stream) == 0) return record(s, cudaErrorInvalidResourceHandle);
+    return cudaSuccess;
+}
+
+cudaError_t cudaGetLastError(void) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    cudaError_t e = s.lastError;
+    s.lastError = cudaSuccess;
+    return e;
+}
+
+cudaError_t cudaPeekAtLastError(void) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.lastError;
+}
+
+// Unknown codes have no name: a null pointer, which the error reporting must survive.
+const char* cudaGetErrorName(cudaError_t error) {
+    auto it = errorTexts().find(error);
+    return it == errorTexts().end() ? nullptr : it->second.name;
+}
+
+const char* cudaGetErrorString(cudaError_t error) {
+    auto it = errorTexts().find(error);
+    return it == errorTexts().end() ? "unrecognized error code" : it->second.text;
+}
+
+}  // extern "C"
+
+namespace ruvo {
+namespace hostrt {
+
+void failCall(const std::string& call, cudaError_t error, int count, int skip) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.faults[call] = Fault{error, count, skip};
+}
+
+void resetFaults() {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.faults.clear();
+    s.deviceCount = 1;
+    s.lastError = cudaSuccess;
+}
+
+void setDeviceCount(int count) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.deviceCount = count;
+}
+
+size_t liveAllocations() {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.allocations.size();
+}
+
+size_t liveStreams() {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.streams.size();
+}
+
+cudaStream_t attachedStream(const void* ptr) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    auto it = s.attachments.find(ptr);
+    return it == s.attachments.end() ? nullptr : it->second;
+}
+
+size_t allocationSize(const void* ptr) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    auto it = s.allocations.find(ptr);
+    return it == s.allocations.end() ? 0 : it->second;
+}
+
+}  // namespace hostrt
+}  // namespace ruvo
