@@ -1,0 +1,157 @@
+// The records of the capture interface: the default Frame, the output-type display names,
+// output buffer equality, Range bounds, and the hand-over of a batch by CaptureDevice.
+#include <ruvo/capture/CaptureDevice.h>
+#include <ruvo/capture/Frame.h>
+#include <ruvo/util/Range.h>
+
+#include <Poco/Util/MapConfiguration.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <vector>
+
+namespace {
+
+using ruvo::capture::Frame;
+using ruvo::capture::OutputBufferDefinition;
+using ruvo::capture::OutputTypeNames;
+using ruvo::util::Range;
+using Batch = std::vector<std::shared_ptr<Frame>>;
+
+TEST(FrameRecord, DefaultFrameIsRecognisablyUnset) {
+    const Frame frame;
+    EXPECT_EQ(frame.timestamp, ruvo::capture::TimePoint::min());
+    EXPECT_EQ(frame.timestamp.time_since_epoch().count(), std::numeric_limits<int64_t>::min());
+    EXPECT_EQ(frame.source.left(), 0);
+    EXPECT_EQ(frame.source.top(), 0);
+    EXPECT_EQ(frame.source.right(), -1);
+    EXPECT_EQ(frame.source.bottom(), -1);
+    EXPECT_TRUE(frame.source.is_empty());
+    EXPECT_EQ(frame.format, Frame::INVALID);
+    EXPECT_EQ(frame.outputLevelId, Frame::ORIGINAL);
+    EXPECT_EQ(frame.outputTypeId, Frame::COLOR);
+    EXPECT_TRUE(frame.type.empty());
+    for (const auto& plane : frame.planes) {
+        EXPECT_EQ(plane.data, nullptr);
+        EXPECT_EQ(plane.width + plane.height + plane.stride, 0u);
+    }
+    EXPECT_EQ(frame.frameId + frame.cameraId + frame.batchId + frame.batchIndex + frame.width + frame.height, 0u);
+    EXPECT_EQ(frame.feedback.luminance, 0.0f);
+    EXPECT_EQ(frame.feedback.autoWhiteBalanceGains, (std::array<float, 4>{}));
+    EXPECT_TRUE(frame.feedback.autoExposureRegions.empty());
+    EXPECT_TRUE(frame.feedback.autoWhiteBalanceRegions.empty());
+}
+
+TEST(OutputTypeNamesTable, NamesEveryOutputTypeAndNothingElse) {
+    const std::vector<std::pair<Frame::OutputType, const char*>> expected = {
+        {Frame::COLOR, "Color YUV420p"},
+        {Frame::SKIN, "Skin segmentation"},
+        {Frame::SKIN_Y, "Chrominance masked skin luminance"},
+        {Frame::SKIN_HISTOGRAM, "8bit skin masked luminance histogram"},
+        {Frame::BAYER, "Raw Bayer"},
+        {Frame::MOTION, "Motion"},
+        {Frame::GRADIENT_X, "Gradient X"},
+        {Frame::GRADIENT_Y, "Gradient Y"},
+        {Frame::GRADIENT_MAG, "Gradient magnitude"},
+        {Frame::GRADIENT_ORIENTATION, "Gradient theta"},
+    };
+    ASSERT_EQ(OutputTypeNames.size(), expected.size());
+    int value = 0;
+    for (const auto& [type, text] : expected) {
+        EXPECT_EQ(static_cast<int>(type), value++);
+        auto it = OutputTypeNames.find(type);
+        ASSERT_NE(it, OutputTypeNames.end()) << "type " << type;
+        EXPECT_EQ(it->second, text);
+    }
+    EXPECT_EQ(OutputTypeNames.count(10), 0u);
+    EXPECT_EQ(OutputTypeNames.count(-1), 0u);
+}
+
+TEST(OutputBufferDefinitionEquality, EveryFieldTakesPart) {
+    const OutputBufferDefinition a{Frame::Y8, Frame::SKIN_Y, Frame::HALF};
+    EXPECT_TRUE(a == (OutputBufferDefinition{Frame::Y8, Frame::SKIN_Y, Frame::HALF}));
+    EXPECT_FALSE(a == (OutputBufferDefinition{Frame::Y8, Frame::SKIN_Y, Frame::EIGHTH}));
+    EXPECT_FALSE(a == (OutputBufferDefinition{Frame::Y8, Frame::GRADIENT_X, Frame::HALF}));
+    EXPECT_FALSE(a == (OutputBufferDefinition{Frame::YUV420p, Frame::SKIN_Y, Frame::HALF}));
+    EXPECT_TRUE(a != (OutputBufferDefinition{Frame::Y8, Frame::SKIN_Y, Frame::QUARTER}));
+}
+
+TEST(RangeBounds, ClosedIntervalWithInclusiveBounds) {
+    Range<float> time(0.001f, 0.03f);
+    EXPECT_TRUE(time.valid());
+    EXPECT_TRUE(time.in(0.001f));
+    EXPECT_TRUE(time.in(0.03f));
+    EXPECT_TRUE(time.in(0.01f));
+    EXPECT_TRUE(time.out(0.0009f));
+    EXPECT_TRUE(time.out(0.031f));
+    EXPECT_FALSE(time.out(0.03f));
+
+    time.setLow(0.05f);  // now above the upper bound
+    EXPECT_FALSE(time.valid());
+    EXPECT_TRUE(time.out(0.04f));
+    time.setHigh(0.05f);
+    EXPECT_TRUE(time.valid());  // a single point is a valid range
+    EXPECT_TRUE(time.in(0.05f));
+    EXPECT_EQ(time.low(), 0.05f);
+    EXPECT_EQ(time.high(), 0.05f);
+}
+
+// The smallest concrete device: only the batch hand-over of the base class is under test.
+class BatchOnlyDevice : public ruvo::capture::CaptureDevice {
+public:
+    BatchOnlyDevice() : CaptureDevice(new Poco::Util::MapConfiguration) {}
+    void start() override {}
+    void stop() override {}
+    bool isRunning() override { return false; }
+    void setControls(uint32_t, const ruvo::capture::Controls&) override {}
+    bool setNamedControls(uint32_t, const std::string&) override { return false; }
+    ruvo::capture::Controls getControls(uint32_t) override { return {}; }
+    uint32_t numDevices() override { return 0; }
+    ruvo::capture::Capabilities getCapabilities(uint32_t) override { return {}; }
+};
+
+// A one-frame batch whose frame records its destruction in `released`.
+Batch batchReleasing(bool& released) {
+    return {std::shared_ptr<Frame>(new Frame, [&released](Frame* f) {
+        released = true;
+        delete f;
+    })};
+}
+
+TEST(CaptureDeviceCallback, BatchWithoutCallbackIsDropped) {
+    BatchOnlyDevice device;
+    bool released = false;
+    Batch batch = batchReleasing(released);
+    device.onNewData(batch);
+    batch.clear();
+    EXPECT_TRUE(released) << "the device kept a reference to an undelivered frame";
+}
+
+TEST(CaptureDeviceCallback, EachBatchReachesTheLatestCallback) {
+    BatchOnlyDevice device;
+    std::vector<Batch> first, second;
+    device.setCallback([&](const Batch& b) { first.push_back(b); });
+    bool released = false;
+    Batch batch = batchReleasing(released);
+    device.onNewData(batch);
+    device.onNewData(batch);
+    ASSERT_EQ(first.size(), 2u);
+    EXPECT_EQ(first[0], batch);
+
+    device.setCallback([&](const Batch& b) { second.push_back(b); });
+    device.onNewData(batch);
+    EXPECT_EQ(first.size(), 2u);
+    EXPECT_EQ(second.size(), 1u);
+
+    device.setCallback(nullptr);
+    device.onNewData(batch);
+    EXPECT_EQ(second.size(), 1u);
+    first.clear();
+    second.clear();
+    batch.clear();
+    EXPECT_TRUE(released);
+}
+
+}  // namespace
