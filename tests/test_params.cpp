@@ -1,0 +1,203 @@
+// Camera parameters read from a camera's configuration entry (defaults, validation, failures
+// of the typed getters, nested keys through configuration views) and the output buffer table.
+#include "CameraParams.h"
+#include "OutputBufferConfig.h"
+
+#include <ruvo/capture/CaptureDeviceException.h>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Exception.h>
+#include <Poco/Util/MapConfiguration.h>
+#include <Poco/Util/PropertyFileConfiguration.h>
+#include <Poco/Util/XMLConfiguration.h>
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using ruvo::capture::CaptureDeviceException;
+using ruvo::capture::CUDA_OUTPUT_BUFFER_CONFIG;
+using ruvo::capture::CUDACameraParams;
+using ruvo::capture::Frame;
+using ruvo::capture::OutputBufferDefinition;
+using Config = Poco::AutoPtr<Poco::Util::AbstractConfiguration>;
+
+// A camera entry holding "path" and the given keys.
+Config entry(std::initializer_list<std::pair<const char*, const char*>> keys) {
+    Poco::AutoPtr<Poco::Util::MapConfiguration> config(new Poco::Util::MapConfiguration);
+    config->setString("path", "/dev/video0");
+    for (const auto& [key, value] : keys) config->setString(key, value);
+    return config;
+}
+
+// The message of the CaptureDeviceException that reading `config` throws.
+std::string rejection(const Config& config) {
+    try {
+        CUDACameraParams params(config);
+    } catch (const CaptureDeviceException& e) {
+        return e.what();
+    }
+    return "accepted";
+}
+
+TEST(CameraParamsDefaults, EntryWithOnlyAPathGivesTheDocumentedDefaults) {
+    const CUDACameraParams p(entry({}));
+    EXPECT_EQ(p.name, "CUDACamera");
+    EXPECT_EQ(p.path, "/dev/video0");
+    EXPECT_EQ(p.bufferPoolSize, 4u);
+    EXPECT_EQ(p.width, 1280u);
+    EXPECT_EQ(p.height, 720u);
+    EXPECT_TRUE(p.hFlip);
+    EXPECT_TRUE(p.vFlip);
+    EXPECT_FLOAT_EQ(p.gamma.R, 0.8f);
+    EXPECT_FLOAT_EQ(p.gamma.G, 0.8f);
+    EXPECT_FLOAT_EQ(p.gamma.B, 0.8f);
+    EXPECT_FLOAT_EQ(p.gamma.Cr, 0.78f);
+    EXPECT_FLOAT_EQ(p.gamma.Cb, 0.78f);
+    EXPECT_EQ(p.numSamples, 10000u);
+    EXPECT_EQ(p.ae.numRegions, 16);
+    EXPECT_EQ(p.ae.alpha, 0.0f);
+    EXPECT_FLOAT_EQ(p.ae.exposureP, 0.05f);
+    EXPECT_FLOAT_EQ(p.ae.gainP, 0.02f);
+    EXPECT_FLOAT_EQ(p.ae.targetY, 0.3f);
+    EXPECT_FLOAT_EQ(p.ae.avgYThreshold, 0.4f);
+    EXPECT_FLOAT_EQ(p.ae.skinSegmentedTargetY, 0.5f);
+    EXPECT_FLOAT_EQ(p.ae.skinSegmentedAvgYThreshold, 0.8f);
+    EXPECT_FLOAT_EQ(p.ae.skinRatioThreshold, 0.01f);
+    EXPECT_FLOAT_EQ(p.ae.skinRatioMixThreshold, 0.03f);
+    EXPECT_EQ(p.ae.numSamples, 1000.0f);
+    EXPECT_FLOAT_EQ(p.ae.errorY, 0.0001f);
+    EXPECT_FLOAT_EQ(p.awb.grayThreshold, 0.3f);
+    EXPECT_EQ(p.awb.numSamples, 1000.0f);
+    EXPECT_FLOAT_EQ(p.awb.P, 0.15f);
+    EXPECT_FLOAT_EQ(p.awb.targetU, 0.49f);
+    EXPECT_FLOAT_EQ(p.awb.targetV, 0.51f);
+    EXPECT_EQ(p.awb.seed, 0u);
+    EXPECT_EQ(p.outputBufferFormats, static_cast<uint32_t>(ruvo::capture::YUV_ONLY));
+    EXPECT_EQ(p.demosaicMode, ruvo::capture::BILINEAR_5);
+    EXPECT_FLOAT_EQ(p.regionWeight, 0.3f);
+    EXPECT_FLOAT_EQ(p.skinWeight, 0.7f);
+    EXPECT_FLOAT_EQ(p.colorModelThreshold, 10.0f);
+}
+
+TEST(CameraParamsValidation, OutputConfigurationMustIndexTheTable) {
+    EXPECT_EQ(rejection(entry({{"outputBufferFormats", "11"}})), "accepted");
+    EXPECT_EQ(CUDACameraParams(entry({{"outputBufferFormats", "11"}})).outputBufferFormats, 11u);
+    EXPECT_EQ(rejection(entry({{"outputBufferFormats", "12"}})), "Unsupported CUDA output configuration");
+    EXPECT_EQ(rejection(entry({{"outputBufferFormats", "-1"}})), "Unsupported CUDA output configuration");
+}
+
+TEST(CameraParamsValidation, DemosaicModeIsBilinearOrLanczos) {
+    EXPECT_EQ(CUDACameraParams(entry({{"demosaicMode", "1"}})).demosaicMode, ruvo::capture::LANCZOS_11);
+    EXPECT_EQ(rejection(entry({{"demosaicMode", "2"}})), "Unsupported CUDA demosaic configuration");
+    EXPECT_EQ(rejection(entry({{"demosaicMode", "-1"}})), "Unsupported CUDA demosaic configuration");
+}
+
+TEST(CameraParamsFailures, ConfigurationLibraryExceptionsPassThrough) {
+    Config noPath(new Poco::Util::MapConfiguration);
+    noPath->setString("width", "640");
+    EXPECT_THROW(CUDACameraParams{noPath}, Poco::NotFoundException);
+    EXPECT_THROW(CUDACameraParams(entry({{"width", "abc"}})), Poco::SyntaxException);
+    EXPECT_THROW(CUDACameraParams(entry({{"gamma.Cb", "bright"}})), Poco::SyntaxException);
+    EXPECT_THROW(CUDACameraParams(entry({{"vFlip", "maybe"}})), Poco::SyntaxException);
+    EXPECT_THROW(CUDACameraParams(entry({{"ae.numSamples", "250.5"}})), Poco::SyntaxException);  // a count
+    EXPECT_THROW(CUDACameraParams{Config()}, Poco::NullPointerException);
+}
+
+TEST(CameraParamsValues, SampleCountsAreHeldAsFloatsAndWeightsUnchecked) {
+    const CUDACameraParams p(entry({{"ae.numSamples", "250"},
+                                    {"awb.numSamples", "4096"},
+                                    {"regionExposureWeight", "-2.5"},
+                                    {"skinExposureWeight", "7"},
+                                    {"ae.numRegions", "4"}}));
+    EXPECT_EQ(p.ae.numSamples, 250.0f);
+    EXPECT_EQ(p.awb.numSamples, 4096.0f);
+    EXPECT_EQ(p.regionWeight, -2.5f);
+    EXPECT_EQ(p.skinWeight, 7.0f);
+    EXPECT_EQ(p.ae.numRegions, 4);
+}
+
+// Both entries of a two-camera configuration, read through views of "devices[0]" and "devices[1]".
+void expectTwoCameras(const Config& whole) {
+    const CUDACameraParams first(whole->createView("devices[0]"));
+    EXPECT_EQ(first.path, "sim:chart");
+    EXPECT_EQ(first.name, "front");
+    EXPECT_EQ(first.ae.numSamples, 250.0f);
+    EXPECT_FLOAT_EQ(first.gamma.Cr, 0.5f);
+    EXPECT_EQ(first.awb.seed, 7u);
+    EXPECT_EQ(first.outputBufferFormats, static_cast<uint32_t>(ruvo::capture::BGGR));
+    EXPECT_FALSE(first.hFlip);
+    EXPECT_EQ(first.width, 1280u);  // absent here: default
+
+    const CUDACameraParams second(whole->createView("devices[1]"));
+    EXPECT_EQ(second.path, "/dev/video1");
+    EXPECT_EQ(second.name, "CUDACamera");
+    EXPECT_EQ(second.ae.numSamples, 1000.0f);
+    EXPECT_EQ(second.width, 640u);
+}
+
+TEST(CameraParamsViews, NestedKeysOfAPropertiesConfiguration) {
+    std::istringstream text(
+        "devices[0].path = sim:chart\n"
+        "devices[0].name = front\n"
+        "devices[0].hFlip = false\n"
+        "devices[0].gamma.Cr = 0.5\n"
+        "devices[0].ae.numSamples = 250\n"
+        "devices[0].awb.seed = 7\n"
+        "devices[0].outputBufferFormats = 9\n"
+        "devices[1].path = /dev/video1\n"
+        "devices[1].width = 640\n");
+    expectTwoCameras(Config(new Poco::Util::PropertyFileConfiguration(text)));
+}
+
+TEST(CameraParamsViews, NestedKeysOfAnXmlConfiguration) {
+    std::istringstream text(
+        "<config>"
+        "<devices><path>sim:chart</path><name>front</name><hFlip>false</hFlip><gamma><Cr>0.5</Cr></gamma>"
+        "<ae><numSamples>250</numSamples></ae><awb><seed>7</seed></awb>"
+        "<outputBufferFormats>9</outputBufferFormats></devices>"
+        "<devices><path>/dev/video1</path><width>640</width></devices>"
+        "</config>");
+    expectTwoCameras(Config(new Poco::Util::XMLConfiguration(text)));
+}
+
+TEST(OutputBufferTable, RowSizesAndTheIrregularRows) {
+    const std::vector<size_t> sizes = {1, 2, 7, 4, 2, 3, 5, 9, 6, 3, 2, 1};
+    ASSERT_EQ(CUDA_OUTPUT_BUFFER_CONFIG.size(), sizes.size());
+    for (size_t row = 0; row < sizes.size(); ++row) {
+        EXPECT_EQ(CUDA_OUTPUT_BUFFER_CONFIG[row].size(), sizes[row]) << "row " << row;
+    }
+
+    const std::vector<OutputBufferDefinition> skinHistogram = {
+        {Frame::YUV420p, Frame::COLOR, Frame::ORIGINAL},
+        {Frame::YUV420p, Frame::COLOR, Frame::HALF},
+        {Frame::YUV420p, Frame::COLOR, Frame::QUARTER},
+        {Frame::Y8, Frame::SKIN_Y, Frame::HALF},
+        {Frame::HISTOGRAM8, Frame::SKIN_HISTOGRAM, Frame::NOT_APPLICABLE},
+        {Frame::Y8, Frame::SKIN_Y, Frame::EIGHTH},
+        {Frame::Y8, Frame::SKIN_Y, Frame::SIXTEENTH},
+    };
+    EXPECT_EQ(CUDA_OUTPUT_BUFFER_CONFIG[ruvo::capture::YUV_2_4_SKIN_HISTOGRAM], skinHistogram);
+
+    const std::vector<OutputBufferDefinition> bggr = {
+        {Frame::YUV420p, Frame::COLOR, Frame::ORIGINAL},
+        {Frame::YUV420p, Frame::COLOR, Frame::ORIGINAL},
+        {Frame::RGB24, Frame::BAYER, Frame::ORIGINAL},
+    };
+    EXPECT_EQ(CUDA_OUTPUT_BUFFER_CONFIG[ruvo::capture::BGGR], bggr);
+
+    // Only the two RGB configurations do not start with the full-size colour image.
+    const OutputBufferDefinition fullColour{Frame::YUV420p, Frame::COLOR, Frame::ORIGINAL};
+    const OutputBufferDefinition fullRgb{Frame::RGB24, Frame::COLOR, Frame::ORIGINAL};
+    for (size_t row = 0; row < CUDA_OUTPUT_BUFFER_CONFIG.size(); ++row) {
+        const bool rgb = row == ruvo::capture::NO_DEMOSAIC_RGB || row == ruvo::capture::RGB_ONLY;
+        EXPECT_EQ(CUDA_OUTPUT_BUFFER_CONFIG[row].front(), rgb ? fullRgb : fullColour) << "row " << row;
+    }
+}
+
+}  // namespace
