@@ -1,0 +1,184 @@
+// One V4L2 camera delivering raw 10-bit Bayer frames into CUDA managed memory: its device
+// lifecycle, the pool of capture buckets, the read-and-release cycle that runs the image
+// pipeline and 3A on every frame, and its runtime controls.
+#pragma once
+
+#include "CUDAKernels.h"
+#include "CameraParams.h"
+#include "io/DeviceIo.h"
+
+#include <ruvo/capture/Capabilities.h>
+#include <ruvo/capture/Frame.h>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Event.h>
+#include <Poco/Logger.h>
+#include <Poco/Mutex.h>
+#include <Poco/Util/AbstractConfiguration.h>
+
+#include <cuda_runtime.h>
+#include <linux/videodev2.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ruvo {
+namespace capture {
+
+class CUDACamera {
+public:
+    using Params = CUDACameraParams;
+
+    // User-pointer buffer handed to the driver.
+    struct V4L2Buffer {
+        void* data = nullptr;
+        uint32_t size = 0;    // bytes the driver writes
+        uint32_t length = 0;  // pixels
+    };
+
+    // Managed allocation: one address for host and device.
+    struct CUDABuffer {
+        void* host = nullptr;
+        void* device = nullptr;
+        uint32_t size = 0;    // bytes
+        uint32_t length = 0;  // elements
+    };
+
+    // Geometry of one output image.
+    struct CUDAFrame {
+        uint32_t width = 0;        // visible width
+        uint32_t height = 0;       // visible height
+        uint32_t cuda_height = 0;  // rows allocated
+        uint32_t stride = 0;       // equal to width
+        uint32_t size = 0;         // bytes
+        uint8_t* data = nullptr;
+    };
+
+    // Everything one frame needs from the sensor to the client.
+    struct Bucket {
+        enum Status { INVALID = 0, FREE = 1, USED = 2 };
+
+        struct OutputBuffer {
+            OutputBuffer(uint32_t width, uint32_t height, uint32_t length, uint32_t bytesPerPx, uint32_t cuda_height);
+            CUDABuffer cudaOut;
+            CUDAFrame frame;
+        };
+
+        Status status = INVALID;
+        uint32_t width = 0;
+        uint32_t height = 0;
+        uint32_t cuda_height = 0;  // rows of the GPU input: 384 for 380, 1152 for 1080
+        V4L2Buffer v4l2;
+        CUDABuffer cudaIn;  // raw frame: 16-bit samples, the same memory as v4l2.data
+        std::vector<OutputBuffer> buffers;
+        std::vector<std::vector<unsigned char*>> extraCudaBuffers;  // scratch device memory per output
+        std::vector<std::vector<int>> extraCudaBufferLengths;
+        std::vector<unsigned char**> extraCudaDevicePtrs;  // plain-array copies for the dispatcher
+        std::vector<int*> extraCudaDevicePtrsLengths;
+        std::vector<uint32_t> extraCudaDevicePtrCounts;
+        std::vector<unsigned char*> cudaOutDevicePtrs;
+        Feedback feedback;
+        uint32_t index = 0;  // position in the pool = V4L2 buffer index
+        std::atomic<uint32_t> releaseCounter{0};
+        std::vector<bool> releaseState;  // per output buffer: given back by the client
+        TimePoint timestamp;
+        cudaStream_t stream = nullptr;
+        Poco::FastMutex mutex;  // guards the release bookkeeping
+    };
+
+    CUDACamera(Poco::AutoPtr<Poco::Util::AbstractConfiguration> config, int index);
+    ~CUDACamera();
+    CUDACamera(const CUDACamera&) = delete;
+    CUDACamera& operator=(const CUDACamera&) = delete;
+
+    void start();
+    void stop();
+
+    // The next processed bucket, or null on time-out or when no buffer is ready.
+    Bucket* read();
+    // Gives a whole bucket back to the driver.
+    void release(unsigned bucket);
+    // Gives one output buffer back; the last distinct one gives the bucket back.
+    void release(unsigned bucket, unsigned buffer);
+    void waitForBuffersToBeReturned();
+
+    Controls getControls();
+    // Assigns the current controls to `into` (reusing its storage: no allocation once sized).
+    void copyControls(Controls& into);
+    Capabilities getCapabilities();
+    void setControls(const Controls& controls);
+    bool setControls(const std::string& preset);
+
+    int xioctl(unsigned long request, void* argument);
+    v4l2_queryctrl queryControl(uint32_t id);
+    int32_t getControl(uint32_t id);
+    void setControl(uint32_t id, int32_t value);
+
+    const std::string& getName() const { return _params.name; }
+    const Params& getParams() const { return _params; }
+
+    // Uniform draws from the camera's engine (Metering samples).
+    float noise();
+    int randRow(const dlib::rectangle& rect);
+    int randCol(const dlib::rectangle& rect);
+
+private:
+    friend class CUDACameraTestAccess;
+
+    struct AeState {
+        int32_t exposure = 0;
+        float gain = 0.0f;
+        bool controlNeedsUpdate = false;
+    };
+    struct AwbState {
+        int32_t blueGain = 0;
+        int32_t redGain = 0;
+        bool controlNeedsUpdate = false;
+    };
+
+    void open_device();
+    void init_device();
+    void init_mem(const v4l2_format& format);
+    void deinit_mem();
+    void deinit_device();
+    void start_capturing();
+    void stop_capturing();
+    void close_device();
+    void init_sample_distribution();
+    void init_window_weights();
+
+    void allocateOutputs(Bucket& bucket, uint32_t width, uint32_t cudaHeight, uint32_t height);
+    void fillFeedback(Bucket& bucket);
+    void sendSkinDiagnostics(const Bucket& bucket);
+    void programMeteringRectangle(const std::vector<ruvo::util::WeightedRegion>& regions);
+    void applyFlips();
+    void evaluate_3A(const Bucket& bucket);
+
+    Poco::Logger& _logger;
+    Params _params;
+    int _fd = -1;
+    std::vector<Bucket> _buckets;
+    Poco::FastMutex _mutexControls;
+    Controls _controls;
+    AeState _aeState;
+    AwbState _awbState;
+    Poco::Event _releaseEvent{Poco::Event::EVENT_AUTORESET};
+    bool _isRunning = false;
+    std::mt19937 _prng;
+    std::vector<std::pair<int, int>> _initialSampleDist;  // (column, row) in full-resolution pixels
+    float _currExpGain = 0.0f;
+    float _currBlueGain = 0.0f;
+    float _currRedGain = 0.0f;
+    int _index = 0;
+    std::vector<float> winWeights;  // centre prior per metering region, row-major
+    float sumWinWeights = 0.0f;
+    std::shared_ptr<DeviceIo> _io;  // the only way to the device node
+};
+
+}  // namespace capture
+}  // namespace ruvo

@@ -1,0 +1,111 @@
+// The working part of CUDADevice: CUDA start-up, the cameras built from the configuration's
+// device list, their reader tasks (ProduceTask) and the one delivery task (ConsumeTask).
+#pragma once
+
+#include "CUDACamera.h"
+
+#include <ruvo/capture/Frame.h>
+#include <ruvo/util/Worker.h>
+
+#include <Poco/Event.h>
+#include <Poco/Mutex.h>
+#include <Poco/Thread.h>
+
+#include <deque>
+#include <queue>
+#include <string>
+#include <vector>
+
+namespace ruvo {
+namespace capture {
+
+class CUDADeviceImpl {
+public:
+    // Reads its camera over and over and queues every bucket it gets.
+    class ProduceTask : public ruvo::util::Worker {
+    public:
+        ProduceTask(const std::string& name, CUDACamera* camera, Poco::Event& event);
+        // Takes every queued bucket, returns all but the newest whole to the camera, and gives
+        // the newest (null when the queue was empty).
+        CUDACamera::Bucket* takeNewest();
+        size_t queued();
+
+    protected:
+        void work() override;
+        void onExit() override;
+
+    private:
+        CUDACamera* _camera;
+        std::queue<CUDACamera::Bucket*, std::deque<CUDACamera::Bucket*>> _queue;
+        Poco::Mutex _mutex;
+        Poco::Event& _event;
+    };
+
+    // Delivers the newest bucket of every camera as one batch of frames.
+    class ConsumeTask : public ruvo::util::Worker {
+    public:
+        // Returns a frame's output buffer to its camera when the last owner lets go.
+        struct Deleter {
+            Deleter(CUDACamera* camera, CUDACamera::Bucket* bucket) : _camera(camera), _bucket(bucket) {}
+            void operator()(Frame* frame) const;
+            CUDACamera* _camera;
+            CUDACamera::Bucket* _bucket;
+        };
+
+        ConsumeTask(const std::string& name, std::vector<CUDACamera*> cameras, OnNewDataCallback onNewData,
+                    Poco::Mutex& mutexControls, Poco::Event& event, std::vector<ProduceTask*> produceTasks);
+
+        uint32_t frameId = 0;
+        uint32_t batchId = 0;
+
+    protected:
+        void work() override;
+
+    private:
+        void appendFrames(uint32_t cameraPosition, CUDACamera::Bucket* bucket);
+
+        std::vector<CUDACamera*> _cameras;
+        OnNewDataCallback _onNewData;
+        Poco::Mutex& _mutexControls;
+        Poco::Event& _event;
+        std::vector<ProduceTask*> _produceTasks;
+        std::vector<std::shared_ptr<Frame>> _batch;  // reused: keeps its capacity between cycles
+        Controls _controlsCopy;                      // reused: assignment keeps its capacity
+    };
+
+    CUDADeviceImpl(Poco::AutoPtr<Poco::Util::AbstractConfiguration> config, OnNewDataCallback onNewData);
+    virtual ~CUDADeviceImpl();
+    CUDADeviceImpl(const CUDADeviceImpl&) = delete;
+    CUDADeviceImpl& operator=(const CUDADeviceImpl&) = delete;
+
+    void start();
+    void stop();
+    bool isRunning();
+    uint32_t numDevices() const { return static_cast<uint32_t>(_cameras.size()); }
+    Controls getControls(uint32_t cameraId) { return _cameras.at(cameraId)->getControls(); }
+    Capabilities getCapabilities(uint32_t cameraId) { return _cameras.at(cameraId)->getCapabilities(); }
+    void setControls(uint32_t cameraId, const Controls& controls);
+    bool setControls(uint32_t cameraId, const std::string& preset);
+
+    // For tests and tools: the camera at `position` and the thread names.
+    CUDACamera& camera(uint32_t position) { return *_cameras.at(position); }
+    std::string produceThreadName(uint32_t position) const { return _produceThreads.at(position)->getName(); }
+
+private:
+    void init_cuda(Poco::AutoPtr<Poco::Util::AbstractConfiguration> view);
+    void deinit_cuda();
+    template <typename Change>
+    auto changeControls(uint32_t cameraId, Change change) -> decltype(change(std::declval<CUDACamera&>()));
+
+    std::vector<CUDACamera*> _cameras;
+    std::vector<ProduceTask*> _produceTasks;
+    std::vector<Poco::Thread*> _produceThreads;
+    ConsumeTask* _consumeTask = nullptr;
+    Poco::Thread* _consumeThread = nullptr;
+    Poco::Mutex _mutexControls;
+    Poco::Event _event{Poco::Event::EVENT_AUTORESET};
+    Poco::Mutex _mutex;
+};
+
+}  // namespace capture
+}  // namespace ruvo
