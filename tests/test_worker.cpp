@@ -1,0 +1,276 @@
+// The Worker loop on a Poco::Thread: repeated work() on the task's thread, pause that waits for
+// the step in progress and holds further steps, cancel, onExit once, and failures that are
+// logged once per episode while the loop goes on.
+#include <ruvo/util/Worker.h>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+#include <Poco/Thread.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Upper bound on any wait for the worker thread: reached only when the loop is stuck.
+constexpr auto kHangGuard = 30s;
+constexpr long kJoinGuardMs = 30000;
+
+// Gives the worker thread many chances to run (a buggy loop would call work() meanwhile).
+void letOtherThreadsRun() {
+    for (int i = 0; i < 2000; ++i) std::this_thread::yield();
+}
+
+// A Worker whose step `n` (from 0) runs `script(n)`; it records which threads ran its steps and
+// its exit, and can hold a step at a gate until the test opens it.
+class ScriptedWorker : public ruvo::util::Worker {
+public:
+    explicit ScriptedWorker(std::function<void(int)> script = {}) : Worker("scripted"), _script(std::move(script)) {}
+
+    // Waits until `done()` holds (checked under the record lock); false when the loop is stuck.
+    bool waitUntil(const std::function<bool()>& done) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cond.wait_for(lock, kHangGuard, done);
+    }
+    // A record field read under the record lock.
+    template <typename T>
+    T read(const T& field) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return field;
+    }
+    // Makes step `n` wait at the gate until openGate().
+    void holdStep(int n) {
+        std::lock_guard<std::mutex> lock(mutex);
+        heldStep = n;
+    }
+    void openGate() {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            gateOpen = true;
+        }
+        cond.notify_all();
+    }
+
+    std::mutex mutex;
+    std::condition_variable cond;
+    int started = 0;         // work() calls entered
+    int finished = 0;        // work() calls returned or thrown
+    int exits = 0;           // onExit() calls
+    int heldStep = -1;       // step waiting at the gate, -1 for none
+    bool gateOpen = false;   // the held step may go on
+    bool forbidden = false;  // set by the test while no step may start
+    int startedWhileForbidden = 0;
+    std::set<Poco::Thread*> workThreads;
+    Poco::Thread* exitThread = nullptr;
+    std::atomic<int> order{0};  // shared sequence for ordering events across threads
+    int lastStepEnd = -1;       // `order` value when a step last ended
+
+protected:
+    void work() override {
+        int step = 0;
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            step = started++;
+            if (forbidden) ++startedWhileForbidden;
+            workThreads.insert(Poco::Thread::current());
+            cond.notify_all();
+            cond.wait(lock, [&] { return step != heldStep || gateOpen; });
+        }
+        struct Finish {
+            ScriptedWorker& w;
+            ~Finish() {
+                std::lock_guard<std::mutex> lock(w.mutex);
+                ++w.finished;
+                w.lastStepEnd = ++w.order;
+                w.cond.notify_all();
+            }
+        } finish{*this};
+        if (_script) _script(step);
+    }
+
+    void onExit() override {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++exits;
+        exitThread = Poco::Thread::current();
+        cond.notify_all();
+    }
+
+private:
+    std::function<void(int)> _script;
+};
+
+// Runs a worker on its own Poco::Thread; cancels and joins on scope exit.
+class RunningWorker {
+public:
+    explicit RunningWorker(ScriptedWorker& worker) : _worker(worker) { thread.start(worker); }
+    ~RunningWorker() {
+        if (!thread.isRunning()) return;
+        _worker.cancel();
+        _worker.openGate();
+        thread.join();
+    }
+    void join() { thread.join(kJoinGuardMs); }
+
+    Poco::Thread thread{"worker-under-test"};
+
+private:
+    ScriptedWorker& _worker;
+};
+
+TEST(WorkerLoop, RepeatsWorkOnTheTaskThreadAndExitsOnceThere) {
+    ScriptedWorker worker;
+    RunningWorker running(worker);
+    ASSERT_TRUE(worker.waitUntil([&] { return worker.finished >= 5; }));
+    EXPECT_TRUE(worker.isRunning());
+    worker.cancel();
+    running.join();
+    EXPECT_FALSE(worker.isRunning());
+    EXPECT_EQ(worker.workThreads, std::set<Poco::Thread*>{&running.thread});
+    EXPECT_EQ(worker.exits, 1);
+    EXPECT_EQ(worker.exitThread, &running.thread);
+}
+
+TEST(WorkerLoop, PauseWaitsForTheStepInProgressAndHoldsFurtherSteps) {
+    ScriptedWorker worker;
+    worker.holdStep(2);
+    RunningWorker running(worker);
+    ASSERT_TRUE(worker.waitUntil([&] { return worker.started == 3; }));
+
+    int pauseReturned = -1;
+    std::thread pauser([&] {
+        worker.pause();
+        pauseReturned = ++worker.order;
+    });
+    while (!worker.isPaused()) std::this_thread::yield();
+    letOtherThreadsRun();
+    worker.openGate();
+    pauser.join();
+    EXPECT_LT(worker.read(worker.lastStepEnd), pauseReturned) << "pause() returned while step 2 was still running";
+    EXPECT_EQ(worker.read(worker.finished), 3);
+
+    {
+        std::lock_guard<std::mutex> lock(worker.mutex);
+        worker.forbidden = true;
+    }
+    letOtherThreadsRun();
+    {
+        std::lock_guard<std::mutex> lock(worker.mutex);
+        worker.forbidden = false;
+        EXPECT_EQ(worker.startedWhileForbidden, 0);
+        EXPECT_EQ(worker.started, 3);
+    }
+    worker.unpause();
+    EXPECT_TRUE(worker.waitUntil([&] { return worker.finished >= 6; })) << "unpause() did not resume the loop";
+}
+
+TEST(WorkerLoop, CancelEndsTheLoopAfterTheCurrentStep) {
+    ScriptedWorker worker;
+    worker.holdStep(0);
+    RunningWorker running(worker);
+    ASSERT_TRUE(worker.waitUntil([&] { return worker.started == 1; }));
+    worker.cancel();
+    EXPECT_TRUE(worker.isCancelled());
+    worker.openGate();
+    running.join();
+    EXPECT_EQ(worker.started, 1);
+    EXPECT_EQ(worker.finished, 1);
+    EXPECT_EQ(worker.exits, 1);
+}
+
+TEST(WorkerLoop, PausedBeforeStartRunsNothingUntilUnpausedAndCancelWakesIt) {
+    ScriptedWorker worker;
+    worker.pause();  // not running: must return at once
+    RunningWorker running(worker);
+    while (!worker.isRunning()) std::this_thread::yield();
+    letOtherThreadsRun();
+    EXPECT_EQ(worker.read(worker.started), 0);
+
+    worker.unpause();
+    ASSERT_TRUE(worker.waitUntil([&] { return worker.finished >= 1; }));
+    worker.pause();
+    worker.cancel();  // wakes the paused loop, which then exits
+    running.join();
+    EXPECT_EQ(worker.exits, 1);
+}
+
+TEST(WorkerLoop, CancelledWorkerExitsAtOnceAndRunsAgainAfterReset) {
+    ScriptedWorker worker;
+    worker.cancel();
+    worker.run();  // on this thread: returns without a step
+    EXPECT_EQ(worker.started, 0);
+    EXPECT_EQ(worker.exits, 1);
+
+    worker.reset();
+    EXPECT_FALSE(worker.isCancelled());
+    RunningWorker running(worker);
+    ASSERT_TRUE(worker.waitUntil([&] { return worker.finished >= 1; }));
+    worker.cancel();
+    running.join();
+    EXPECT_EQ(worker.exits, 2);
+}
+
+// Keeps every message logged to it.
+class CapturingChannel : public Poco::Channel {
+public:
+    void log(const Poco::Message& message) override {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _messages.push_back(message);
+    }
+    std::vector<std::string> errors() {
+        std::lock_guard<std::mutex> lock(_mutex);
+        std::vector<std::string> texts;
+        for (const auto& m : _messages) {
+            if (m.getPriority() == Poco::Message::PRIO_ERROR) texts.push_back(m.getText());
+        }
+        return texts;
+    }
+
+private:
+    std::mutex _mutex;
+    std::vector<Poco::Message> _messages;
+};
+
+TEST(WorkerFailures, EachFailureEpisodeIsLoggedOnceAndTheLoopGoesOn) {
+    Poco::Logger& logger = Poco::Logger::get("Util.Worker");
+    Poco::AutoPtr<Poco::Channel> previous(logger.getChannel(), true);
+    Poco::AutoPtr<CapturingChannel> capture(new CapturingChannel);
+    logger.setChannel(capture);
+
+    // Steps 0-2 and 7 fail alike, 3-4 with another text, 5 with a non-standard exception.
+    ScriptedWorker worker([](int step) {
+        if (step <= 2 || step == 7) throw std::runtime_error("sensor gone");
+        if (step <= 4) throw std::runtime_error("queue full");
+        if (step == 5) throw 42;
+    });
+    worker.setBackoff(1ms, 2ms);
+    {
+        RunningWorker running(worker);
+        EXPECT_TRUE(worker.waitUntil([&] { return worker.finished >= 10; }));
+        worker.cancel();
+        running.join();
+    }
+    logger.setChannel(previous);
+
+    const std::vector<std::string> errors = capture->errors();
+    const std::vector<std::string> expected = {"sensor gone", "queue full", "unknown exception", "sensor gone"};
+    ASSERT_EQ(errors.size(), expected.size());
+    for (size_t i = 0; i < errors.size(); ++i) {
+        EXPECT_NE(errors[i].find(expected[i]), std::string::npos) << errors[i];
+        EXPECT_NE(errors[i].find("scripted"), std::string::npos) << "the worker's name is missing: " << errors[i];
+    }
+}
+
+}  // namespace
