@@ -5,6 +5,7 @@
 
 #include "CUDAKernels.h"
 #include "CameraParams.h"
+#include "Metering.h"
 #include "io/DeviceIo.h"
 
 #include <ruvo/capture/Capabilities.h>
@@ -159,6 +160,22 @@ private:
     void applyFlips();
     void evaluate_3A(const Bucket& bucket);
 
+    // Steps of evaluate_3A (CUDACamera3A.cpp).
+    void checkSampleTable() const;
+    metering::YuvImage fullImage(const Bucket& bucket) const;
+    void applyManualExposure();
+    void restoreExposure();
+    void autoExposure(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY);
+    const uint32_t* skinHistogram(const Bucket& bucket) const;
+    float meteredLuminance(const Bucket& bucket, const uint32_t* histogram, uint32_t offsetX, uint32_t offsetY);
+    void publishExpStat();
+    void publishExpMeta(const Bucket& bucket, const metering::SkinStats& skin, float meanNorm);
+    void updateExposure(float err, float avgY);
+    void updateGain(float err);
+    void applyManualWhiteBalance();
+    void restoreWhiteBalance();
+    void autoWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY);
+
     Poco::Logger& _logger;
     Params _params;
     int _fd = -1;
@@ -177,6 +194,7 @@ private:
     int _index = 0;
     std::vector<float> winWeights;  // centre prior per metering region, row-major
     float sumWinWeights = 0.0f;
+    metering::RegionScratch _regionScratch;  // region metering state, reused frame to frame
     std::shared_ptr<DeviceIo> _io;  // the only way to the device node
 };
 

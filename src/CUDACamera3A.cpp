@@ -1,10 +1,272 @@
-// CUDACamera's per-frame auto exposure and auto white balance.
+// CUDACamera's per-frame auto exposure and auto white balance: the manual, lock and automatic
+// branches of both, the metering of the processed image and the skin histogram, the writes of
+// exposure, gain and channel gains to the sensor, and the metering diagnostics records.
 #include "CUDACamera.h"
+
+#include "Metering.h"
+#include "MeteringDiagnostics.h"
+#include "SensorControls.h"
+
+#include <ruvo/capture/CaptureDeviceException.h>
+#include <ruvo/util/Channel.h>
+
+#include <Poco/LogStream.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
 
 namespace ruvo {
 namespace capture {
 
-void CUDACamera::evaluate_3A(const Bucket& bucket) { (void)bucket; }
+namespace {
+
+constexpr size_t kFullImageBuffer = 0;
+constexpr size_t kSkinHistogramBuffer = 4;
+constexpr size_t kSkinImageEntry = 6;  // output list entry whose level sizes the skin image
+constexpr uint32_t kHistogramBins = 256;
+
+float controlRange(const v4l2_queryctrl& range) {
+    return static_cast<float>(static_cast<int64_t>(range.maximum) - static_cast<int64_t>(range.minimum));
+}
+
+}  // namespace
+
+void CUDACamera::evaluate_3A(const Bucket& bucket) {
+    checkSampleTable();
+    // Every call walks the sample table from two new starting points, one for the columns and one
+    // for the rows, drawn before any mode is looked at.
+    const uint32_t offsetX = static_cast<uint32_t>(std::rand()) % _params.numSamples;
+    const uint32_t offsetY = static_cast<uint32_t>(std::rand()) % _params.numSamples;
+
+    if (_controls.ae.manual) {
+        applyManualExposure();
+    } else if (_controls.ae.lock) {
+        restoreExposure();
+    } else {
+        autoExposure(bucket, offsetX, offsetY);
+    }
+
+    if (_controls.awb.manual) {
+        applyManualWhiteBalance();
+    } else if (_controls.awb.lock) {
+        restoreWhiteBalance();
+    } else {
+        autoWhiteBalance(bucket, offsetX, offsetY);
+    }
+}
+
+void CUDACamera::checkSampleTable() const {
+    if (_params.numSamples == 0) throw CaptureDeviceException("Metering needs numSamples of at least 1");
+    if (_initialSampleDist.size() < _params.numSamples) {
+        throw CaptureDeviceException("Metering sample table holds " + std::to_string(_initialSampleDist.size()) +
+                                     " of " + std::to_string(_params.numSamples) + " samples");
+    }
+}
+
+metering::YuvImage CUDACamera::fullImage(const Bucket& bucket) const {
+    if (bucket.buffers.size() <= kFullImageBuffer || bucket.buffers[kFullImageBuffer].frame.data == nullptr) {
+        throw CaptureDeviceException("3A needs the full-size image in output buffer 0");
+    }
+    const CUDAFrame& frame = bucket.buffers[kFullImageBuffer].frame;
+    return metering::yuvImage(frame.data, bucket.width, bucket.height, frame.cuda_height);
+}
+
+// ---- auto exposure ----
+
+void CUDACamera::applyManualExposure() {
+    setControl(sensor::CID_EXPOSURE, secondsToExposureRegister(_controls.ae.manualExposure));
+    setControl(sensor::CID_GAIN, gainToRegister(_controls.ae.manualGain));
+    _aeState.controlNeedsUpdate = true;
+}
+
+// Writes back the last automatic values once after manual mode or an automatic update.
+void CUDACamera::restoreExposure() {
+    if (!_aeState.controlNeedsUpdate) return;
+    setControl(sensor::CID_EXPOSURE, _aeState.exposure);
+    setControl(sensor::CID_GAIN, truncateToRegister(_aeState.gain));
+    _aeState.controlNeedsUpdate = false;
+}
+
+void CUDACamera::autoExposure(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY) {
+    // The driver's statistic is divided by its range without subtracting the minimum.
+    const float rangeY = controlRange(queryControl(sensor::CID_AVG_LUMINANCE));
+    float avgY = static_cast<float>(getControl(sensor::CID_AVG_LUMINANCE)) / rangeY;
+    const float targetY = _controls.ae.targetY + _controls.ae.ev;
+    float err = targetY - avgY;
+
+    const bool isTooBright = _params.ae.avgYThreshold < avgY;
+    if (isTooBright && _logger.debug()) {
+        Poco::LogStream(_logger).debug() << "Luminance auto-exposure: too bright failsafe, " << _params.ae.avgYThreshold
+                                         << " < avgY = " << avgY << std::endl;
+    }
+    const uint32_t* histogram = skinHistogram(bucket);
+    if (histogram != nullptr && !isTooBright && _controls.ae.manualMode != "AVGY" &&
+        metering::gridSide(_params.ae.numRegions) > 0) {
+        avgY = meteredLuminance(bucket, histogram, offsetX, offsetY);
+        err = targetY - avgY;
+    }
+
+    if (std::fabs(err) < _params.ae.errorY) return;
+    updateExposure(err, avgY);
+    updateGain(err);
+}
+
+// The skin histogram of this frame when the output configuration produces one, else null.
+const uint32_t* CUDACamera::skinHistogram(const Bucket& bucket) const {
+    bool configured = false;
+    for (const OutputBufferDefinition& definition : _controls.outputBuffers) {
+        configured = configured || definition.outputType == Frame::SKIN_HISTOGRAM;
+    }
+    if (!configured || bucket.buffers.size() <= kSkinHistogramBuffer) return nullptr;
+    const CUDABuffer& buffer = bucket.buffers[kSkinHistogramBuffer].cudaOut;
+    if (buffer.host == nullptr || buffer.size < kHistogramBins * sizeof(uint32_t)) return nullptr;
+    return static_cast<const uint32_t*>(buffer.host);
+}
+
+// Luminance of the frame on a 0..1 scale from the regions of the sample grid, weighted by
+// contrast, centre prior and skin, and blended with the skin luminance when enough skin shows.
+float CUDACamera::meteredLuminance(const Bucket& bucket, const uint32_t* histogram, uint32_t offsetX,
+                                   uint32_t offsetY) {
+    const metering::SkinStats skin = metering::skinStatistics(histogram, bucket.width, bucket.height, bucket.cuda_height);
+    const float sumSkin =
+        metering::sampleRegions(fullImage(bucket), _initialSampleDist, _params.numSamples, offsetX, offsetY,
+                                _params.ae.numSamples, _params.ae.numRegions, _regionScratch);
+    metering::contrastWeighting(_regionScratch, winWeights.data(), sumWinWeights);
+    const bool skinVisible = skin.skinRatio > _params.ae.skinRatioThreshold;
+    if (skinVisible && sumSkin > 0.0f) {
+        for (metering::Region& region : _regionScratch.regions) {
+            region.weight = metering::skinBoostedWeight(region.weight, region.skinPixelCnt, sumSkin);
+        }
+    }
+    const float regionY = metering::weightedLuminance(_regionScratch.regions);
+    publishExpStat();
+    if (!skinVisible) return regionY;
+
+    const float meanNorm = metering::skinMeanNorm(skin);
+    publishExpMeta(bucket, skin, meanNorm);
+    metering::SkinBlendParams blendParams;
+    blendParams.skinRatioThreshold = _params.ae.skinRatioThreshold;
+    blendParams.skinRatioMixThreshold = _params.ae.skinRatioMixThreshold;
+    blendParams.skinSegmentedTargetY = _params.ae.skinSegmentedTargetY + _controls.ae.ev;
+    blendParams.skinWeight = _params.skinWeight;
+    blendParams.regionWeight = _params.regionWeight;
+    const metering::SkinBlend blend = metering::blendSkin(regionY, skin.skinRatio, meanNorm, blendParams);
+    if (blend.mixed && _logger.debug()) {
+        Poco::LogStream(_logger).debug() << "skinRatio under mix threshold, " << skin.skinRatio
+                                         << " skinRatioMixAlpha: " << blend.alpha << std::endl;
+    }
+    return blend.y;
+}
+
+void CUDACamera::publishExpStat() {
+    const std::shared_ptr<ruvo::util::Channel> channel = ruvo::util::Channel::attached(metering::expStatChannelName());
+    if (!channel || !channel->enabled()) return;
+    const auto side = static_cast<int>(metering::gridSide(_params.ae.numRegions));
+    channel->send(metering::expStatRecord(side, _index, _regionScratch.regions));
+}
+
+void CUDACamera::publishExpMeta(const Bucket& bucket, const metering::SkinStats& skin, float meanNorm) {
+    const std::shared_ptr<ruvo::util::Channel> channel = ruvo::util::Channel::attached(metering::expMetaChannelName());
+    if (!channel || !channel->enabled()) return;
+    metering::ExpMeta meta;
+    meta.cameraName = _params.name;
+    meta.cameraIndex = _index;
+    meta.skinPixels = skin.skinPixels;
+    meta.sumLuminance = skin.sum;
+    meta.meanLuminance = meanNorm;
+    meta.width = bucket.width;
+    meta.cudaHeight = bucket.cuda_height;
+    // Output lists shorter than seven entries have no skin image level: read them as level 0.
+    if (_controls.outputBuffers.size() > kSkinImageEntry) {
+        meta.level = static_cast<int>(_controls.outputBuffers[kSkinImageEntry].outputLevel);
+    }
+    channel->send(metering::expMetaRecord(meta));
+}
+
+void CUDACamera::updateExposure(float err, float avgY) {
+    const v4l2_queryctrl range = queryControl(sensor::CID_EXPOSURE);
+    metering::ExposureStep step;
+    step.timeMin = static_cast<float>(range.minimum);
+    step.timeMax = static_cast<float>(range.maximum);
+    step.lowSeconds = _controls.ae.time.low();
+    step.highSeconds = _controls.ae.time.high();
+    step.exposureP = _params.ae.exposureP;
+    step.manualExposure = _controls.ae.manualExposure;
+    const auto current = static_cast<float>(getControl(sensor::CID_EXPOSURE));
+    _aeState.controlNeedsUpdate = true;
+    _aeState.exposure = truncateToRegister(metering::nextExposure(current, err, avgY, step));
+    setControl(sensor::CID_EXPOSURE, _aeState.exposure);
+}
+
+void CUDACamera::updateGain(float err) {
+    _currExpGain = metering::nextGain(_currExpGain, err, _params.ae.gainP, _controls.ae.manualGain);
+    const int32_t reg = gainToRegister(_currExpGain);
+    _aeState.gain = static_cast<float>(reg);
+    setControl(sensor::CID_GAIN, reg);
+}
+
+// ---- auto white balance ----
+
+void CUDACamera::applyManualWhiteBalance() {
+    setControl(sensor::CID_RED_GAIN, truncateToRegister(_controls.awb.manualRedGain * 1024.0f));
+    setControl(sensor::CID_GREEN_GAIN, truncateToRegister(_controls.awb.manualGreenGain * 1024.0f));
+    setControl(sensor::CID_BLUE_GAIN, truncateToRegister(_controls.awb.manualBlueGain * 1024.0f));
+    _awbState.controlNeedsUpdate = true;
+}
+
+// Writes back the last automatic red and blue gains once; green is left as it is.
+void CUDACamera::restoreWhiteBalance() {
+    if (!_awbState.controlNeedsUpdate) return;
+    setControl(sensor::CID_RED_GAIN, _awbState.redGain);
+    setControl(sensor::CID_BLUE_GAIN, _awbState.blueGain);
+    _awbState.controlNeedsUpdate = false;
+}
+
+// Gray world over the samples: the mean chroma of the gray samples should sit at the targets.
+// Only the channel with the larger error moves (red on a tie); with nothing gray in view a
+// random error of at most 0.1 moves one gain so that the loop cannot stay stuck.
+void CUDACamera::autoWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY) {
+    const metering::GraySums gray =
+        metering::sampleGray(fullImage(bucket), _initialSampleDist, static_cast<int>(_params.numSamples),
+                             static_cast<int>(offsetX), static_cast<int>(offsetY), _params.awb.numSamples,
+                             _params.awb.grayThreshold);
+    const float P = _params.awb.P;
+    const float targetU = _params.awb.targetU;
+    const float targetV = _params.awb.targetV;
+    float avgU;
+    float avgV;
+    if (gray.countU == 0) {
+        const float perturbationU = noise();
+        const float perturbationV = noise();
+        if (_logger.debug()) {
+            Poco::LogStream(_logger).debug() << "AWB stuck, perturbation applied " << perturbationU << ", "
+                                             << perturbationV << std::endl;
+        }
+        avgU = targetU + perturbationU;
+        avgV = targetV + perturbationV;
+    } else {
+        avgU = (gray.sumU / static_cast<float>(gray.countU)) / 255.0f;
+        avgV = (gray.sumV / static_cast<float>(gray.countV)) / 255.0f;
+    }
+    const v4l2_queryctrl blue = queryControl(sensor::CID_BLUE_GAIN);
+    const v4l2_queryctrl red = queryControl(sensor::CID_RED_GAIN);
+    const float errU = targetU - avgU;
+    const float errV = targetV - avgV;
+    if (std::fabs(errU) > std::fabs(errV)) {
+        _currBlueGain = metering::nextChannelGain(_currBlueGain, static_cast<float>(blue.minimum),
+                                                  static_cast<float>(blue.maximum), errU, P);
+        _awbState.blueGain = truncateToRegister(_currBlueGain);
+        setControl(sensor::CID_BLUE_GAIN, _awbState.blueGain);
+    } else {
+        _currRedGain = metering::nextChannelGain(_currRedGain, static_cast<float>(red.minimum),
+                                                 static_cast<float>(red.maximum), errV, P);
+        _awbState.redGain = truncateToRegister(_currRedGain);
+        setControl(sensor::CID_RED_GAIN, _awbState.redGain);
+    }
+    _awbState.controlNeedsUpdate = true;
+}
 
 }  // namespace capture
 }  // namespace ruvo

@@ -2,6 +2,7 @@
 // identifiers, and the conversions between register values and physical units.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 
 namespace ruvo {
@@ -35,6 +36,40 @@ constexpr float gainFromRegister(int32_t reg) {
     if (r < 884) return (r - 248) / 64.0f;
     if (r < 1912) return (r - 756) / 32.0f;
     return (r - 1784) / 16.0f;
+}
+
+// Gain register of a linear gain factor, truncating toward zero. The stage offsets (-8, -12, -8)
+// make the curve step at 2, 4 and 8 (1.99 gives 254, 2.0 gives 376); negative gains and a gain
+// that is not a number give 0, gains above 15.999 the top register 2039.
+inline int32_t gainToRegister(float g) {
+    if (std::isnan(g) || g < 0.0f) return 0;
+    if (g > 15.999f) return 2039;
+    if (g < 2.0f) return static_cast<int32_t>(g * 128.0f);
+    if (g < 4.0f) return static_cast<int32_t>(64.0f * g - 8.0f + 256.0f);
+    if (g < 8.0f) return static_cast<int32_t>(32.0f * g - 12.0f + 768.0f);
+    return static_cast<int32_t>(16.0f * g - 8.0f + 1792.0f);
+}
+
+// Seconds of an exposure register value (one unit is one sensor line of 0.44782403 us).
+constexpr double exposureRegisterToSeconds(double reg) { return reg * 0.44782403 / 1000000.0; }
+
+// Exposure register of a time in seconds, not yet truncated (the caller truncates and clamps;
+// a time that is not a number stays one). 1/30 s gives 74433.56.
+constexpr double secondsToExposureUnits(double seconds) { return seconds * 1000000.0 / 0.44782403; }
+
+// A register value from a real number, truncated toward zero and saturated to 32 bits; a value
+// that is not a number gives 0, so that no client value can overflow the conversion.
+inline int32_t truncateToRegister(double value) {
+    const double t = std::trunc(value);
+    if (std::isnan(t)) return 0;
+    if (t <= static_cast<double>(INT32_MIN)) return INT32_MIN;
+    if (t >= static_cast<double>(INT32_MAX)) return INT32_MAX;
+    return static_cast<int32_t>(t);
+}
+
+// Exposure register of a time in seconds, truncated toward zero: 1/30 s gives 74433.
+inline int32_t secondsToExposureRegister(double seconds) {
+    return truncateToRegister(secondsToExposureUnits(seconds));
 }
 
 }  // namespace capture

@@ -1,0 +1,172 @@
+// The arithmetic of the per-frame auto exposure and auto white balance, as pure functions of
+// their inputs: sampling the processed YUV image at the metering positions, region statistics,
+// contrast and skin weighting, the gray test, and the proportional updates of the sensor values.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <utility>
+#include <vector>
+
+namespace ruvo {
+namespace capture {
+namespace metering {
+
+using SampleTable = std::vector<std::pair<int, int>>;  // (column, row) in full-resolution pixels
+
+// A planar YUV 4:2:0 image as the pipeline writes it: Y of width x rows bytes, then U
+// (blue-difference) and V (red-difference), each (width/2) x (rows/2) bytes, without padding.
+// `height` is the visible height; `rows` the allocated one that places the chroma planes.
+struct YuvImage {
+    const uint8_t* y = nullptr;
+    const uint8_t* u = nullptr;
+    const uint8_t* v = nullptr;
+    uint32_t width = 0;
+    uint32_t height = 0;
+};
+
+YuvImage yuvImage(const uint8_t* data, uint32_t width, uint32_t height, uint32_t rows);
+
+// One metering region of one evaluation.
+struct Region {
+    float avgLum = 0.0f;  // sum of sampled luminance, then the mean
+    float maxLum = std::numeric_limits<float>::lowest();
+    float minLum = std::numeric_limits<float>::max();
+    int counter = 0;  // samples that fell into the region
+    float weight = 0.0f;
+    float skinPixelCnt = 0.0f;
+};
+
+// Per-evaluation state of the region metering, kept by the camera so that a frame allocates
+// nothing once the first one has sized the vectors.
+struct RegionScratch {
+    std::vector<Region> regions;
+    std::vector<uint32_t> sampleRegion;  // region index of each sample, in sampling order
+    std::vector<float> sampleLum;        // luminance of each sample, in sampling order
+    std::vector<float> devLum;           // per region: standard deviation of its luminance
+};
+
+// Side of the square region grid: the integer square root of the region count.
+uint32_t gridSide(int32_t numRegions);
+
+// Region of the sample at column x, row y of a width x height image in a side x side grid. The
+// index is column-major: the column's grid cell times side plus the row's grid cell.
+inline uint32_t regionIndex(uint32_t x, uint32_t y, uint32_t side, uint32_t width, uint32_t height) {
+    const uint32_t xCoor = x * side / width;
+    const uint32_t yCoor = y * side / height;
+    return xCoor * side + yCoor;
+}
+
+// The skin test of the region metering. Its tests are joined by "or", so every sample passes.
+inline bool countsAsSkin(float lum, float cb, float cr) {
+    return cb > 59.0f || cb < 129.0f || cr > 135.0f || cr < 195.0f || lum > 40.0f || lum < 190.0f;
+}
+
+// Folds a sample position drawn for another frame size back into the image, so that a table
+// drawn before a change of resolution never reads outside the planes.
+inline uint32_t foldIntoImage(int position, uint32_t size) {
+    const auto p = static_cast<uint32_t>(position);
+    return p < size ? p : p % size;
+}
+
+// Samples the image at the positions of pass ii = 0, 1, ... while ii < numSamples: column from
+// table entry (ii + offsetX) mod tableSize, row from entry (ii + offsetY) mod tableSize, in
+// unsigned arithmetic. Fills scratch with numRegions fresh regions (their sums, extremes, counts
+// and skin counts) and the per-sample luminance, and returns the sum over samples of their
+// region's skin count after the sample was counted.
+float sampleRegions(const YuvImage& image, const SampleTable& table, uint32_t tableSize, uint32_t offsetX,
+                    uint32_t offsetY, float numSamples, int32_t numRegions, RegionScratch& scratch);
+
+// Population standard deviation of `values`, given their mean.
+float populationStdDev(const float* values, size_t count, float mean);
+
+// Turns the region sums into means and weights every region by how typical its contrast is
+// (a Gaussian of its luminance deviation about the mean deviation) times its share of the
+// centre prior `winWeights[i] / sumWinWeights`.
+void contrastWeighting(RegionScratch& scratch, const float* winWeights, float sumWinWeights);
+
+// A region's weight after the skin boost, given its skin count and the sum of the skin counts.
+float skinBoostedWeight(float weight, float skinPixelCnt, float sumSkin);
+
+// Mean of the region means weighted by the region weights, on a 0..1 scale.
+float weightedLuminance(const std::vector<Region>& regions);
+
+// Skin statistics of the skin-masked luminance histogram of the half-resolution image.
+struct SkinStats {
+    int32_t sum = 0;          // sum of luminance times count over the skin bins 1..255
+    uint32_t skinPixels = 0;  // pixels counted as skin (bin 0 counts the others)
+    float skinRatio = 0.0f;   // skin share of the image
+};
+
+SkinStats skinStatistics(const uint32_t* histogram, uint32_t width, uint32_t height, uint32_t cudaHeight);
+
+// Mean skin luminance on a 0..1 scale: the integer mean of the histogram, divided by 255.
+float skinMeanNorm(const SkinStats& skin);
+
+struct SkinBlendParams {
+    float skinRatioThreshold = 0.0f;
+    float skinRatioMixThreshold = 0.0f;
+    float skinSegmentedTargetY = 0.0f;  // already offset by the exposure value
+    float skinWeight = 0.0f;
+    float regionWeight = 0.0f;
+};
+
+struct SkinBlend {
+    float y = 0.0f;       // blended luminance
+    bool mixed = false;   // the skin share was just above its threshold: target mixed in
+    float alpha = 0.0f;   // share of the skin target when mixed
+};
+
+// Blends the region luminance with the skin luminance once skin covers more than the threshold.
+// Just above the threshold the skin term slides from the region luminance toward the skin target.
+SkinBlend blendSkin(float regionY, float skinRatio, float skinMeanNorm, const SkinBlendParams& p);
+
+// Gray measure of a pixel: chroma distance from neutral relative to its luminance. A pixel with
+// Y = 0 gives infinity or not-a-number and is never gray.
+inline float grayMeasure(float y, float u, float v) {
+    const float du = u < 128.0f ? 128.0f - u : u - 128.0f;
+    const float dv = v < 128.0f ? 128.0f - v : v - 128.0f;
+    return static_cast<float>((static_cast<double>(du) + static_cast<double>(dv)) / y);
+}
+
+struct GraySums {
+    float sumU = 0.0f;
+    float sumV = 0.0f;
+    int countU = 0;
+    int countV = 0;
+};
+
+// Sums the chroma of the gray samples of pass i = 0, 1, ... while i < numSamples, with positions
+// as sampleRegions takes them but in signed arithmetic.
+GraySums sampleGray(const YuvImage& image, const SampleTable& table, int tableSize, int offsetX, int offsetY,
+                    float numSamples, float grayThreshold);
+
+// Clamps x to [lo, hi]; a value that is not a number stays one.
+inline float clampKeepNaN(float x, float lo, float hi) { return x < lo ? lo : (x > hi ? hi : x); }
+
+struct ExposureStep {
+    float timeMin = 0.0f;  // exposure register range reported by the driver
+    float timeMax = 0.0f;
+    float lowSeconds = 0.0f;  // permitted exposure time, seconds
+    float highSeconds = 0.0f;
+    float exposureP = 0.0f;
+    float manualExposure = 0.0f;  // fallback, used as it stands when the result is not a number
+};
+
+// Next exposure register: a step proportional to the current exposure and to the luminance
+// error, divided by the measured luminance; then limited to the register range and the permitted
+// time. Returned before the final truncation so that the caller sees a not-a-number fallback.
+float nextExposure(float current, float err, float avgY, const ExposureStep& s);
+
+// Next analogue gain factor, in 0.6..16: a step proportional to the luminance error over the
+// gain span 0.6..16; not-a-number falls back to `manualGain`.
+float nextGain(float currentGain, float err, float gainP, float manualGain);
+
+// Next white-balance register of one channel: a step of err * P of the register range, clamped
+// to the range; not-a-number gives the minimum.
+float nextChannelGain(float current, float minGain, float maxGain, float err, float P);
+
+}  // namespace metering
+}  // namespace capture
+}  // namespace ruvo
