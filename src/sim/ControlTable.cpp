@@ -1,0 +1,111 @@
+// The simulated sensor's control descriptions, values and write latency.
+#include "sim/ControlTable.h"
+
+#include "SensorControls.h"
+
+#include <linux/videodev2.h>
+
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+
+namespace ruvo {
+namespace capture {
+namespace sim {
+namespace {
+
+ControlInfo integer(uint32_t id, const char* name, int32_t minimum, int32_t maximum, int32_t defaultValue) {
+    return ControlInfo{id, name, V4L2_CTRL_TYPE_INTEGER, minimum, maximum, 1, defaultValue, 0};
+}
+
+ControlInfo boolean(uint32_t id, const char* name) {
+    return ControlInfo{id, name, V4L2_CTRL_TYPE_BOOLEAN, 0, 1, 1, 0, 0};
+}
+
+}  // namespace
+
+ControlTable::ControlTable(float fps) {
+    using namespace sensor;
+    const auto framePeriodLines =
+        static_cast<int32_t>(std::floor(1e6 / static_cast<double>(fps) / kExposureUnitMicroseconds));
+    const auto defaultLines =
+        static_cast<int32_t>(std::lround(kDefaultExposureSeconds * 1e6 / kExposureUnitMicroseconds));
+    ControlInfo luminance = integer(CID_AVG_LUMINANCE, "Average Luminance", 0, kLuminanceMaximum, 0);
+    luminance.flags = V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_VOLATILE;
+    _infos = {
+        integer(CID_EXPOSURE, "Exposure", 1, framePeriodLines, std::min(defaultLines, framePeriodLines)),
+        integer(CID_GAIN, "Analogue Gain", 0, 2047, 128),
+        boolean(CID_HFLIP, "Horizontal Flip"),
+        boolean(CID_VFLIP, "Vertical Flip"),
+        integer(CID_RED_GAIN, "Red Gain", 0, 4095, 1024),
+        integer(CID_GREEN_GAIN, "Green Gain", 0, 4095, 1024),
+        integer(CID_BLUE_GAIN, "Blue Gain", 0, 4095, 1024),
+        luminance,
+        boolean(CID_METER_ENABLE, "Metering Window Enable"),
+        integer(CID_METER_LEFT, "Metering Window Left", 0, kSensorWidth - 1, 0),
+        integer(CID_METER_TOP, "Metering Window Top", 0, kSensorHeight - 1, 0),
+        integer(CID_METER_WIDTH, "Metering Window Width", 0, kSensorWidth, 0),
+        integer(CID_METER_HEIGHT, "Metering Window Height", 0, kSensorHeight, 0),
+    };
+    std::sort(_infos.begin(), _infos.end(), [](const ControlInfo& a, const ControlInfo& b) { return a.id < b.id; });
+    for (const ControlInfo& info : _infos) _values.push_back(info.defaultValue);
+}
+
+const ControlInfo* ControlTable::find(uint32_t id) const {
+    auto it = std::lower_bound(_infos.begin(), _infos.end(), id,
+                               [](const ControlInfo& info, uint32_t key) { return info.id < key; });
+    return it != _infos.end() && it->id == id ? &*it : nullptr;
+}
+
+const ControlInfo* ControlTable::next(uint32_t id) const {
+    auto it = std::upper_bound(_infos.begin(), _infos.end(), id,
+                               [](uint32_t key, const ControlInfo& info) { return key < info.id; });
+    return it != _infos.end() ? &*it : nullptr;
+}
+
+int32_t ControlTable::value(uint32_t id) const {
+    const ControlInfo* info = find(id);
+    if (!info) throw std::out_of_range("no sensor control " + std::to_string(id));
+    return _values[static_cast<size_t>(info - _infos.data())];
+}
+
+int32_t ControlTable::set(uint32_t id, int32_t requested) {
+    const ControlInfo* info = find(id);
+    if (!info) throw std::out_of_range("no sensor control " + std::to_string(id));
+    int64_t v = requested;
+    if (info->type == V4L2_CTRL_TYPE_BOOLEAN) {
+        v = requested != 0;
+    } else {
+        // Clamp, then round to the nearest step counted from the minimum, as the kernel does.
+        v = std::clamp<int64_t>(v, info->minimum, info->maximum);
+        const int64_t offset = v - info->minimum;
+        v = info->minimum + info->step * ((offset + info->step / 2) / info->step);
+        if (v > info->maximum) v -= info->step;
+    }
+    _values[static_cast<size_t>(info - _infos.data())] = static_cast<int32_t>(v);
+    return static_cast<int32_t>(v);
+}
+
+void DelayedValue::schedule(int32_t value, uint64_t nextFrame, uint32_t delay) {
+    const uint64_t frame = nextFrame + delay;
+    // A later write scheduled for the same or an earlier frame overrides what was pending there.
+    while (!_pending.empty() && _pending.back().frame >= frame) _pending.pop_back();
+    _pending.push_back(Pending{frame, value});
+}
+
+void DelayedValue::reset(int32_t value) {
+    _pending.clear();
+    _effective = value;
+}
+
+int32_t DelayedValue::advanceTo(uint64_t frame) {
+    while (!_pending.empty() && _pending.front().frame <= frame) {
+        _effective = _pending.front().value;
+        _pending.pop_front();
+    }
+    return _effective;
+}
+
+}  // namespace sim
+}  // namespace capture
+}  // namespace ruvo

@@ -1,0 +1,154 @@
+// Rendering, caching, noise and metering of simulated Bayer frames.
+#include "sim/FrameRenderer.h"
+
+#include "sim/SensorModel.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace ruvo {
+namespace capture {
+namespace sim {
+namespace {
+
+bool samePlane(const FrameSettings& a, const FrameSettings& b) {
+    return a.sceneVersion == b.sceneVersion && a.width == b.width && a.height == b.height && a.hFlip == b.hFlip &&
+           a.vFlip == b.vFlip;
+}
+
+bool sameFrame(const FrameSettings& a, const FrameSettings& b) {
+    return samePlane(a, b) && a.exposure == b.exposure && a.gain == b.gain && a.redGain == b.redGain &&
+           a.greenGain == b.greenGain && a.blueGain == b.blueGain && a.illuminance == b.illuminance &&
+           a.colourTemperature == b.colourTemperature && a.pedestal == b.pedestal && a.samples == b.samples;
+}
+
+bool sameRect(const MeterRect& a, const MeterRect& b) {
+    return a.enabled == b.enabled && a.left == b.left && a.top == b.top && a.width == b.width && a.height == b.height;
+}
+
+// Codes per unit reflectance and shot variance per code, indexed by BayerChannel.
+struct ChannelModel {
+    float scale[3];
+    float shot[3];
+};
+
+ChannelModel channelModel(const FrameSettings& s) {
+    const ChannelMultipliers illuminant = colourTemperatureMultipliers(s.colourTemperature);
+    const int32_t gains[3] = {s.redGain, s.greenGain, s.blueGain};
+    const float multipliers[3] = {illuminant.red, 1.0f, illuminant.blue};
+    ChannelModel m{};
+    for (int c = 0; c < 3; ++c) {
+        m.scale[c] = channelScale(s.illuminance, s.exposure, s.gain, gains[c], multipliers[c]);
+        m.shot[c] = shotVariancePerCode(s.gain, gains[c]);
+    }
+    return m;
+}
+
+// The frame-space bounds [x0, x1) x [y0, y1) that a metering rectangle covers.
+struct Bounds {
+    int x0, y0, x1, y1;
+};
+
+Bounds meterBounds(const MeterRect& r, int width, int height) {
+    const auto clampTo = [](int64_t v, int limit) { return static_cast<int>(std::clamp<int64_t>(v, 0, limit)); };
+    const Bounds b{clampTo(r.left, width), clampTo(r.top, height), clampTo(int64_t{r.left} + r.width, width),
+                   clampTo(int64_t{r.top} + r.height, height)};
+    if (!r.enabled || b.x1 <= b.x0 || b.y1 <= b.y0) return Bounds{0, 0, width, height};
+    return b;
+}
+
+}  // namespace
+
+void FrameRenderer::buildPlane(const FrameSettings& s) {
+    _plane.resize(static_cast<size_t>(s.width) * s.height);
+    const Scene& scene = *s.scene;
+#pragma omp parallel for schedule(static)
+    for (int y = 0; y < s.height; ++y) {
+        const int sceneY = s.vFlip ? s.height - 1 - y : y;
+        float* row = &_plane[static_cast<size_t>(y) * s.width];
+        for (int x = 0; x < s.width; ++x) {
+            const Rgb rgb = scene.reflectance(s.hFlip ? s.width - 1 - x : x, sceneY, s.width, s.height);
+            const BayerChannel channel = bayerChannel(x, y);
+            row[x] = channel == kRed ? rgb.r : (channel == kGreen ? rgb.g : rgb.b);
+        }
+    }
+    _planeKey = s;
+    _planeValid = true;
+}
+
+void FrameRenderer::ensureFrame(const FrameSettings& s) {
+    if (_frameValid && sameFrame(_frameKey, s)) return;
+    if (!_planeValid || !samePlane(_planeKey, s)) buildPlane(s);
+    _frame.resize(_plane.size());
+    const ChannelModel m = channelModel(s);
+    const float pedestal = static_cast<float>(s.pedestal);
+    const int shift = sampleShift(s.samples);
+    for (int y = 0; y < s.height; ++y) {
+        const size_t offset = static_cast<size_t>(y) * s.width;
+        const bool evenRow = (y & 1) == 0;
+        renderRow(&_plane[offset], &_frame[offset], s.width, evenRow ? m.scale[kBlue] : m.scale[kGreen],
+                  evenRow ? m.scale[kGreen] : m.scale[kRed], pedestal, shift);
+    }
+    _frameKey = s;
+    _frameValid = true;
+    ++_renders;
+}
+
+void FrameRenderer::write(const FrameSettings& s, const NoiseSettings& noise, uint64_t frameNumber,
+                          uint16_t* destination) {
+    if (noise.enabled) {
+        if (!_planeValid || !samePlane(_planeKey, s)) buildPlane(s);
+        writeNoisy(s, noise, frameNumber, destination);
+        return;
+    }
+    ensureFrame(s);
+    std::memcpy(destination, _frame.data(), _frame.size() * sizeof(uint16_t));
+}
+
+void FrameRenderer::writeNoisy(const FrameSettings& s, const NoiseSettings& noise, uint64_t frameNumber,
+                               uint16_t* destination) const {
+    const ChannelModel m = channelModel(s);
+    const float pedestal = static_cast<float>(s.pedestal);
+    const int shift = sampleShift(s.samples);
+    const float* gaussian = gaussianTable();
+#pragma omp parallel for schedule(static)
+    for (int y = 0; y < s.height; ++y) {
+        const size_t offset = static_cast<size_t>(y) * s.width;
+        const BayerChannel channels[2] = {bayerChannel(0, y), bayerChannel(1, y)};
+        uint64_t state = noiseState(noise.seed, frameNumber, y);
+        uint64_t bits = 0;
+        for (int x = 0; x < s.width; ++x) {
+            // Four 16-bit table indices per 64 random bits.
+            if ((x & 3) == 0) bits = splitMix64(state);
+            const float z = gaussian[bits & 0xFFFF];
+            bits >>= 16;
+            const BayerChannel c = channels[x & 1];
+            const float signal = _plane[offset + x] * m.scale[c];
+            destination[offset + x] =
+                storeSample(signal + z * noiseSigma(signal, m.shot[c], noise.readNoise), pedestal, shift);
+        }
+    }
+}
+
+int32_t FrameRenderer::meanLevel(const FrameSettings& s, const MeterRect& rect) {
+    ensureFrame(s);
+    if (_meterValue >= 0 && _meterRender == _renders && sameRect(_meterKey, rect)) return _meterValue;
+    const Bounds b = meterBounds(rect, s.width, s.height);
+    const int shift = sampleShift(s.samples);
+    uint64_t sum = 0;
+    for (int y = b.y0; y < b.y1; ++y) {
+        const uint16_t* row = &_frame[static_cast<size_t>(y) * s.width];
+        uint32_t rowSum = 0;
+        for (int x = b.x0; x < b.x1; ++x) rowSum += row[x] >> shift;
+        sum += rowSum;
+    }
+    const uint64_t count = static_cast<uint64_t>(b.x1 - b.x0) * static_cast<uint64_t>(b.y1 - b.y0);
+    _meterValue = static_cast<int32_t>((sum + count / 2) / count);
+    _meterKey = rect;
+    _meterRender = _renders;
+    return _meterValue;
+}
+
+}  // namespace sim
+}  // namespace capture
+}  // namespace ruvo

@@ -1,0 +1,282 @@
+// The simulated sensor's V4L2 requests: capability, formats, user-pointer buffers, streaming
+// and controls, each with the kernel's checks and errno values. Called under the sensor's mutex.
+#include "sim/SimulatedSensor.h"
+
+#include "SensorControls.h"
+
+#include <fcntl.h>
+#include <linux/version.h>
+
+#include <array>
+#include <cmath>
+#include <cstring>
+
+namespace ruvo {
+namespace capture {
+namespace sim {
+namespace {
+
+struct FrameSize {
+    uint32_t width, height;
+};
+constexpr std::array<FrameSize, 4> kFrameSizes = {{{672, 380}, {1280, 720}, {1920, 1080}, {2688, 1520}}};
+// The most buffers one REQBUFS grants, as the kernel's queue limit.
+constexpr uint32_t kMaxBuffers = 32;
+
+FrameSize nearestSize(uint32_t width, uint32_t height) {
+    FrameSize best = kFrameSizes[0];
+    double bestDistance = INFINITY;
+    for (const FrameSize& size : kFrameSizes) {
+        const double dx = static_cast<double>(width) - size.width;
+        const double dy = static_cast<double>(height) - size.height;
+        if (dx * dx + dy * dy < bestDistance) {
+            bestDistance = dx * dx + dy * dy;
+            best = size;
+        }
+    }
+    return best;
+}
+
+void copyName(uint8_t* destination, size_t size, const std::string& text) {
+    std::memset(destination, 0, size);
+    std::memcpy(destination, text.data(), std::min(size - 1, text.size()));
+}
+
+}  // namespace
+
+int SimulatedSensor::dispatch(std::unique_lock<std::mutex>& lock, int fd, unsigned long request, void* argument) {
+    switch (request) {
+        case VIDIOC_QUERYCAP:
+            return queryCapability(static_cast<v4l2_capability*>(argument));
+        case VIDIOC_ENUM_FMT:
+            return enumerateFormat(static_cast<v4l2_fmtdesc*>(argument));
+        case VIDIOC_ENUM_FRAMESIZES:
+            return enumerateFrameSizes(static_cast<v4l2_frmsizeenum*>(argument));
+        case VIDIOC_G_FMT:
+            return getFormat(static_cast<v4l2_format*>(argument));
+        case VIDIOC_S_FMT:
+            return setFormat(static_cast<v4l2_format*>(argument), true);
+        case VIDIOC_TRY_FMT:
+            return setFormat(static_cast<v4l2_format*>(argument), false);
+        case VIDIOC_G_PARM:
+            return getParameters(static_cast<v4l2_streamparm*>(argument));
+        case VIDIOC_REQBUFS:
+            return requestBuffers(fd, static_cast<v4l2_requestbuffers*>(argument));
+        case VIDIOC_QUERYBUF:
+            return queryBuffer(static_cast<v4l2_buffer*>(argument));
+        case VIDIOC_QBUF:
+            return queueBuffer(fd, static_cast<v4l2_buffer*>(argument));
+        case VIDIOC_DQBUF:
+            return dequeueBuffer(lock, fd, static_cast<v4l2_buffer*>(argument));
+        case VIDIOC_STREAMON:
+            return streamOn(fd, static_cast<const int*>(argument));
+        case VIDIOC_STREAMOFF:
+            return streamOff(lock, fd, static_cast<const int*>(argument));
+        case VIDIOC_QUERYCTRL:
+            return queryControl(static_cast<v4l2_queryctrl*>(argument));
+        case VIDIOC_G_CTRL:
+            return getControl(static_cast<v4l2_control*>(argument));
+        case VIDIOC_S_CTRL:
+            return setControl(static_cast<v4l2_control*>(argument));
+        default:
+            return ENOTTY;
+    }
+}
+
+int SimulatedSensor::queryCapability(v4l2_capability* cap) const {
+    std::memset(cap, 0, sizeof *cap);
+    copyName(cap->driver, sizeof cap->driver, "ruvo-sim");
+    copyName(cap->card, sizeof cap->card, "Simulated 10-bit Bayer sensor");
+    copyName(cap->bus_info, sizeof cap->bus_info, "platform:" + _path);
+    cap->version = LINUX_VERSION_CODE;
+    cap->device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+    cap->capabilities = cap->device_caps | V4L2_CAP_DEVICE_CAPS;
+    return 0;
+}
+
+int SimulatedSensor::enumerateFormat(v4l2_fmtdesc* desc) const {
+    if (desc->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || desc->index != 0) return EINVAL;
+    const uint32_t type = desc->type;
+    std::memset(desc, 0, sizeof *desc);
+    desc->type = type;
+    desc->pixelformat = V4L2_PIX_FMT_SBGGR10;
+    copyName(desc->description, sizeof desc->description, "10-bit Bayer BGBG/GRGR");
+    return 0;
+}
+
+int SimulatedSensor::enumerateFrameSizes(v4l2_frmsizeenum* size) const {
+    if (size->pixel_format != V4L2_PIX_FMT_SBGGR10 || size->index >= kFrameSizes.size()) return EINVAL;
+    size->type = V4L2_FRMSIZE_TYPE_DISCRETE;
+    size->discrete.width = kFrameSizes[size->index].width;
+    size->discrete.height = kFrameSizes[size->index].height;
+    return 0;
+}
+
+int SimulatedSensor::getFormat(v4l2_format* format) const {
+    if (format->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+    format->fmt.pix = _format;
+    return 0;
+}
+
+int SimulatedSensor::setFormat(v4l2_format* format, bool apply) {
+    if (format->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+    // The frame size cannot change under buffers that are being filled or waiting to be.
+    if (apply && (_streaming || _buffers.withDriver() > 0)) return EBUSY;
+    const FrameSize size = nearestSize(format->fmt.pix.width, format->fmt.pix.height);
+    v4l2_pix_format& pix = format->fmt.pix;
+    std::memset(&pix, 0, sizeof pix);
+    pix.width = size.width;
+    pix.height = size.height;
+    // The one format there is: any other request is answered with it.
+    pix.pixelformat = V4L2_PIX_FMT_SBGGR10;
+    pix.field = V4L2_FIELD_NONE;
+    pix.bytesperline = 2 * size.width;
+    pix.sizeimage = 2 * size.width * size.height;
+    pix.colorspace = V4L2_COLORSPACE_RAW;
+    if (apply) _format = pix;
+    return 0;
+}
+
+int SimulatedSensor::getParameters(v4l2_streamparm* parameters) const {
+    if (parameters->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+    std::memset(&parameters->parm, 0, sizeof parameters->parm);
+    // The frame period as a fraction in microseconds.
+    parameters->parm.capture.timeperframe.numerator = static_cast<uint32_t>(std::lround(1e6 / _config.fps));
+    parameters->parm.capture.timeperframe.denominator = 1000000;
+    return 0;
+}
+
+int SimulatedSensor::checkOwner(int fd) const { return _owner != -1 && _owner != fd ? EBUSY : 0; }
+
+int SimulatedSensor::requestBuffers(int fd, v4l2_requestbuffers* request) {
+    if (request->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || request->memory != V4L2_MEMORY_USERPTR) return EINVAL;
+    if (const int busy = checkOwner(fd)) return busy;
+    if (_streaming) return EBUSY;
+    request->count = std::min(request->count, kMaxBuffers);
+    _buffers.reset(request->count, _format.sizeimage);
+    _owner = request->count > 0 ? fd : -1;
+    request->capabilities = V4L2_BUF_CAP_SUPPORTS_USERPTR;
+    return 0;
+}
+
+void SimulatedSensor::describeBuffer(size_t index, v4l2_buffer* buffer) const {
+    const BufferSlot& slot = _buffers.slot(index);
+    std::memset(buffer, 0, sizeof *buffer);
+    buffer->index = static_cast<uint32_t>(index);
+    buffer->type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buffer->memory = V4L2_MEMORY_USERPTR;
+    buffer->m.userptr = slot.userptr;
+    buffer->length = slot.length;
+    buffer->field = V4L2_FIELD_NONE;
+    buffer->flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
+    if (slot.state == BufferState::Queued || slot.state == BufferState::Filling) buffer->flags |= V4L2_BUF_FLAG_QUEUED;
+    if (slot.state == BufferState::Done) buffer->flags |= V4L2_BUF_FLAG_DONE;
+    buffer->bytesused = slot.bytesused;
+    buffer->sequence = slot.sequence;
+    buffer->timestamp = slot.timestamp;
+}
+
+int SimulatedSensor::queryBuffer(v4l2_buffer* buffer) const {
+    if (buffer->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || buffer->index >= _buffers.count()) return EINVAL;
+    describeBuffer(buffer->index, buffer);
+    return 0;
+}
+
+int SimulatedSensor::queueBuffer(int fd, v4l2_buffer* buffer) {
+    if (buffer->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || buffer->memory != V4L2_MEMORY_USERPTR) return EINVAL;
+    if (const int busy = checkOwner(fd)) return busy;
+    if (buffer->index >= _buffers.count()) return EINVAL;
+    if (buffer->m.userptr == 0 || buffer->length < _format.sizeimage) return EINVAL;
+    if (_buffers.slot(buffer->index).state != BufferState::Dequeued) return EINVAL;
+    if (_queueErrno != 0) {
+        const int injected = _queueErrno;
+        _queueErrno = 0;
+        return injected;
+    }
+    _buffers.queue(buffer->index, buffer->m.userptr, buffer->length);
+    describeBuffer(buffer->index, buffer);
+    _clockCv.notify_all();
+    return 0;
+}
+
+int SimulatedSensor::dequeueBuffer(std::unique_lock<std::mutex>& lock, int fd, v4l2_buffer* buffer) {
+    if (buffer->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || buffer->memory != V4L2_MEMORY_USERPTR) return EINVAL;
+    if (const int busy = checkOwner(fd)) return busy;
+    const bool blocking = (_files.at(fd).flags & O_NONBLOCK) == 0;
+    if (blocking)
+        _frameCv.wait(lock, [&] { return _disconnected || _dequeueErrno != 0 || !_streaming || _buffers.hasFilled(); });
+    if (_disconnected) return ENODEV;
+    if (_dequeueErrno != 0) return _dequeueErrno;
+    if (!_streaming) return EINVAL;
+    const int index = _buffers.dequeue();
+    if (index < 0) return EAGAIN;
+    describeBuffer(static_cast<size_t>(index), buffer);
+    return 0;
+}
+
+int SimulatedSensor::streamOn(int fd, const int* type) {
+    if (*type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+    if (const int busy = checkOwner(fd)) return busy;
+    if (_buffers.count() == 0) return EINVAL;
+    if (_streamOnErrno != 0) {
+        const int injected = _streamOnErrno;
+        _streamOnErrno = 0;
+        return injected;
+    }
+    if (!_streaming) startStreaming();
+    return 0;
+}
+
+int SimulatedSensor::streamOff(std::unique_lock<std::mutex>& lock, int fd, const int* type) {
+    if (*type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+    if (const int busy = checkOwner(fd)) return busy;
+    stopStreaming(lock);
+    return 0;
+}
+
+int SimulatedSensor::queryControl(v4l2_queryctrl* query) const {
+    const uint32_t flags = V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND;
+    const ControlInfo* info =
+        (query->id & V4L2_CTRL_FLAG_NEXT_CTRL) ? _controls.next(query->id & ~flags) : _controls.find(query->id);
+    if (!info) return EINVAL;
+    std::memset(query, 0, sizeof *query);
+    query->id = info->id;
+    query->type = info->type;
+    copyName(query->name, sizeof query->name, info->name);
+    query->minimum = info->minimum;
+    query->maximum = info->maximum;
+    query->step = info->step;
+    query->default_value = info->defaultValue;
+    query->flags = info->flags;
+    return 0;
+}
+
+int SimulatedSensor::getControl(v4l2_control* control) const {
+    if (!_controls.find(control->id)) return EINVAL;
+    control->value = _controls.value(control->id);
+    return 0;
+}
+
+int SimulatedSensor::setControl(v4l2_control* control) {
+    const ControlInfo* info = _controls.find(control->id);
+    if (!info) return EINVAL;
+    if (info->flags & V4L2_CTRL_FLAG_READ_ONLY) return EACCES;
+    control->value = _controls.set(control->id, control->value);
+    // Exposure and gain are latched by the sensor a number of frames after the write; while it
+    // is not streaming, the next frame sees them.
+    DelayedValue* delayed = control->id == sensor::CID_EXPOSURE ? &_exposure
+                            : control->id == sensor::CID_GAIN   ? &_gain
+                                                                : nullptr;
+    if (delayed) {
+        const uint32_t delay = control->id == sensor::CID_EXPOSURE ? _config.exposureDelay : _config.gainDelay;
+        if (_streaming)
+            delayed->schedule(control->value, _nextFrame, delay);
+        else
+            delayed->reset(control->value);
+    }
+    return 0;
+}
+
+}  // namespace sim
+}  // namespace capture
+}  // namespace ruvo
