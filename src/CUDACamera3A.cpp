@@ -129,7 +129,8 @@ const uint32_t* CUDACamera::skinHistogram(const Bucket& bucket) const {
 // contrast, centre prior and skin, and blended with the skin luminance when enough skin shows.
 float CUDACamera::meteredLuminance(const Bucket& bucket, const uint32_t* histogram, uint32_t offsetX,
                                    uint32_t offsetY) {
-    const metering::SkinStats skin = metering::skinStatistics(histogram, bucket.width, bucket.height, bucket.cuda_height);
+    const metering::SkinStats skin =
+        metering::skinStatistics(histogram, bucket.width, bucket.height, bucket.cuda_height);
     const float sumSkin =
         metering::sampleRegions(fullImage(bucket), _initialSampleDist, _params.numSamples, offsetX, offsetY,
                                 _params.ae.numSamples, _params.ae.numRegions, _regionScratch);
@@ -228,10 +229,9 @@ void CUDACamera::restoreWhiteBalance() {
 // Only the channel with the larger error moves (red on a tie); with nothing gray in view a
 // random error of at most 0.1 moves one gain so that the loop cannot stay stuck.
 void CUDACamera::autoWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY) {
-    const metering::GraySums gray =
-        metering::sampleGray(fullImage(bucket), _initialSampleDist, static_cast<int>(_params.numSamples),
-                             static_cast<int>(offsetX), static_cast<int>(offsetY), _params.awb.numSamples,
-                             _params.awb.grayThreshold);
+    const metering::GraySums gray = metering::sampleGray(
+        fullImage(bucket), _initialSampleDist, static_cast<int>(_params.numSamples), static_cast<int>(offsetX),
+        static_cast<int>(offsetY), _params.awb.numSamples, _params.awb.grayThreshold);
     const float P = _params.awb.P;
     const float targetU = _params.awb.targetU;
     const float targetV = _params.awb.targetV;
@@ -241,8 +241,8 @@ void CUDACamera::autoWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32
         const float perturbationU = noise();
         const float perturbationV = noise();
         if (_logger.debug()) {
-            Poco::LogStream(_logger).debug() << "AWB stuck, perturbation applied " << perturbationU << ", "
-                                             << perturbationV << std::endl;
+            Poco::LogStream(_logger).debug()
+                << "AWB stuck, perturbation applied " << perturbationU << ", " << perturbationV << std::endl;
         }
         avgU = targetU + perturbationU;
         avgV = targetV + perturbationV;

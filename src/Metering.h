@@ -113,9 +113,9 @@ struct SkinBlendParams {
 };
 
 struct SkinBlend {
-    float y = 0.0f;       // blended luminance
-    bool mixed = false;   // the skin share was just above its threshold: target mixed in
-    float alpha = 0.0f;   // share of the skin target when mixed
+    float y = 0.0f;      // blended luminance
+    bool mixed = false;  // the skin share was just above its threshold: target mixed in
+    float alpha = 0.0f;  // share of the skin target when mixed
 };
 
 // Blends the region luminance with the skin luminance once skin covers more than the threshold.

@@ -1,0 +1,355 @@
+// The arithmetic of auto exposure and white balance, checked against values worked out by hand
+// or computed here by direct loops: register conversions, sampling and region statistics,
+// contrast and skin weights, skin statistics and blend, the gray test and the controller steps.
+#include "Metering.h"
+#include "SensorControls.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <vector>
+
+namespace ruvo {
+namespace capture {
+namespace {
+
+using metering::Region;
+using metering::RegionScratch;
+
+// ---- register conversions ----
+
+TEST(GainToRegister, ManualGainsAndClamps) {
+    EXPECT_EQ(gainToRegister(1.0f), 128);
+    EXPECT_EQ(gainToRegister(3.0f), 440);
+    EXPECT_EQ(gainToRegister(16.0f), 2039);
+    EXPECT_EQ(gainToRegister(-1.0f), 0);
+    EXPECT_EQ(gainToRegister(0.6f), 76);
+    EXPECT_EQ(gainToRegister(1000.0f), 2039);
+    EXPECT_EQ(gainToRegister(std::numeric_limits<float>::quiet_NaN()), 0);
+}
+
+TEST(GainToRegister, StageBoundariesJumpInRegisterSpace) {
+    EXPECT_EQ(gainToRegister(1.99f), 254);
+    EXPECT_EQ(gainToRegister(2.0f), 376);
+    EXPECT_EQ(gainToRegister(4.0f), 884);
+    EXPECT_EQ(gainToRegister(8.0f), 1912);
+}
+
+// Within the sensor's gain stages the register encodes the gain to one fine step of its stage,
+// rounding down: decoding never overshoots and loses less than one step.
+TEST(GainToRegister, DecodesBackWithinOneFineStep) {
+    for (float g = 0.0f; g < 15.99f; g += 0.00731f) {
+        const float decoded = gainFromRegister(gainToRegister(g));
+        const float step = g < 2.0f ? 1.0f / 128 : g < 4.0f ? 1.0f / 64 : g < 8.0f ? 1.0f / 32 : 1.0f / 16;
+        EXPECT_LE(decoded, g + 1e-4f) << g;
+        EXPECT_GT(decoded, g - step - 1e-4f) << g;
+    }
+}
+
+TEST(ExposureUnits, SecondsAndRegisters) {
+    // 1/30 s is 74433.9988 lines. (The float nearest 1/30 is 0.0039 lines longer and so is
+    // line 74434: the driver's frame-period maximum of 74433 clamps it at 30 frames/s.)
+    EXPECT_EQ(secondsToExposureRegister(1.0 / 30.0), 74433);
+    EXPECT_EQ(secondsToExposureRegister(0.01), 22330);
+    EXPECT_EQ(secondsToExposureRegister(0.0), 0);
+    EXPECT_NEAR(exposureRegisterToSeconds(74433), 74433 * 0.44782403e-6, 1e-12);
+    EXPECT_NEAR(exposureRegisterToSeconds(1000000.0 / 0.44782403), 1.0, 1e-9);
+    EXPECT_EQ(secondsToExposureRegister(std::numeric_limits<double>::quiet_NaN()), 0);
+    EXPECT_EQ(secondsToExposureRegister(1e30), INT32_MAX);
+    EXPECT_EQ(secondsToExposureRegister(-1e30), INT32_MIN);
+}
+
+// ---- sampling ----
+
+TEST(RegionIndex, ColumnMajorOverTheGrid) {
+    // 2 x 2 grid over a 100 x 50 image: the top-right quarter is region 2, bottom-left region 1.
+    EXPECT_EQ(metering::regionIndex(75, 10, 2, 100, 50), 2u);
+    EXPECT_EQ(metering::regionIndex(10, 40, 2, 100, 50), 1u);
+    EXPECT_EQ(metering::regionIndex(99, 49, 2, 100, 50), 3u);
+    EXPECT_EQ(metering::regionIndex(0, 0, 4, 100, 50), 0u);
+    EXPECT_EQ(metering::gridSide(16), 4u);
+    EXPECT_EQ(metering::gridSide(10), 3u);
+    EXPECT_EQ(metering::gridSide(0), 0u);
+}
+
+// A small YUV 4:2:0 image whose every byte is a known function of its position.
+struct TestImage {
+    uint32_t width, height, rows;
+    std::vector<uint8_t> bytes;
+    TestImage(uint32_t w, uint32_t h, uint32_t r) : width(w), height(h), rows(r), bytes(w * r * 3 / 2, 0) {}
+    uint8_t& y(uint32_t x, uint32_t row) { return bytes[row * width + x]; }
+    uint8_t& u(uint32_t x, uint32_t row) { return bytes[width * rows + (row / 2) * (width / 2) + x / 2]; }
+    uint8_t& v(uint32_t x, uint32_t row) { return bytes[width * rows * 5 / 4 + (row / 2) * (width / 2) + x / 2]; }
+    metering::YuvImage view() const { return metering::yuvImage(bytes.data(), width, height, rows); }
+};
+
+TEST(SampleRegions, ColumnAndRowComeFromDifferentTableEntries) {
+    TestImage image(8, 4, 4);
+    for (uint32_t r = 0; r < 4; ++r)
+        for (uint32_t x = 0; x < 8; ++x) image.y(x, r) = static_cast<uint8_t>(10 * r + x);
+    const metering::SampleTable table = {{1, 0}, {3, 1}, {5, 2}, {7, 3}};
+    RegionScratch scratch;
+    metering::sampleRegions(image.view(), table, 4, 1, 3, 4.0f, 4, scratch);
+    // Sample i: column of entry (i + 1) % 4, row of entry (i + 3) % 4.
+    const std::vector<float> expected = {3 + 30, 5 + 0, 7 + 10, 1 + 20};
+    EXPECT_EQ(scratch.sampleLum, expected);
+}
+
+TEST(SampleRegions, RegionSumsExtremesAndTheOrSkinCount) {
+    TestImage image(40, 20, 20);
+    for (uint32_t r = 0; r < 20; ++r) {
+        for (uint32_t x = 0; x < 40; ++x) {
+            image.y(x, r) = static_cast<uint8_t>(3 * x + r);
+            image.u(x, r) = 250;  // far outside any skin range
+            image.v(x, r) = 5;
+        }
+    }
+    metering::SampleTable table;
+    for (int i = 0; i < 50; ++i) table.emplace_back((i * 7) % 40, (i * 3) % 20);
+    RegionScratch scratch;
+    const float sumSkin = metering::sampleRegions(image.view(), table, 50, 0, 0, 50.0f, 4, scratch);
+
+    // Direct loop: per region of the 2 x 2 grid, column-major.
+    std::vector<float> sum(4, 0.0f), lo(4, 1e9f), hi(4, -1e9f);
+    std::vector<int> count(4, 0);
+    for (const auto& [x, y] : table) {
+        const int region = (x < 20 ? 0 : 2) + (y < 10 ? 0 : 1);
+        const float lum = static_cast<float>(3 * x + y);
+        sum[region] += lum;
+        lo[region] = std::min(lo[region], lum);
+        hi[region] = std::max(hi[region], lum);
+        count[region] += 1;
+    }
+    float expectedSumSkin = 0.0f;
+    for (int r = 0; r < 4; ++r) {
+        const Region& region = scratch.regions[r];
+        EXPECT_EQ(region.counter, count[r]);
+        EXPECT_FLOAT_EQ(region.avgLum, sum[r]);
+        EXPECT_EQ(region.minLum, lo[r]);
+        EXPECT_EQ(region.maxLum, hi[r]);
+        // Every sample counts as skin, whatever its colour.
+        EXPECT_EQ(region.skinPixelCnt, static_cast<float>(count[r]));
+        expectedSumSkin += count[r] * (count[r] + 1) / 2.0f;
+    }
+    EXPECT_EQ(sumSkin, expectedSumSkin);
+}
+
+TEST(SampleRegions, ChromaPlanesFollowTheAllocatedRows) {
+    // 8 x 6 visible, 8 rows allocated: U starts after 8 x 8 luma bytes.
+    TestImage image(8, 6, 8);
+    image.u(5, 3) = 90;
+    image.v(5, 3) = 170;
+    const metering::YuvImage view = image.view();
+    EXPECT_EQ(view.u - view.y, 64);
+    EXPECT_EQ(view.v - view.y, 80);
+    EXPECT_EQ(view.u[(3 / 2) * 4 + 5 / 2], 90);
+    EXPECT_EQ(view.v[(3 / 2) * 4 + 5 / 2], 170);
+}
+
+TEST(SampleRegions, PositionsOutsideASmallerFrameAreFoldedIn) {
+    EXPECT_EQ(metering::foldIntoImage(5, 8), 5u);
+    EXPECT_EQ(metering::foldIntoImage(1279, 672), 1279u % 672u);
+}
+
+// ---- weights ----
+
+// Regions filled by hand: region r holds the given samples.
+RegionScratch scratchWithSamples(const std::vector<std::vector<float>>& samples) {
+    RegionScratch scratch;
+    scratch.regions.assign(samples.size(), Region());
+    for (uint32_t r = 0; r < samples.size(); ++r) {
+        for (float lum : samples[r]) {
+            scratch.regions[r].avgLum += lum;
+            scratch.regions[r].counter += 1;
+            scratch.sampleRegion.push_back(r);
+            scratch.sampleLum.push_back(lum);
+        }
+    }
+    return scratch;
+}
+
+TEST(ContrastWeighting, TypicalContrastWeighsMostTimesThePrior) {
+    // Deviations 0, 0, 4, 0: mean 1, spread sqrt(3); the Gaussian has variance 2 * 3, with the
+    // extra factor 0.5 in the exponent.
+    RegionScratch scratch = scratchWithSamples({{100, 100}, {50, 50}, {96, 104}, {200, 200}});
+    const float prior[] = {1.0f, 2.0f, 3.0f, 4.0f};
+    metering::contrastWeighting(scratch, prior, 10.0f);
+    EXPECT_FLOAT_EQ(scratch.regions[2].avgLum, 100.0f);
+    EXPECT_FLOAT_EQ(scratch.devLum[2], 4.0f);
+    EXPECT_NEAR(scratch.regions[0].weight, std::exp(-1.0 / 12) * 0.1, 1e-6);
+    EXPECT_NEAR(scratch.regions[1].weight, std::exp(-1.0 / 12) * 0.2, 1e-6);
+    EXPECT_NEAR(scratch.regions[2].weight, std::exp(-0.75) * 0.3, 1e-6);
+    EXPECT_NEAR(scratch.regions[3].weight, std::exp(-1.0 / 12) * 0.4, 1e-6);
+}
+
+TEST(ContrastWeighting, EqualContrastOrAnEmptyRegionGivesNotANumber) {
+    RegionScratch uniform = scratchWithSamples({{10, 20}, {30, 40}});
+    const float prior[] = {1.0f, 1.0f};
+    metering::contrastWeighting(uniform, prior, 2.0f);
+    EXPECT_TRUE(std::isnan(metering::weightedLuminance(uniform.regions)));
+
+    RegionScratch empty = scratchWithSamples({{10, 20}, {}});
+    metering::contrastWeighting(empty, prior, 2.0f);
+    EXPECT_TRUE(std::isnan(empty.regions[1].avgLum));
+    EXPECT_TRUE(std::isnan(metering::weightedLuminance(empty.regions)));
+}
+
+TEST(SkinBoost, ThreeBandsOfTheSkinShare) {
+    // share >= 0.2: times (1 + share)
+    EXPECT_FLOAT_EQ(metering::skinBoostedWeight(0.5f, 30.0f, 100.0f), 0.5f * 1.3f);
+    EXPECT_FLOAT_EQ(metering::skinBoostedWeight(0.5f, 20.0f, 100.0f), 0.5f * 1.2f);
+    // share < 0.1: unchanged
+    EXPECT_FLOAT_EQ(metering::skinBoostedWeight(0.5f, 9.0f, 100.0f), 0.5f);
+    // between: mix 0.5 of the old weight and the boost, times the boost
+    EXPECT_FLOAT_EQ(metering::skinBoostedWeight(0.5f, 15.0f, 100.0f), 0.5f * 1.15f * (0.25f + 0.575f));
+    // at 0.1 the mix is 0: the weight is squared and boosted
+    EXPECT_FLOAT_EQ(metering::skinBoostedWeight(0.5f, 10.0f, 100.0f), 0.5f * 1.1f * 0.5f);
+}
+
+TEST(WeightedLuminance, MeanOfRegionMeansOnAUnitScale) {
+    std::vector<Region> regions(2);
+    regions[0].avgLum = 100.0f;
+    regions[0].weight = 1.0f;
+    regions[1].avgLum = 200.0f;
+    regions[1].weight = 3.0f;
+    EXPECT_FLOAT_EQ(metering::weightedLuminance(regions), 175.0f / 255.0f);
+}
+
+// ---- skin statistics and blend ----
+
+TEST(SkinStatistics, HistogramOfTheHalfResolutionImage) {
+    std::vector<uint32_t> h(256, 0);
+    const uint32_t quarter = 1280 * 720 / 4;
+    h[0] = quarter - 1000;
+    h[100] = 600;
+    h[200] = 400;
+    const metering::SkinStats skin = metering::skinStatistics(h.data(), 1280, 720, 720);
+    EXPECT_EQ(skin.sum, 140000);
+    EXPECT_EQ(skin.skinPixels, 1000u);
+    EXPECT_FLOAT_EQ(skin.skinRatio, 1000.0f / 1280 / 720 * 4);
+    EXPECT_FLOAT_EQ(metering::skinMeanNorm(skin), 140.0f / 255.0f);
+}
+
+TEST(SkinStatistics, PaddedRowsCountInThePixelsButNotInTheRatio) {
+    std::vector<uint32_t> h(256, 0);
+    h[0] = 1920 * 1080 / 4;  // the padding rows 1080..1151 are left over as skin
+    h[255] = 1;
+    const metering::SkinStats skin = metering::skinStatistics(h.data(), 1920, 1080, 1152);
+    EXPECT_EQ(skin.skinPixels, 1920u * 72 / 4);
+    EXPECT_FLOAT_EQ(skin.skinRatio, static_cast<float>(1920 * 72 / 4) / 1920 / 1080 * 4);
+    // The mean is an integer division: 255 / 34560 is 0.
+    EXPECT_EQ(metering::skinMeanNorm(skin), 0.0f);
+}
+
+metering::SkinBlendParams blendParams() {
+    metering::SkinBlendParams p;
+    p.skinRatioThreshold = 0.01f;
+    p.skinRatioMixThreshold = 0.03f;
+    p.skinSegmentedTargetY = 0.5f;
+    p.skinWeight = 0.7f;
+    p.regionWeight = 0.3f;
+    return p;
+}
+
+TEST(SkinBlend, JustAboveTheThresholdSlidesTowardTheSkinTarget) {
+    const metering::SkinBlend blend = metering::blendSkin(0.2f, 0.025f, 0.9f, blendParams());
+    EXPECT_TRUE(blend.mixed);
+    EXPECT_NEAR(blend.alpha, 0.5f, 1e-6);
+    EXPECT_NEAR(blend.y, (0.5f * 0.2f + 0.5f * 0.5f) * 0.7f + 0.2f * 0.3f, 1e-6);
+}
+
+TEST(SkinBlend, WellAboveTheThresholdUsesTheSkinMean) {
+    const metering::SkinBlend blend = metering::blendSkin(0.2f, 0.05f, 0.9f, blendParams());
+    EXPECT_FALSE(blend.mixed);
+    EXPECT_NEAR(blend.y, 0.9f * 0.7f + 0.2f * 0.3f, 1e-6);
+}
+
+// ---- gray test ----
+
+TEST(GrayMeasure, ChromaDistanceOverLuminance) {
+    EXPECT_EQ(metering::grayMeasure(100, 128, 128), 0.0f);
+    EXPECT_FLOAT_EQ(metering::grayMeasure(100, 118, 138), 0.2f);
+    EXPECT_FLOAT_EQ(metering::grayMeasure(50, 140, 125), 0.3f);
+    // Y = 0: infinite or undefined, never below a threshold.
+    EXPECT_FALSE(metering::grayMeasure(0, 128, 128) < 0.3f);
+    EXPECT_FALSE(metering::grayMeasure(0, 130, 128) < 0.3f);
+}
+
+TEST(SampleGray, CountsOnlyGraySamples) {
+    TestImage image(16, 8, 8);
+    for (uint32_t r = 0; r < 8; ++r) {
+        for (uint32_t x = 0; x < 16; ++x) {
+            image.y(x, r) = 100;
+            image.u(x, r) = x < 8 ? 120 : 60;  // left half gray (F = 0.16), right half coloured
+            image.v(x, r) = x < 8 ? 136 : 200;
+        }
+    }
+    metering::SampleTable table;
+    for (int i = 0; i < 16; ++i) table.emplace_back(i, i % 8);
+    const metering::GraySums sums = metering::sampleGray(image.view(), table, 16, 0, 0, 16.0f, 0.3f);
+    EXPECT_EQ(sums.countU, 8);
+    EXPECT_EQ(sums.countV, 8);
+    EXPECT_EQ(sums.sumU, 8 * 120.0f);
+    EXPECT_EQ(sums.sumV, 8 * 136.0f);
+    EXPECT_EQ(metering::sampleGray(image.view(), table, 16, 0, 0, 0.0f, 0.3f).countU, 0);
+}
+
+// ---- controller steps ----
+
+metering::ExposureStep exposureStep() {
+    metering::ExposureStep s;
+    s.timeMin = 1.0f;
+    s.timeMax = 74433.0f;
+    s.lowSeconds = 0.000166667f;
+    s.highSeconds = 1.0f / 30.0f;
+    s.exposureP = 0.05f;
+    s.manualExposure = 1.0f / 30.0f;
+    return s;
+}
+
+TEST(NextExposure, StepProportionalToExposureAndErrorOverLuminance) {
+    // time fraction t = 10000 / 74432; new = 1 + t * (1 + 0.1 * 0.05 / 0.2) * 74432 = 10251,
+    // give or take the truncations through seconds.
+    EXPECT_NEAR(metering::nextExposure(10001.0f, 0.1f, 0.2f, exposureStep()), 10250.0f, 1.0f);
+    EXPECT_NEAR(metering::nextExposure(10001.0f, -0.1f, 0.4f, exposureStep()), 9876.0f, 1.0f);
+}
+
+TEST(NextExposure, LimitedByRegisterRangeAndPermittedTime) {
+    // Far too dark: the register maximum, within 1/30 s; the way through seconds may lose the
+    // last unit to truncation.
+    EXPECT_NEAR(metering::nextExposure(70000.0f, 10.0f, 0.01f, exposureStep()), 74433.0f, 1.0f);
+    EXPECT_LE(metering::nextExposure(70000.0f, 10.0f, 0.01f, exposureStep()), 74433.0f);
+    // Far too bright: the register minimum, then the shortest permitted time, 372.17 units.
+    EXPECT_EQ(metering::nextExposure(1000.0f, -10.0f, 0.01f, exposureStep()), 372.0f);
+    metering::ExposureStep narrow = exposureStep();
+    narrow.highSeconds = 0.01f;
+    EXPECT_EQ(metering::nextExposure(70000.0f, 10.0f, 0.01f, narrow), 22330.0f);
+}
+
+TEST(NextExposure, NotANumberFallsBackToTheManualTimeUnconverted) {
+    // At the register minimum with zero error and zero luminance the step is 0 / 0.
+    EXPECT_EQ(metering::nextExposure(1.0f, 0.0f, 0.0f, exposureStep()), 1.0f / 30.0f);
+    EXPECT_EQ(metering::nextExposure(5000.0f, std::numeric_limits<float>::quiet_NaN(), 0.3f, exposureStep()),
+              1.0f / 30.0f);
+}
+
+TEST(NextGain, StepOverTheGainSpanWithClamps) {
+    EXPECT_NEAR(metering::nextGain(1.0f, 0.1f, 0.02f, 1.0f), 1.0f + 0.1f * 0.02f * 15.4f, 1e-5);
+    EXPECT_EQ(metering::nextGain(1.0f, -10.0f, 0.02f, 1.0f), 0.6f);
+    EXPECT_EQ(metering::nextGain(15.0f, 10.0f, 0.02f, 1.0f), 16.0f);
+    EXPECT_EQ(metering::nextGain(15.0f, std::numeric_limits<float>::quiet_NaN(), 0.02f, 2.5f), 2.5f);
+}
+
+TEST(NextChannelGain, StepOfTheRegisterRangeWithClamps) {
+    EXPECT_NEAR(metering::nextChannelGain(1024.0f, 0.0f, 4095.0f, -0.01196f, 0.15f), 1024.0f - 0.01196f * 0.15f * 4095,
+                1e-3);
+    EXPECT_EQ(metering::nextChannelGain(4000.0f, 0.0f, 4095.0f, 0.5f, 0.15f), 4095.0f);
+    EXPECT_EQ(metering::nextChannelGain(50.0f, 16.0f, 4095.0f, -0.5f, 0.15f), 16.0f);
+    // An empty range gives 0 / 0: the minimum.
+    EXPECT_EQ(metering::nextChannelGain(100.0f, 100.0f, 100.0f, 0.1f, 0.15f), 100.0f);
+}
+
+}  // namespace
+}  // namespace capture
+}  // namespace ruvo
