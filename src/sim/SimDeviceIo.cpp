@@ -51,12 +51,12 @@ std::shared_ptr<DeviceIo> makeSimDeviceIo(const std::string& path,
                                           Poco::AutoPtr<Poco::Util::AbstractConfiguration> cameraConfig) {
     Registry& r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
-    std::weak_ptr<SimulatedSensor>& entry = r.sensors[path];
-    std::shared_ptr<SimulatedSensor> sensor = entry.lock();
+    auto found = r.sensors.find(path);
+    std::shared_ptr<SimulatedSensor> sensor = found == r.sensors.end() ? nullptr : found->second.lock();
     if (!sensor) {
         if (!cameraConfig) cameraConfig = new Poco::Util::MapConfiguration;
         sensor = std::make_shared<SimulatedSensor>(path, readSimConfig(*cameraConfig));
-        entry = sensor;
+        r.sensors[path] = sensor;
     }
     // Forget entries of sensors that have gone, so the map does not grow with every path used.
     for (auto it = r.sensors.begin(); it != r.sensors.end();)

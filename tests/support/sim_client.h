@@ -34,7 +34,9 @@ class SimClient {
 public:
     // Makes the io for a fresh "sim:" path (stepped clock unless `keys` says otherwise) and
     // opens it non-blocking.
-    explicit SimClient(SimKeys keys = {}, const std::string& stem = "client");
+    explicit SimClient(SimKeys keys, const std::string& stem = "client");
+    SimClient() : SimClient(SimKeys{}) {}
+    SimClient(std::initializer_list<SimKeys::value_type> keys) : SimClient(SimKeys(keys)) {}
     ~SimClient();
     SimClient(const SimClient&) = delete;
     SimClient& operator=(const SimClient&) = delete;
