@@ -1,4 +1,5 @@
-// A scene from a PNG file, decoded by libpng to linear 16-bit RGB and sampled bilinearly.
+// A scene from a PNG file: libpng decodes it to 8-bit sRGB, the sRGB curve gives linear values,
+// and frames sample it bilinearly.
 #include "sim/Scene.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
@@ -17,7 +18,8 @@ namespace sim {
 struct PngScene::Image {
     int width = 0;
     int height = 0;
-    std::vector<uint16_t> rgb;  // linear, 0..65535, three samples per pixel, row-major
+    std::vector<uint8_t> rgb;  // sRGB-encoded, three samples per pixel, row-major
+    float linear[256];         // linear value of each encoded value
 };
 
 namespace {
@@ -54,13 +56,14 @@ PngScene::PngScene(const std::string& path) {
         return CaptureDeviceException(message);
     };
     if (!png_image_begin_read_from_file(&png, path.c_str())) throw failure(png.message);
-    // The linear format makes libpng decode the file's sRGB (or gAMA) encoding to linear light.
-    png.format = PNG_FORMAT_LINEAR_RGB;
+    // 8-bit RGB output makes libpng convert any bit depth, palette or gamma to sRGB encoding.
+    png.format = PNG_FORMAT_RGB;
     if (png.width == 0 || png.height == 0) throw failure("empty image");
     auto image = std::make_unique<Image>();
     image->width = static_cast<int>(png.width);
     image->height = static_cast<int>(png.height);
-    image->rgb.resize(PNG_IMAGE_SIZE(png) / sizeof(uint16_t));
+    image->rgb.resize(PNG_IMAGE_SIZE(png));
+    for (int v = 0; v < 256; ++v) image->linear[v] = srgbToLinear(static_cast<float>(v) / 255.0f);
     if (!png_image_finish_read(&png, nullptr, image->rgb.data(), 0, nullptr)) throw failure(png.message);
     png_image_free(&png);
     _image = std::move(image);
@@ -76,13 +79,13 @@ Rgb PngScene::reflectance(int x, int y, int width, int height) const {
     const Tap tx = tapAt(x, width, _image->width);
     const Tap ty = tapAt(y, height, _image->height);
     const auto at = [&](int column, int row, int channel) {
-        return static_cast<float>(_image->rgb[(static_cast<size_t>(row) * _image->width + column) * 3 + channel]);
+        return _image->linear[_image->rgb[(static_cast<size_t>(row) * _image->width + column) * 3 + channel]];
     };
     float out[3];
     for (int c = 0; c < 3; ++c) {
         const float top = lerp(at(tx.first, ty.first, c), at(tx.second, ty.first, c), tx.weight);
         const float bottom = lerp(at(tx.first, ty.second, c), at(tx.second, ty.second, c), tx.weight);
-        out[c] = lerp(top, bottom, ty.weight) / 65535.0f;
+        out[c] = lerp(top, bottom, ty.weight);
     }
     return Rgb{out[0], out[1], out[2]};
 }

@@ -48,8 +48,9 @@ public:
     Rgb reflectance(int x, int y, int width, int height) const override;
 };
 
-// Any PNG image, stretched over the frame with bilinear interpolation; its sRGB-encoded values
-// are decoded to linear reflectance. Throws CaptureDeviceException when the file cannot be read.
+// Any PNG image, stretched over the frame with bilinear interpolation of linear values; libpng
+// brings every bit depth and gamma to 8-bit sRGB, which the sRGB curve decodes to reflectance. Throws
+// CaptureDeviceException when the file cannot be read.
 class PngScene : public Scene {
 public:
     explicit PngScene(const std::string& path);

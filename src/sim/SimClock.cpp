@@ -141,7 +141,8 @@ void SimulatedSensor::runFreeClock(uint64_t epoch) {
         if (_clockEpoch != epoch) return;
         if (stalled(std::chrono::steady_clock::now())) {
             const auto until = _stallUntil;
-            _clockCv.wait_until(lock, until, [&] { return _clockEpoch != epoch; });
+            // Wakes early when the stream stops or the stall is changed.
+            _clockCv.wait_until(lock, until, [&] { return _clockEpoch != epoch || _stallUntil != until; });
             continue;
         }
         lock.unlock();
