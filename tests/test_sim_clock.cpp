@@ -58,6 +58,22 @@ TEST(SimClock, SteppedProducesOnlyWhenStepped) {
     EXPECT_EQ(c.sensor().framesDropped(), 1u);
 }
 
+TEST(SimClock, AStepCanWaitForTheClientToQueueItsBuffers) {
+    SimClient c;
+    c.start(672, 380, 2);
+    ASSERT_TRUE(c.sensor().step(2));
+    const v4l2_buffer first = *c.dequeue();
+    const v4l2_buffer second = *c.dequeue();
+    EXPECT_FALSE(c.sensor().waitForQueued(1, std::chrono::milliseconds(0)));
+    std::thread client([&] {
+        EXPECT_EQ(c.queue(first.index), 0);
+        EXPECT_EQ(c.queue(second.index), 0);
+    });
+    EXPECT_TRUE(c.sensor().waitForQueued(2, std::chrono::seconds(10)));
+    client.join();
+    EXPECT_TRUE(c.sensor().step(2)) << "no frame dropped";
+}
+
 TEST(SimClock, StreamOffStopsAClockThatIsFillingBuffers) {
     for (const char* clock : {"free", "realtime"}) {
         SimClient c({{"sim.clock", clock}, {"sim.fps", "1000"}, {"sim.noise", "true"}});

@@ -69,7 +69,9 @@ void FrameRenderer::buildPlane(const FrameSettings& s) {
         for (int x = 0; x < s.width; ++x) {
             const Rgb rgb = scene.reflectance(s.hFlip ? s.width - 1 - x : x, sceneY, s.width, s.height);
             const BayerChannel channel = bayerChannel(x, y);
-            row[x] = channel == kRed ? rgb.r : (channel == kGreen ? rgb.g : rgb.b);
+            const float value = channel == kRed ? rgb.r : (channel == kGreen ? rgb.g : rgb.b);
+            // Reflectance is 0..1; a scene that strays (or gives NaN) is held to it.
+            row[x] = value > 0.0f ? (value < 1.0f ? value : 1.0f) : 0.0f;
         }
     }
     _planeKey = s;
@@ -81,13 +83,15 @@ void FrameRenderer::ensureFrame(const FrameSettings& s) {
     if (!_planeValid || !samePlane(_planeKey, s)) buildPlane(s);
     _frame.resize(_plane.size());
     const ChannelModel m = channelModel(s);
+    float scale[3];
+    for (int c = 0; c < 3; ++c) scale[c] = std::min(m.scale[c], kMaxScale);
     const float pedestal = static_cast<float>(s.pedestal);
     const int shift = sampleShift(s.samples);
     for (int y = 0; y < s.height; ++y) {
         const size_t offset = static_cast<size_t>(y) * s.width;
         const bool evenRow = (y & 1) == 0;
-        renderRow(&_plane[offset], &_frame[offset], s.width, evenRow ? m.scale[kBlue] : m.scale[kGreen],
-                  evenRow ? m.scale[kGreen] : m.scale[kRed], pedestal, shift);
+        renderRow(&_plane[offset], &_frame[offset], s.width, evenRow ? scale[kBlue] : scale[kGreen],
+                  evenRow ? scale[kGreen] : scale[kRed], pedestal, shift);
     }
     _frameKey = s;
     _frameValid = true;
@@ -136,12 +140,8 @@ int32_t FrameRenderer::meanLevel(const FrameSettings& s, const MeterRect& rect) 
     const Bounds b = meterBounds(rect, s.width, s.height);
     const int shift = sampleShift(s.samples);
     uint64_t sum = 0;
-    for (int y = b.y0; y < b.y1; ++y) {
-        const uint16_t* row = &_frame[static_cast<size_t>(y) * s.width];
-        uint32_t rowSum = 0;
-        for (int x = b.x0; x < b.x1; ++x) rowSum += row[x] >> shift;
-        sum += rowSum;
-    }
+    for (int y = b.y0; y < b.y1; ++y)
+        sum += sumCodes(&_frame[static_cast<size_t>(y) * s.width + b.x0], b.x1 - b.x0, shift);
     const uint64_t count = static_cast<uint64_t>(b.x1 - b.x0) * static_cast<uint64_t>(b.y1 - b.y0);
     _meterValue = static_cast<int32_t>((sum + count / 2) / count);
     _meterKey = rect;

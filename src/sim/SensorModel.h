@@ -74,16 +74,54 @@ inline uint16_t storeSample(float signal, float pedestal, int shift) {
     return static_cast<uint16_t>(static_cast<uint16_t>(code + 0.5f) << shift);
 }
 
+// storeSample for a signal and pedestal known to be >= 0 with a sum below kMaxScale + 1024: the
+// clip is an integer minimum, which lets the compiler vectorise rows of these.
+inline uint16_t storeNonNegativeSample(float signal, float pedestal, int shift) {
+    const auto code = static_cast<int32_t>(pedestal + signal + 0.5f);
+    return static_cast<uint16_t>((code > kMaxCode ? kMaxCode : code) << shift);
+}
+
+// The largest codes-per-reflectance scale a noiseless row is rendered with. Larger scales clip
+// every reflectance above 1e-6 anyway, and the cap keeps codes within int32.
+constexpr float kMaxScale = 1e9f;
+
 inline int sampleShift(SampleLayout layout) { return layout == SampleLayout::Msb14 ? 4 : 0; }
 
-// One row of noiseless samples: `scaleEven` applies to even columns, `scaleOdd` to odd ones
-// (B/G on even rows, G/R on odd rows). `width` is even.
+// Noiseless samples for `count` (even) pixels of a row from reflectances in 0..1: `scaleEven`
+// applies to even columns, `scaleOdd` to odd ones (B/G on even rows, G/R on odd rows), both in
+// 0..kMaxScale; the pedestal is 0..1023.
+inline void renderPairs(const float* reflectance, uint16_t* out, int count, float scaleEven, float scaleOdd,
+                        float pedestal, int shift) {
+    for (int x = 0; x < count; x += 2) {
+        out[x] = storeNonNegativeSample(reflectance[x] * scaleEven, pedestal, shift);
+        out[x + 1] = storeNonNegativeSample(reflectance[x + 1] * scaleOdd, pedestal, shift);
+    }
+}
+
+// A whole row (`width` even) as renderPairs does it, in blocks of a fixed size so that the
+// compiler vectorises each block without knowing the width.
 inline void renderRow(const float* reflectance, uint16_t* out, int width, float scaleEven, float scaleOdd,
                       float pedestal, int shift) {
-    for (int x = 0; x < width; x += 2) {
-        out[x] = storeSample(reflectance[x] * scaleEven, pedestal, shift);
-        out[x + 1] = storeSample(reflectance[x + 1] * scaleOdd, pedestal, shift);
+    constexpr int kBlock = 16;
+    int x = 0;
+    for (; x + kBlock <= width; x += kBlock)
+        renderPairs(reflectance + x, out + x, kBlock, scaleEven, scaleOdd, pedestal, shift);
+    renderPairs(reflectance + x, out + x, width - x, scaleEven, scaleOdd, pedestal, shift);
+}
+
+// Sum of the 10-bit values (stored sample >> shift) of `count` samples, in fixed-size blocks so
+// that the compiler vectorises it. A row of up to 4 million samples fits the 32-bit sum.
+inline uint32_t sumCodes(const uint16_t* samples, int count, int shift) {
+    constexpr int kBlock = 16;
+    uint32_t sum = 0;
+    int x = 0;
+    for (; x + kBlock <= count; x += kBlock) {
+        uint32_t block = 0;
+        for (int k = 0; k < kBlock; ++k) block += static_cast<uint32_t>(samples[x + k] >> shift);
+        sum += block;
     }
+    for (; x < count; ++x) sum += static_cast<uint32_t>(samples[x] >> shift);
+    return sum;
 }
 
 // A step of the SplitMix64 generator: advances `state` and returns 64 random bits.

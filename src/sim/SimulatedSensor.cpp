@@ -143,6 +143,11 @@ bool SimulatedSensor::step(unsigned frames) {
     return allCaptured;
 }
 
+bool SimulatedSensor::waitForQueued(size_t count, std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> lock(_mutex);
+    return _clockCv.wait_for(lock, timeout, [&] { return _buffers.withDriver() >= count; });
+}
+
 void SimulatedSensor::setIlluminance(float illuminance) {
     if (!(illuminance >= 0.0f && std::isfinite(illuminance)))
         throw CaptureDeviceException("illuminance must be a finite value >= 0, not " + std::to_string(illuminance));

@@ -53,6 +53,10 @@ public:
     // is not streaming, stalled or disconnected (nothing exposed) or a frame was dropped.
     bool step(unsigned frames = 1);
 
+    // Waits until at least `count` buffers are with the driver (see queuedCount), so that a
+    // test can step once the client has queued its buffers. False when `timeout` passed first.
+    bool waitForQueued(size_t count, std::chrono::milliseconds timeout) const;
+
     // --- Scene, from the next exposed frame on. ---
     void setIlluminance(float illuminance);   // multiples of the nominal illuminance, >= 0
     void setColourTemperature(float kelvin);  // 1000 .. 40000
@@ -126,9 +130,9 @@ private:
     const std::string _path;
     const SimConfig _config;
 
-    mutable std::mutex _mutex;         // guards everything below but the renderer
-    std::condition_variable _frameCv;  // a frame was filled, streaming stopped, a fault was armed
-    std::condition_variable _clockCv;  // a buffer was queued, the clock must stop, a stall ended
+    mutable std::mutex _mutex;                 // guards everything below but the renderer
+    std::condition_variable _frameCv;          // a frame was filled, streaming stopped, a fault was armed
+    mutable std::condition_variable _clockCv;  // a buffer was queued, the clock must stop, a stall changed
     std::map<int, OpenFile> _files;
     int _owner = -1;  // the descriptor that requested the buffers; -1 when none did
     struct v4l2_pix_format _format = {};
