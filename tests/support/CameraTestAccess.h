@@ -27,6 +27,7 @@ public:
     static bool& awbNeedsUpdate(CUDACamera& camera) { return camera._awbState.controlNeedsUpdate; }
     static bool isRunning(const CUDACamera& camera) { return camera._isRunning; }
     static int fd(const CUDACamera& camera) { return camera._fd; }
+    static int index(const CUDACamera& camera) { return camera._index; }
     static std::mt19937& prng(CUDACamera& camera) { return camera._prng; }
 };
 

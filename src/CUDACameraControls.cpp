@@ -1,0 +1,110 @@
+// CUDACamera's runtime controls: reading them and the capabilities, replacing them with
+// validation (restarting the device when the size or output list changes), and named presets.
+#include "CUDACamera.h"
+
+#include "OutputBufferConfig.h"
+#include "SensorControls.h"
+
+#include <ruvo/capture/CaptureDeviceException.h>
+
+#include <algorithm>
+#include <array>
+
+namespace ruvo {
+namespace capture {
+
+namespace {
+
+const std::array<ruvo::util::Dimensions, 4> kSupportedSizes = {
+    ruvo::util::Dimensions(672, 380), ruvo::util::Dimensions(1280, 720), ruvo::util::Dimensions(1920, 1080),
+    ruvo::util::Dimensions(2688, 1520)};
+
+void validate(const Controls& c) {
+    const ruvo::util::Dimensions size(c.width, c.height);
+    if (std::find(kSupportedSizes.begin(), kSupportedSizes.end(), size) == kSupportedSizes.end()) {
+        throw CaptureDeviceException("Unsupported resolution");
+    }
+    if (std::find(CUDA_OUTPUT_BUFFER_CONFIG.begin(), CUDA_OUTPUT_BUFFER_CONFIG.end(), c.outputBuffers) ==
+        CUDA_OUTPUT_BUFFER_CONFIG.end()) {
+        throw CaptureDeviceException("Unsupported output buffer configuration");
+    }
+    if (c.outputBuffersConfIndex >= CUDA_OUTPUT_BUFFER_CONFIG.size()) {
+        throw CaptureDeviceException("Output buffer configuration index out of range");
+    }
+}
+
+// Sensor values that a restart would reset to the driver's defaults, in the order written back.
+constexpr uint32_t kKeptAcrossRestart[] = {sensor::CID_RED_GAIN, sensor::CID_GREEN_GAIN, sensor::CID_BLUE_GAIN,
+                                           sensor::CID_EXPOSURE, sensor::CID_GAIN};
+
+}  // namespace
+
+Controls CUDACamera::getControls() {
+    Poco::FastMutex::ScopedLock lock(_mutexControls);
+    return _controls;
+}
+
+void CUDACamera::copyControls(Controls& into) {
+    Poco::FastMutex::ScopedLock lock(_mutexControls);
+    into = _controls;
+}
+
+Capabilities CUDACamera::getCapabilities() {
+    Capabilities capabilities;
+    capabilities.resolutions.assign(kSupportedSizes.begin(), kSupportedSizes.end());
+    return capabilities;
+}
+
+void CUDACamera::setControls(const Controls& c) {
+    validate(c);
+    if (!_isRunning) {
+        Poco::FastMutex::ScopedLock lock(_mutexControls);
+        _controls = c;
+        return;
+    }
+    bool restart;
+    {
+        Poco::FastMutex::ScopedLock lock(_mutexControls);
+        restart = c.width != _controls.width || c.height != _controls.height || c.outputBuffers != _controls.outputBuffers;
+    }
+    if (restart) {
+        std::array<int32_t, 5> kept{};
+        for (size_t i = 0; i < kept.size(); ++i) kept[i] = getControl(kKeptAcrossRestart[i]);
+        stop();
+        {
+            Poco::FastMutex::ScopedLock lock(_mutexControls);
+            _controls = c;
+        }
+        start();
+        for (size_t i = 0; i < kept.size(); ++i) setControl(kKeptAcrossRestart[i], kept[i]);
+    }
+    {
+        Poco::FastMutex::ScopedLock lock(_mutexControls);
+        _controls = c;
+    }
+    programMeteringRectangle(_controls.ae.regions);
+    applyFlips();
+}
+
+bool CUDACamera::setControls(const std::string& name) {
+    if (name != "default" && name != "barcode" && name != "oru") {
+        _logger.warning("controls attempting to set to " + name + " but it is not implemented!");
+        return false;
+    }
+    Controls c = getControls();
+    if (name == "default") {
+        c.ae.targetY = _params.ae.targetY;
+        c.ae.manualMode = "default";
+    } else if (name == "barcode") {
+        c.ae.targetY = 0.2f;
+        c.ae.manualMode = "AVGY";
+    } else {
+        c.ae.manualMode = "oru";
+    }
+    setControls(c);
+    _logger.information("controls set to " + name);
+    return true;
+}
+
+}  // namespace capture
+}  // namespace ruvo

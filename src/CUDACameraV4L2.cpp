@@ -1,0 +1,170 @@
+// CUDACamera's V4L2 steps: open, format negotiation, queueing the buckets and streaming, the
+// reset of the sensor controls at start, and the control accessors. Every request goes through
+// xioctl and the camera's DeviceIo.
+#include "CUDACamera.h"
+
+#include "SensorControls.h"
+
+#include <ruvo/capture/CaptureDeviceException.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+
+namespace ruvo {
+namespace capture {
+
+namespace {
+
+std::string errnoText(int error) { return std::strerror(error); }
+
+// Controls reset to the driver's defaults at every start, in this order (the luminance
+// statistic 0x00981003 is read-only and left alone).
+constexpr uint32_t kResetControls[] = {
+    sensor::CID_EXPOSURE,   sensor::CID_GAIN,         sensor::CID_VFLIP,        sensor::CID_HFLIP,
+    sensor::CID_RED_GAIN,   sensor::CID_GREEN_GAIN,   sensor::CID_BLUE_GAIN,    sensor::CID_METER_ENABLE,
+    sensor::CID_METER_LEFT, sensor::CID_METER_TOP,    sensor::CID_METER_WIDTH,  sensor::CID_METER_HEIGHT,
+};
+
+}  // namespace
+
+int CUDACamera::xioctl(unsigned long request, void* argument) {
+    int result;
+    do {
+        result = _io->ioctl(_fd, request, argument);
+    } while (result == -1 && errno == EINTR);
+    return result;
+}
+
+void CUDACamera::open_device() {
+    struct ::stat status {};
+    if (_io->stat(_params.path, &status) == -1) {
+        const int error = errno;
+        throw CaptureDeviceException("Cannot identify \"" + _params.path + "\" (" + std::to_string(error) +
+                                     "): " + errnoText(error));
+    }
+    if (!S_ISCHR(status.st_mode)) throw CaptureDeviceException("Not a device: \"" + _params.path + "\"");
+    _fd = _io->open(_params.path, O_RDWR | O_NONBLOCK);
+    if (_fd == -1) {
+        const int error = errno;
+        throw CaptureDeviceException("Cannot open \"" + _params.path + "\" (" + std::to_string(error) +
+                                     "): " + errnoText(error));
+    }
+}
+
+void CUDACamera::init_device() {
+    v4l2_capability capability{};
+    if (xioctl(VIDIOC_QUERYCAP, &capability) == -1) {
+        if (errno == EINVAL) throw CaptureDeviceException(_params.path + " is not a V4L2 device");
+        throw CaptureDeviceException("VIDIOC_QUERYCAP");
+    }
+    if (!(capability.capabilities & V4L2_CAP_VIDEO_CAPTURE)) {
+        throw CaptureDeviceException(_params.path + " is not a video capture device");
+    }
+    if (!(capability.capabilities & V4L2_CAP_STREAMING)) {
+        throw CaptureDeviceException(_params.path + " does not support streaming i/o");
+    }
+    v4l2_format format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    format.fmt.pix.width = _controls.width;  // a size set through the controls applies at the next start
+    format.fmt.pix.height = _controls.height;
+    format.fmt.pix.pixelformat = V4L2_PIX_FMT_SBGGR10;
+    format.fmt.pix.field = V4L2_FIELD_NONE;
+    if (xioctl(VIDIOC_S_FMT, &format) == -1) throw CaptureDeviceException("VIDIOC_S_FMT " + errnoText(errno));
+    if (format.fmt.pix.pixelformat != V4L2_PIX_FMT_SBGGR10) {
+        throw CaptureDeviceException(_params.path +
+                                     " does not support SBGGR10 format. Support for more formats need to be added!");
+    }
+    if (format.fmt.pix.width != _controls.width || format.fmt.pix.height != _controls.height) {
+        throw CaptureDeviceException("Unsupported resolution: " + std::to_string(_controls.width) + "x" +
+                                     std::to_string(_controls.height));
+    }
+    init_mem(format);
+}
+
+void CUDACamera::start_capturing() {
+    for (uint32_t i = 0; i < _buckets.size(); ++i) {
+        v4l2_buffer buf{};
+        buf.index = i;
+        buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        buf.memory = V4L2_MEMORY_USERPTR;
+        buf.m.userptr = reinterpret_cast<unsigned long>(_buckets[i].v4l2.data);
+        buf.length = _buckets[i].v4l2.size;
+        if (xioctl(VIDIOC_QBUF, &buf) == -1) {
+            throw CaptureDeviceException("Start Capturing: VIDIOC_QBUF: " + errnoText(errno));
+        }
+    }
+    v4l2_buf_type type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (xioctl(VIDIOC_STREAMON, &type) == -1) throw CaptureDeviceException("VIDIOC_STREAMON");
+    _isRunning = true;
+
+    for (uint32_t id : kResetControls) setControl(id, queryControl(id).default_value);
+    applyFlips();
+    if (!_controls.ae.regions.empty()) programMeteringRectangle(_controls.ae.regions);
+
+    _currExpGain = gainFromRegister(getControl(sensor::CID_GAIN));
+    _currBlueGain = static_cast<float>(getControl(sensor::CID_BLUE_GAIN));
+    _currRedGain = static_cast<float>(getControl(sensor::CID_RED_GAIN));
+}
+
+void CUDACamera::stop_capturing() {
+    v4l2_buf_type type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (xioctl(VIDIOC_STREAMOFF, &type) == -1) throw CaptureDeviceException("VIDIOC_STREAMOFF");
+    _isRunning = false;
+}
+
+void CUDACamera::close_device() {
+    if (_io->close(_fd) == -1) throw CaptureDeviceException("Failed to close device");
+    _fd = -1;
+}
+
+// The metering rectangle from the first region; an empty rectangle meters with width and
+// height 0, the rectangle being switched on all the same.
+void CUDACamera::programMeteringRectangle(const std::vector<ruvo::util::WeightedRegion>& regions) {
+    if (regions.empty()) {
+        setControl(sensor::CID_METER_ENABLE, 0);
+        for (uint32_t id : {sensor::CID_METER_LEFT, sensor::CID_METER_TOP, sensor::CID_METER_WIDTH,
+                            sensor::CID_METER_HEIGHT}) {
+            setControl(id, 0);
+        }
+        return;
+    }
+    const dlib::rectangle& rect = regions.front().rect;
+    setControl(sensor::CID_METER_ENABLE, 1);
+    setControl(sensor::CID_METER_LEFT, static_cast<int32_t>(rect.left()));
+    setControl(sensor::CID_METER_TOP, static_cast<int32_t>(rect.top()));
+    const bool empty = rect.top() > rect.bottom() || rect.right() < rect.left();
+    setControl(sensor::CID_METER_WIDTH, empty ? 0 : static_cast<int32_t>(rect.right() - rect.left() + 1));
+    setControl(sensor::CID_METER_HEIGHT, empty ? 0 : static_cast<int32_t>(rect.bottom() - rect.top() + 1));
+}
+
+void CUDACamera::applyFlips() {
+    setControl(sensor::CID_VFLIP, _controls.vFlip);
+    setControl(sensor::CID_HFLIP, _controls.hFlip);
+}
+
+v4l2_queryctrl CUDACamera::queryControl(uint32_t id) {
+    v4l2_queryctrl query{};
+    query.id = id;
+    if (xioctl(VIDIOC_QUERYCTRL, &query) == -1) throw CaptureDeviceException("VIDIOC_QUERYCTRL");
+    return query;
+}
+
+int32_t CUDACamera::getControl(uint32_t id) {
+    v4l2_control control{};
+    control.id = id;
+    if (xioctl(VIDIOC_G_CTRL, &control) == -1) throw CaptureDeviceException("VIDIOC_G_CTRL " + errnoText(errno));
+    return control.value;
+}
+
+void CUDACamera::setControl(uint32_t id, int32_t value) {
+    v4l2_control control{};
+    control.id = id;
+    control.value = value;
+    if (xioctl(VIDIOC_S_CTRL, &control) == -1) throw CaptureDeviceException("VIDIOC_S_CTRL " + errnoText(errno));
+}
+
+}  // namespace capture
+}  // namespace ruvo

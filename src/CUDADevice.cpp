@@ -1,0 +1,177 @@
+// CUDADevice and the construction, start, stop and control routing of CUDADeviceImpl.
+#include <ruvo/capture/CUDADevice.h>
+
+#include "CUDADeviceImpl.h"
+#include "CUDAUtils.h"
+
+#include <Poco/Exception.h>
+
+namespace ruvo {
+namespace capture {
+
+const std::map<int, std::string> CUDADevice::outputConfigDescriptions = {
+    {YUV_ONLY, "Only color"},
+    {YUV_2, "Color and half-size"},
+    {YUV_2_4_SKIN_HISTOGRAM, "Color, half, quarter, skin-segmented histogram"},
+    {YUV_2_4, "Color, half, quarter"},
+    {YUV_SKIN, "Skin segmentation debug buffer"},
+    {YUV_GRADIENT, "Gradient X/Y"},
+    {YUV_2_4_GRADIENT, "Color, half, quarter, Gradient X/Y"},
+    {YUV_2_4_GRADIENT_2_4, "Color half quarter, Grad X/Y half quarter"},
+    {YUV_2_GRADIENT_VECTOR_2, "Color half, Polar Gradient"},
+    {BGGR, "Raw Bayer BGGR, 'false' color"},
+    {NO_DEMOSAIC_RGB, "Color obtained without demosaic and with 24-bit RGB bitmap"},
+    {RGB_ONLY, "only basic with 24-bit RGB"},
+};
+
+CUDADevice::CUDADevice(Poco::AutoPtr<Poco::Util::AbstractConfiguration> config)
+    : CaptureDevice(config), _logger(Poco::Logger::get("Capture.CUDADevice")), _impl(nullptr) {
+    OnNewDataCallback callback = [this](const std::vector<std::shared_ptr<Frame>>& frames) { onNewData(frames); };
+    _impl = new CUDADeviceImpl(config, callback);
+}
+
+CUDADevice::~CUDADevice() { delete _impl; }
+
+void CUDADevice::start() { _impl->start(); }
+void CUDADevice::stop() { _impl->stop(); }
+bool CUDADevice::isRunning() { return _impl->isRunning(); }
+uint32_t CUDADevice::numDevices() { return _impl->numDevices(); }
+Controls CUDADevice::getControls(uint32_t cameraId) { return _impl->getControls(cameraId); }
+Capabilities CUDADevice::getCapabilities(uint32_t cameraId) { return _impl->getCapabilities(cameraId); }
+
+void CUDADevice::setControls(uint32_t cameraId, const Controls& controls) {
+    if (cameraId >= numDevices()) {
+        _logger.error("Invalid cameraId (" + std::to_string(cameraId) + ") requested for setControls.");
+        return;
+    }
+    _impl->setControls(cameraId, controls);
+}
+
+bool CUDADevice::setNamedControls(uint32_t cameraId, const std::string& name) {
+    if (cameraId >= numDevices()) {
+        _logger.error("Invalid cameraId (" + std::to_string(cameraId) + ") requested for setControls.");
+        return false;
+    }
+    return _impl->setControls(cameraId, name);
+}
+
+namespace {
+
+// An entry exists when its key has a value (an XML element) or any key below it (properties,
+// INI and map configurations hold only the leaves).
+bool entryPresent(const Poco::Util::AbstractConfiguration& config, const std::string& key) {
+    if (config.has(key)) return true;
+    Poco::Util::AbstractConfiguration::Keys below;
+    config.keys(key, below);
+    return !below.empty();
+}
+
+}  // namespace
+
+CUDADeviceImpl::CUDADeviceImpl(Poco::AutoPtr<Poco::Util::AbstractConfiguration> config,
+                               OnNewDataCallback onNewData) {
+    if (config.isNull()) throw Poco::NullPointerException();
+    init_cuda(config->createView("cuda"));
+    for (unsigned i = 0;; ++i) {
+        const std::string key = "devices[" + std::to_string(i) + "]";
+        if (!entryPresent(*config, key)) break;
+        Poco::AutoPtr<Poco::Util::AbstractConfiguration> view = config->createView(key);
+        if (!view->getBool("enabled", false)) continue;
+        auto* camera = new CUDACamera(view, static_cast<int>(i));
+        auto* task = new ProduceTask("ProduceTask-" + std::to_string(i), camera, _event);
+        auto* thread = new Poco::Thread("ProduceThread-" + std::to_string(i));
+        _cameras.push_back(camera);
+        _produceTasks.push_back(task);
+        _produceThreads.push_back(thread);
+    }
+    _consumeTask = new ConsumeTask("ConsumeTask", _cameras, onNewData, _mutexControls, _event, _produceTasks);
+    _consumeThread = new Poco::Thread("ConsumeThread");
+}
+
+CUDADeviceImpl::~CUDADeviceImpl() {
+    for (size_t i = 0; i < _cameras.size(); ++i) {
+        delete _cameras[i];
+        delete _produceTasks[i];
+        delete _produceThreads[i];
+    }
+    delete _consumeTask;
+    delete _consumeThread;
+    deinit_cuda();
+}
+
+void CUDADeviceImpl::init_cuda(Poco::AutoPtr<Poco::Util::AbstractConfiguration> view) {
+    (void)view;  // device 0 is always used
+    int devCount = 0;
+    CUDA_CHECK(cudaGetDeviceCount(&devCount));
+    if (devCount == 0) throw CaptureDeviceException("No CUDA devices");
+    const int devID = 0;
+    cudaDeviceProp deviceProp;
+    CUDA_CHECK(cudaGetDeviceProperties(&deviceProp, devID));
+    CUDA_CHECK(cudaSetDevice(devID));
+    // Blocking synchronisation: reader threads sleep, not spin, while their streams run.
+    CUDA_CHECK(cudaSetDeviceFlags(cudaDeviceMapHost | cudaDeviceScheduleBlockingSync));
+}
+
+void CUDADeviceImpl::deinit_cuda() { (void)cudaDeviceReset(); }
+
+void CUDADeviceImpl::start() {
+    Poco::Mutex::ScopedLock lock(_mutex);
+    for (CUDACamera* camera : _cameras) camera->start();
+    for (size_t i = 0; i < _produceThreads.size(); ++i) {
+        _produceTasks[i]->reset();
+        _produceThreads[i]->start(*_produceTasks[i]);
+    }
+    _consumeTask->reset();
+    _consumeThread->start(*_consumeTask);
+}
+
+void CUDADeviceImpl::stop() {
+    Poco::Mutex::ScopedLock lock(_mutex);
+    for (ProduceTask* task : _produceTasks) task->cancel();
+    for (Poco::Thread* thread : _produceThreads) thread->join();
+    _consumeTask->cancel();
+    _consumeThread->join();
+    for (CUDACamera* camera : _cameras) camera->stop();
+}
+
+bool CUDADeviceImpl::isRunning() {
+    Poco::Mutex::ScopedLock lock(_mutex);
+    return _consumeThread->isRunning();
+}
+
+// Pauses every reader, applies `change` to the camera, and on a refusal puts the previous
+// controls back and reports the camera's message as CUDADeviceException.
+template <typename Change>
+auto CUDADeviceImpl::changeControls(uint32_t cameraId, Change change)
+    -> decltype(change(std::declval<CUDACamera&>())) {
+    for (ProduceTask* task : _produceTasks) task->pause();
+    CUDACamera& camera = *_cameras.at(cameraId);
+    const Controls saved = camera.getControls();
+    std::string refusal;
+    bool refused = false;
+    decltype(change(camera)) result{};
+    try {
+        result = change(camera);
+    } catch (const CaptureDeviceException& e) {
+        refused = true;
+        refusal = e.what();
+        camera.setControls(saved);
+    }
+    for (ProduceTask* task : _produceTasks) task->unpause();
+    if (refused) throw CUDADeviceException(refusal);
+    return result;
+}
+
+void CUDADeviceImpl::setControls(uint32_t cameraId, const Controls& controls) {
+    changeControls(cameraId, [&](CUDACamera& camera) {
+        camera.setControls(controls);
+        return true;
+    });
+}
+
+bool CUDADeviceImpl::setControls(uint32_t cameraId, const std::string& preset) {
+    return changeControls(cameraId, [&](CUDACamera& camera) { return camera.setControls(preset); });
+}
+
+}  // namespace capture
+}  // namespace ruvo

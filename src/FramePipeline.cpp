@@ -1,0 +1,112 @@
+// The reader tasks that queue each camera's processed buckets, and the delivery task that
+// turns the newest bucket of every camera into one batch of zero-copy frames.
+#include "CUDADeviceImpl.h"
+#include "FramePlanes.h"
+
+namespace ruvo {
+namespace capture {
+
+CUDADeviceImpl::ProduceTask::ProduceTask(const std::string& name, CUDACamera* camera, Poco::Event& event)
+    : Worker(name), _camera(camera), _event(event) {}
+
+void CUDADeviceImpl::ProduceTask::work() {
+    CUDACamera::Bucket* bucket = _camera->read();
+    if (bucket == nullptr) return;
+    Poco::Mutex::ScopedLock lock(_mutex);
+    _queue.push(bucket);
+    _event.set();
+}
+
+// Buckets read but never delivered go back to the camera when the reader ends.
+void CUDADeviceImpl::ProduceTask::onExit() {
+    Poco::Mutex::ScopedLock lock(_mutex);
+    while (!_queue.empty()) {
+        _camera->release(_queue.front()->index);
+        _queue.pop();
+    }
+}
+
+CUDACamera::Bucket* CUDADeviceImpl::ProduceTask::takeNewest() {
+    Poco::Mutex::ScopedLock lock(_mutex);
+    CUDACamera::Bucket* newest = nullptr;
+    while (!_queue.empty()) {
+        if (newest != nullptr) _camera->release(newest->index);  // dropped to keep latency low
+        newest = _queue.front();
+        _queue.pop();
+    }
+    return newest;
+}
+
+size_t CUDADeviceImpl::ProduceTask::queued() {
+    Poco::Mutex::ScopedLock lock(_mutex);
+    return _queue.size();
+}
+
+void CUDADeviceImpl::ConsumeTask::Deleter::operator()(Frame* frame) const {
+    if (frame == nullptr || _camera == nullptr) return;
+    _camera->release(_bucket->index, frame->batchIndex);
+    delete frame;
+}
+
+CUDADeviceImpl::ConsumeTask::ConsumeTask(const std::string& name, std::vector<CUDACamera*> cameras,
+                                         OnNewDataCallback onNewData, Poco::Mutex& mutexControls, Poco::Event& event,
+                                         std::vector<ProduceTask*> produceTasks)
+    : Worker(name),
+      _cameras(std::move(cameras)),
+      _onNewData(std::move(onNewData)),
+      _mutexControls(mutexControls),
+      _event(event),
+      _produceTasks(std::move(produceTasks)) {}
+
+namespace {
+
+// Clears the batch on every way out of a delivery cycle, returning the frames nobody kept.
+struct BatchDrop {
+    std::vector<std::shared_ptr<Frame>>& batch;
+    ~BatchDrop() { batch.clear(); }
+};
+
+}  // namespace
+
+void CUDADeviceImpl::ConsumeTask::work() {
+    if (!_event.tryWait(2000)) return;
+    BatchDrop drop{_batch};
+    if (_cameras.empty()) {
+        ++batchId;
+        return;
+    }
+    for (uint32_t c = 0; c < _cameras.size(); ++c) {
+        CUDACamera::Bucket* bucket = _produceTasks[c]->takeNewest();
+        if (bucket != nullptr) appendFrames(c, bucket);
+    }
+    ++batchId;
+    if (!_batch.empty()) _onNewData(_batch);
+}
+
+void CUDADeviceImpl::ConsumeTask::appendFrames(uint32_t c, CUDACamera::Bucket* bucket) {
+    CUDACamera* camera = _cameras[c];
+    camera->copyControls(_controlsCopy);
+    for (uint32_t j = 0; j < bucket->buffers.size(); ++j) {
+        std::shared_ptr<Frame> frame(new Frame(), Deleter(camera, bucket));
+        frame->frameId = frameId++;
+        frame->cameraId = c;
+        frame->batchId = batchId;
+        frame->batchIndex = j;
+        const OutputBufferDefinition& definition = _controlsCopy.outputBuffers.at(j);
+        frame->format = definition.format;
+        frame->outputTypeId = definition.outputType;
+        frame->outputLevelId = definition.outputLevel;
+        frame->timestamp = bucket->timestamp;
+        const CUDACamera::CUDAFrame& geometry = bucket->buffers[j].frame;
+        frame->width = geometry.width;
+        frame->height = geometry.height;
+        setFramePlanes(*frame, geometry.data, geometry.stride, geometry.cuda_height);
+        frame->feedback = bucket->feedback;
+        frame->source = dlib::rectangle(0, 0, frame->width, frame->height);
+        frame->type = "camera";
+        _batch.push_back(std::move(frame));
+    }
+}
+
+}  // namespace capture
+}  // namespace ruvo

@@ -1,0 +1,179 @@
+// Runtime controls of a camera: validation order and messages, which changes restart the
+// device and what survives a restart, the metering rectangle, flips, presets and capabilities.
+#include "CUDACamera.h"
+#include "OutputBufferConfig.h"
+#include "SensorControls.h"
+#include "sim/SimulatedSensor.h"
+#include "support/LogCapture.h"
+#include "support/SimCamera.h"
+
+#include <ruvo/capture/CaptureDeviceException.h>
+
+#include <gtest/gtest.h>
+
+using namespace ruvo::capture;
+using ruvo::test::simCameraConfig;
+using ruvo::test::uniqueSimPath;
+
+namespace {
+
+std::string refusal(CUDACamera& camera, const Controls& controls) {
+    try {
+        camera.setControls(controls);
+    } catch (const CaptureDeviceException& e) {
+        return e.what();
+    }
+    return "";
+}
+
+struct Camera : ::testing::Test {
+    std::string path = uniqueSimPath("controls");
+    CUDACamera camera{simCameraConfig(path), 0};
+    std::shared_ptr<sim::SimulatedSensor> sensor() { return sim::findSensor(path); }
+};
+
+}  // namespace
+
+TEST_F(Camera, ConstructionDefaults) {
+    const Controls c = camera.getControls();
+    EXPECT_EQ(c.width, 1280u);
+    EXPECT_EQ(c.height, 720u);
+    EXPECT_TRUE(c.hFlip);
+    EXPECT_TRUE(c.vFlip);
+    EXPECT_FLOAT_EQ(c.awb.gammaCb, 0.78f);
+    EXPECT_FLOAT_EQ(c.ae.manualExposure, 0.033333335f);
+    EXPECT_FLOAT_EQ(c.ae.time.low(), 0.000166667f);
+    EXPECT_EQ(c.ae.manualMode, "default");
+    EXPECT_EQ(c.outputBuffers, CUDA_OUTPUT_BUFFER_CONFIG[0]);
+    const Capabilities caps = camera.getCapabilities();
+    ASSERT_EQ(caps.resolutions.size(), 4u);
+    EXPECT_EQ(caps.resolutions[0], ruvo::util::Dimensions(672, 380));
+    EXPECT_EQ(caps.resolutions[3], ruvo::util::Dimensions(2688, 1520));
+}
+
+TEST_F(Camera, ValidationRefusesAndChangesNothing) {
+    const Controls before = camera.getControls();
+    Controls c = before;
+    c.height = 721;
+    c.outputBuffersConfIndex = 12;  // checked later than the size
+    EXPECT_EQ(refusal(camera, c), "Unsupported resolution");
+    c.height = 720;
+    c.outputBuffers.pop_back();
+    EXPECT_EQ(refusal(camera, c), "Unsupported output buffer configuration");
+    c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[1];
+    EXPECT_EQ(refusal(camera, c), "Output buffer configuration index out of range");
+    const Controls after = camera.getControls();
+    EXPECT_EQ(after.height, before.height);
+    EXPECT_EQ(after.outputBuffers, before.outputBuffers);
+    // Index and list are independent: a list of row 1 with index 3 is accepted.
+    c.outputBuffersConfIndex = 3;
+    EXPECT_EQ(refusal(camera, c), "");
+}
+
+TEST_F(Camera, FlipsAloneDoNotRestart) {
+    camera.start();
+    auto s = sensor();
+    Controls c = camera.getControls();
+    c.hFlip = false;
+    c.vFlip = false;
+    camera.setControl(sensor::CID_EXPOSURE, 1234);
+    camera.setControls(c);
+    EXPECT_EQ(camera.getControl(sensor::CID_HFLIP), 0);
+    EXPECT_EQ(camera.getControl(sensor::CID_VFLIP), 0);
+    EXPECT_EQ(camera.getControl(sensor::CID_EXPOSURE), 1234);  // a restart would have reset it
+    EXPECT_TRUE(s->streaming());
+    camera.stop();
+}
+
+TEST_F(Camera, SizeChangeRestartsAndKeepsTheSensorValues) {
+    camera.start();
+    const int32_t values[] = {1500, 900, 700, 4321, 600};
+    const uint32_t ids[] = {sensor::CID_RED_GAIN, sensor::CID_GREEN_GAIN, sensor::CID_BLUE_GAIN,
+                            sensor::CID_EXPOSURE, sensor::CID_GAIN};
+    for (int i = 0; i < 5; ++i) camera.setControl(ids[i], values[i]);
+    Controls c = camera.getControls();
+    c.width = 672;
+    c.height = 380;
+    camera.setControls(c);
+    auto s = sensor();
+    EXPECT_TRUE(s->streaming());
+    EXPECT_EQ(s->format().width, 672u);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(camera.getControl(ids[i]), values[i]) << std::hex << ids[i];
+    s->step();
+    CUDACamera::Bucket* bucket = camera.read();
+    ASSERT_NE(bucket, nullptr);
+    EXPECT_EQ(bucket->cuda_height, 384u);
+    camera.release(bucket->index, 0);
+    camera.stop();
+}
+
+TEST_F(Camera, ConfigurationChangeWhileStoppedAppliesAtStart) {
+    Controls c = camera.getControls();
+    c.outputBuffersConfIndex = 2;
+    c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[2];
+    camera.setControls(c);
+    camera.start();
+    sensor()->step();
+    CUDACamera::Bucket* bucket = camera.read();
+    ASSERT_NE(bucket, nullptr);
+    EXPECT_EQ(bucket->buffers.size(), 7u);
+    for (unsigned k = 0; k < 7; ++k) camera.release(bucket->index, k);
+    camera.stop();
+}
+
+TEST_F(Camera, MeteringRectangleFollowsTheExposureRegions) {
+    camera.start();
+    Controls c = camera.getControls();
+    c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(10, 20, 109, 69), 0.5f)};
+    camera.setControls(c);
+    EXPECT_EQ(camera.getControl(sensor::CID_METER_ENABLE), 1);
+    EXPECT_EQ(camera.getControl(sensor::CID_METER_LEFT), 10);
+    EXPECT_EQ(camera.getControl(sensor::CID_METER_TOP), 20);
+    EXPECT_EQ(camera.getControl(sensor::CID_METER_WIDTH), 100);
+    EXPECT_EQ(camera.getControl(sensor::CID_METER_HEIGHT), 50);
+    c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(50, 20, 10, 69), 1.0f)};  // right < left
+    camera.setControls(c);
+    EXPECT_EQ(camera.getControl(sensor::CID_METER_ENABLE), 1);
+    EXPECT_EQ(camera.getControl(sensor::CID_METER_WIDTH), 0);
+    EXPECT_EQ(camera.getControl(sensor::CID_METER_HEIGHT), 0);
+    c.ae.regions.clear();
+    camera.setControls(c);
+    for (uint32_t id : {sensor::CID_METER_ENABLE, sensor::CID_METER_LEFT, sensor::CID_METER_TOP,
+                        sensor::CID_METER_WIDTH, sensor::CID_METER_HEIGHT}) {
+        EXPECT_EQ(camera.getControl(id), 0) << std::hex << id;
+    }
+    camera.stop();
+}
+
+TEST_F(Camera, Presets) {
+    ruvo::test::LogCapture log("Capture.CUDACamera");
+    EXPECT_TRUE(camera.setControls(std::string("barcode")));
+    EXPECT_FLOAT_EQ(camera.getControls().ae.targetY, 0.2f);
+    EXPECT_EQ(camera.getControls().ae.manualMode, "AVGY");
+    EXPECT_TRUE(log.contains("controls set to barcode"));
+    EXPECT_TRUE(camera.setControls(std::string("oru")));
+    EXPECT_EQ(camera.getControls().ae.manualMode, "oru");
+    EXPECT_FLOAT_EQ(camera.getControls().ae.targetY, 0.2f);
+    EXPECT_TRUE(camera.setControls(std::string("default")));
+    EXPECT_FLOAT_EQ(camera.getControls().ae.targetY, 0.3f);
+    EXPECT_EQ(camera.getControls().ae.manualMode, "default");
+    EXPECT_FALSE(camera.setControls(std::string("night")));
+    EXPECT_TRUE(log.contains("controls attempting to set to night but it is not implemented!"));
+    EXPECT_EQ(camera.getControls().ae.manualMode, "default");
+}
+
+// Start resets the sensor to its defaults, then applies flips and the exposure region.
+TEST_F(Camera, StartResetsControlsAndReadsBackTheStartState) {
+    Controls c = camera.getControls();
+    c.hFlip = false;
+    c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(0, 0, 9, 9), 1.0f)};
+    camera.setControls(c);
+    camera.start();
+    for (uint32_t id : {sensor::CID_EXPOSURE, sensor::CID_GAIN, sensor::CID_RED_GAIN, sensor::CID_BLUE_GAIN}) {
+        EXPECT_EQ(camera.getControl(id), camera.queryControl(id).default_value) << std::hex << id;
+    }
+    EXPECT_EQ(camera.getControl(sensor::CID_HFLIP), 0);
+    EXPECT_EQ(camera.getControl(sensor::CID_VFLIP), 1);
+    EXPECT_EQ(camera.getControl(sensor::CID_METER_WIDTH), 10);
+    camera.stop();
+}

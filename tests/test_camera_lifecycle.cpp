@@ -1,0 +1,184 @@
+// Camera lifecycle against the simulated sensor: the failure texts of opening and format
+// negotiation, and start-read-release-stop cycles for every output configuration and size
+// with the bucket memory each one lays out.
+#include "CUDACamera.h"
+#include "OutputBufferConfig.h"
+#include "sim/SimulatedSensor.h"
+#include "support/CameraTestAccess.h"
+#include "support/SimCamera.h"
+
+#include <ruvo/capture/CaptureDeviceException.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+#ifdef RUVO_HOST_BUILD
+#include "host/HostRuntimeControl.h"
+#endif
+
+using namespace ruvo::capture;
+using ruvo::test::simCameraConfig;
+using ruvo::test::uniqueSimPath;
+
+namespace {
+
+std::string startError(CUDACamera& camera) {
+    try {
+        camera.start();
+    } catch (const CaptureDeviceException& e) {
+        return e.what();
+    }
+    return "";
+}
+
+}  // namespace
+
+TEST(CameraOpen, MissingPathNamesErrnoAndItsText) {
+    CUDACamera camera(simCameraConfig("/nonexistent/ruvo-video99"), 0);
+    EXPECT_EQ(startError(camera), "Cannot identify \"/nonexistent/ruvo-video99\" (2): No such file or directory");
+}
+
+TEST(CameraOpen, RegularFileIsNotADevice) {
+    const std::string path = ::testing::TempDir() + "ruvo-not-a-device";
+    std::ofstream(path) << "x";
+    CUDACamera camera(simCameraConfig(path), 0);
+    EXPECT_EQ(startError(camera), "Not a device: \"" + path + "\"");
+    std::remove(path.c_str());
+}
+
+TEST(CameraOpen, SizeTheDriverChangesIsRefused) {
+    CUDACamera camera(simCameraConfig(uniqueSimPath("fmt"), {{"width", "1281"}}), 0);
+    EXPECT_EQ(startError(camera), "Unsupported resolution: 1281x720");
+}
+
+TEST(CameraOpen, ConstructionTouchesNoDevice) {
+    const std::string path = uniqueSimPath("idle");
+    {
+        CUDACamera camera(simCameraConfig(path), 0);
+        auto sensor = sim::findSensor(path);
+        ASSERT_NE(sensor, nullptr);
+        EXPECT_FALSE(sensor->streaming());
+        EXPECT_EQ(sensor->queuedCount(), 0u);
+    }
+}
+
+struct SizeCase {
+    uint32_t width, height, rows;
+};
+
+class CameraCycle : public ::testing::TestWithParam<std::tuple<int, SizeCase>> {};
+
+// Every configuration at every size: one frame in, every output out and back, stop frees all.
+TEST_P(CameraCycle, StartReadReleaseStop) {
+    const int configuration = std::get<0>(GetParam());
+    const SizeCase size = std::get<1>(GetParam());
+    const std::string path = uniqueSimPath("cycle");
+    CUDACamera camera(simCameraConfig(path, {{"width", std::to_string(size.width)},
+                                             {"height", std::to_string(size.height)},
+                                             {"outputBufferFormats", std::to_string(configuration)}}),
+                      0);
+#ifdef RUVO_HOST_BUILD
+    const size_t allocationsBefore = ruvo::hostrt::liveAllocations();
+    const size_t streamsBefore = ruvo::hostrt::liveStreams();
+#endif
+    camera.start();
+    auto sensor = sim::findSensor(path);
+    ASSERT_NE(sensor, nullptr);
+    EXPECT_EQ(sensor->queuedCount(), 4u);
+    ASSERT_TRUE(sensor->step());
+    CUDACamera::Bucket* bucket = camera.read();
+    ASSERT_NE(bucket, nullptr);
+    EXPECT_EQ(bucket->status, CUDACamera::Bucket::USED);
+    EXPECT_EQ(bucket->cuda_height, size.rows);
+    EXPECT_EQ(bucket->cudaIn.size, size.width * size.rows * 2);
+    EXPECT_EQ(bucket->v4l2.size, size.width * size.height * 2);
+    const auto& definitions = CUDA_OUTPUT_BUFFER_CONFIG[configuration];
+    ASSERT_EQ(bucket->buffers.size(), definitions.size());
+    EXPECT_EQ(bucket->releaseCounter.load(), definitions.size());
+    for (size_t k = 0; k < definitions.size(); ++k) {
+        const auto& frame = bucket->buffers[k].frame;
+        const auto level = static_cast<int>(definitions[k].outputLevel);
+        if (level >= 0) {
+            EXPECT_EQ(frame.width, size.width >> level) << "buffer " << k;
+            EXPECT_EQ(frame.height, size.height >> level) << "buffer " << k;
+            EXPECT_EQ(frame.cuda_height, size.rows >> level) << "buffer " << k;
+        }
+        EXPECT_NE(frame.data, nullptr);
+    }
+    EXPECT_EQ(sensor->queuedCount(), 3u);
+    for (unsigned k = 0; k < definitions.size(); ++k) camera.release(bucket->index, k);
+    EXPECT_EQ(bucket->status, CUDACamera::Bucket::FREE);
+    EXPECT_EQ(sensor->queuedCount(), 4u);
+    camera.stop();
+    EXPECT_FALSE(sensor->streaming());
+#ifdef RUVO_HOST_BUILD
+    EXPECT_EQ(ruvo::hostrt::liveAllocations(), allocationsBefore);
+    EXPECT_EQ(ruvo::hostrt::liveStreams(), streamsBefore);
+#endif
+}
+
+INSTANTIATE_TEST_SUITE_P(AllConfigurationsAndSizes, CameraCycle,
+                         ::testing::Combine(::testing::Range(0, 12),
+                                            ::testing::Values(SizeCase{672, 380, 384}, SizeCase{1280, 720, 720},
+                                                              SizeCase{1920, 1080, 1152},
+                                                              SizeCase{2688, 1520, 1520})));
+
+#ifdef RUVO_HOST_BUILD
+// The byte counts of the layout: 1280x720 YUV_ONLY and the seven outputs of the histogram row.
+TEST(CameraMemory, AllocatesTheDocumentedByteCounts) {
+    const std::string path = uniqueSimPath("bytes");
+    CUDACamera camera(simCameraConfig(path, {{"outputBufferFormats", "2"}}), 0);
+    const size_t before = ruvo::hostrt::liveAllocations();
+    camera.start();
+    CUDACamera::Bucket& bucket = CUDACameraTestAccess::buckets(camera)[0];
+    EXPECT_EQ(ruvo::hostrt::allocationSize(bucket.cudaIn.host), 1843200u);
+    ASSERT_EQ(bucket.buffers.size(), 7u);
+    EXPECT_EQ(ruvo::hostrt::allocationSize(bucket.buffers[0].cudaOut.host), 1382400u);
+    const auto& histogram = bucket.buffers[4];
+    EXPECT_EQ(histogram.frame.width, 0u);
+    EXPECT_EQ(histogram.frame.height, 0u);
+    EXPECT_EQ(histogram.cudaOut.length, 256u);
+    EXPECT_EQ(histogram.cudaOut.size, 1024u);
+    for (size_t k = 0; k < 7; ++k) {
+        EXPECT_EQ(bucket.extraCudaDevicePtrCounts[k], k == 4 ? 1u : 0u) << "buffer " << k;
+        EXPECT_EQ(ruvo::hostrt::attachedStream(bucket.buffers[k].cudaOut.host), bucket.stream);
+    }
+    EXPECT_GT(bucket.extraCudaDevicePtrsLengths[4][0], 0);
+    EXPECT_EQ(ruvo::hostrt::attachedStream(bucket.cudaIn.host), nullptr);  // the driver writes it outside streams
+    camera.stop();
+    EXPECT_EQ(ruvo::hostrt::liveAllocations(), before);
+}
+
+// Buffers are requested with count 0 and no memory is made; the driver then refuses to stream.
+TEST(CameraMemory, PoolOfZeroAllocatesNothing) {
+    const std::string path = uniqueSimPath("pool0");
+    CUDACamera camera(simCameraConfig(path, {{"bufferPoolSize", "0"}}), 0);
+    const size_t before = ruvo::hostrt::liveAllocations();
+    EXPECT_EQ(startError(camera), "VIDIOC_STREAMON");
+    EXPECT_EQ(ruvo::hostrt::liveAllocations(), before);
+    EXPECT_TRUE(CUDACameraTestAccess::buckets(camera).empty());
+}
+
+// A failing allocation names its call, file and line; the camera can be destroyed afterwards.
+TEST(CameraMemory, FailedManagedAllocationReportsTheCall) {
+    const std::string path = uniqueSimPath("oom");
+    CUDACamera camera(simCameraConfig(path), 0);
+    ruvo::hostrt::failCall("cudaMallocManaged", cudaErrorMemoryAllocation, 1, 1);
+    try {
+        camera.start();
+        FAIL() << "start() succeeded";
+    } catch (const CUDADeviceException& e) {
+        const std::string what = e.what();
+        EXPECT_EQ(what.rfind("cudaMallocManaged((void**)&buffer.cudaOut.host, length * bytesPerPx, "
+                             "cudaMemAttachGlobal) at src/CUDACamera.cpp:",
+                             0),
+                  0u)
+            << what;
+        EXPECT_NE(what.find(": cudaErrorMemoryAllocation(2) out of memory\n"), std::string::npos) << what;
+    }
+    ruvo::hostrt::resetFaults();
+}
+#endif

@@ -1,0 +1,171 @@
+// The produce/consume cycle driven step by step without threads: only the newest bucket of a
+// camera is delivered, identifiers and frame fields, buffers coming back through the deleters.
+#include "CUDADeviceImpl.h"
+#include "FramePlanes.h"
+#include "sim/SimulatedSensor.h"
+#include "support/GpuPresence.h"
+#include "support/SimCamera.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+using namespace ruvo::capture;
+using ruvo::test::simCameraConfig;
+using ruvo::test::uniqueSimPath;
+
+namespace {
+
+struct Producer : CUDADeviceImpl::ProduceTask {
+    using ProduceTask::ProduceTask;
+    using ProduceTask::onExit;
+    using ProduceTask::work;
+};
+
+struct Consumer : CUDADeviceImpl::ConsumeTask {
+    using ConsumeTask::ConsumeTask;
+    using ConsumeTask::work;
+};
+
+using Batch = std::vector<std::shared_ptr<Frame>>;
+
+// Two stepped cameras (YUV_2 and YUV_ONLY) with their producers and one consumer, no threads.
+struct Rig : ::testing::Test {
+    void SetUp() override {
+        RUVO_REQUIRE_CUDA_DEVICE();
+        for (int i = 0; i < 2; ++i) {
+            paths[i] = uniqueSimPath("pipe");
+            cameras[i] = std::make_unique<CUDACamera>(
+                simCameraConfig(paths[i], {{"outputBufferFormats", i == 0 ? "1" : "0"}}), i);
+            cameras[i]->start();
+            producers[i] = std::make_unique<Producer>("ProduceTask-" + std::to_string(i), cameras[i].get(), event);
+        }
+        consumer = std::make_unique<Consumer>(
+            "ConsumeTask", std::vector<CUDACamera*>{cameras[0].get(), cameras[1].get()},
+            [this](const Batch& batch) { delivered.push_back(batch); }, mutexControls, event,
+            std::vector<CUDADeviceImpl::ProduceTask*>{producers[0].get(), producers[1].get()});
+    }
+    void TearDown() override {
+        delivered.clear();
+        for (auto& p : producers) if (p) p->onExit();
+        for (auto& c : cameras) if (c) c->stop();
+    }
+    void capture(int camera) {
+        sim::findSensor(paths[camera])->step();
+        producers[camera]->work();
+    }
+    size_t queuedWithDriver(int camera) { return sim::findSensor(paths[camera])->queuedCount(); }
+
+    std::string paths[2];
+    std::unique_ptr<CUDACamera> cameras[2];
+    std::unique_ptr<Producer> producers[2];
+    std::unique_ptr<Consumer> consumer;
+    Poco::Mutex mutexControls;
+    Poco::Event event{Poco::Event::EVENT_AUTORESET};
+    std::vector<Batch> delivered;
+};
+
+}  // namespace
+
+TEST_F(Rig, OnlyTheNewestBucketIsDeliveredAndTheOlderReturnedWhole) {
+    capture(0);
+    capture(0);
+    EXPECT_EQ(queuedWithDriver(0), 2u);
+    consumer->work();
+    ASSERT_EQ(delivered.size(), 1u);
+    const Batch& batch = delivered[0];
+    ASSERT_EQ(batch.size(), 2u);  // YUV_2 of camera 0; camera 1 had nothing
+    EXPECT_EQ(batch[0]->frameId, 0u);
+    EXPECT_EQ(batch[1]->frameId, 1u);
+    EXPECT_EQ(batch[0]->cameraId, 0u);
+    EXPECT_EQ(batch[1]->batchIndex, 1u);
+    EXPECT_EQ(batch[1]->outputLevelId, Frame::HALF);
+    EXPECT_EQ(batch[0]->type, "camera");
+    EXPECT_EQ(batch[0]->source, dlib::rectangle(0, 0, 1280, 720));
+    EXPECT_EQ(queuedWithDriver(0), 3u);  // the older one went straight back
+    delivered.clear();
+    EXPECT_EQ(queuedWithDriver(0), 4u);  // the delivered one came back with its last frame
+    capture(1);
+    consumer->work();
+    ASSERT_EQ(delivered.size(), 1u);
+    ASSERT_EQ(delivered[0].size(), 1u);
+    EXPECT_EQ(delivered[0][0]->cameraId, 1u);  // positions are kept when camera 0 has nothing
+    EXPECT_EQ(delivered[0][0]->frameId, 2u);   // frames counted, not batches
+    EXPECT_EQ(delivered[0][0]->batchId, 1u);
+}
+
+TEST_F(Rig, EmptyWakeUpUsesABatchNumberAndTimeOutDoesNot) {
+    event.set();
+    consumer->work();
+    EXPECT_TRUE(delivered.empty());
+    EXPECT_EQ(consumer->batchId, 1u);
+    capture(0);
+    capture(1);
+    consumer->work();
+    ASSERT_EQ(delivered.size(), 1u);
+    ASSERT_EQ(delivered[0].size(), 3u);
+    for (const auto& f : delivered[0]) EXPECT_EQ(f->batchId, 1u);
+    EXPECT_EQ(delivered[0][2]->cameraId, 1u);
+    EXPECT_EQ(consumer->batchId, 2u);
+}
+
+TEST_F(Rig, FramesCarryTheBucketState) {
+    capture(0);
+    consumer->work();
+    ASSERT_EQ(delivered.size(), 1u);
+    const Frame& full = *delivered[0][0];
+    const Frame& half = *delivered[0][1];
+    EXPECT_EQ(full.format, Frame::YUV420p);
+    EXPECT_EQ(full.width, 1280u);
+    EXPECT_EQ(half.width, 640u);
+    EXPECT_EQ(half.height, 360u);
+    EXPECT_EQ(full.planes[1].data, full.planes[0].data + 1280 * 720);
+    EXPECT_EQ(half.planes[2].data, half.planes[0].data + 640 * 360 + 640 * 360 / 4);
+    EXPECT_EQ(full.timestamp, half.timestamp);
+    EXPECT_NE(full.timestamp, TimePoint::min());
+    EXPECT_GT(full.feedback.autoExposureGain, 0.0f);
+}
+
+TEST_F(Rig, KeptFramesHoldTheirBucketUntilDropped) {
+    capture(0);
+    consumer->work();
+    std::shared_ptr<Frame> kept = delivered[0][1];
+    delivered.clear();
+    EXPECT_EQ(queuedWithDriver(0), 3u);
+    kept.reset();
+    EXPECT_EQ(queuedWithDriver(0), 4u);
+}
+
+TEST_F(Rig, ProducerExitReturnsQueuedBuckets) {
+    capture(0);
+    capture(0);
+    EXPECT_EQ(queuedWithDriver(0), 2u);
+    producers[0]->onExit();
+    EXPECT_EQ(queuedWithDriver(0), 4u);
+}
+
+TEST(FramePlanes, ChromaFollowsTheAllocatedRows) {
+    uint8_t* base = reinterpret_cast<uint8_t*>(0x10000);
+    Frame f;
+    f.format = Frame::YUV420p;
+    f.width = 640;
+    f.height = 480;
+    setFramePlanes(f, base, 640, 480);
+    EXPECT_EQ(f.planes[1].data - base, 307200);
+    EXPECT_EQ(f.planes[2].data - base, 384000);
+    EXPECT_EQ(f.planes[1].width, 320u);
+    EXPECT_EQ(f.planes[1].height, 240u);
+    EXPECT_EQ(f.planes[2].stride, 320u);
+    f.width = 1920;
+    f.height = 1080;
+    setFramePlanes(f, base, 1920, 1152);
+    EXPECT_EQ(f.planes[1].data - base, 1920 * 1152);
+    EXPECT_EQ(f.planes[2].data - base, 1920 * 1152 + 1920 * 1152 / 4);
+    EXPECT_EQ(f.planes[1].height, 540u);
+    Frame y8;
+    y8.format = Frame::Y8;
+    y8.width = 320;
+    y8.height = 240;
+    setFramePlanes(y8, base, 320, 240);
+    EXPECT_EQ(y8.planes[1].data, nullptr);
+}
