@@ -195,6 +195,7 @@ private:
     std::vector<float> winWeights;  // centre prior per metering region, row-major
     float sumWinWeights = 0.0f;
     metering::RegionScratch _regionScratch;  // region metering state, reused frame to frame
+    float _aeMeteredY = 0.0f;  // luminance (0..1) that the last automatic exposure evaluation measured
     std::shared_ptr<DeviceIo> _io;  // the only way to the device node
 };
 

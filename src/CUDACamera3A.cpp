@@ -108,6 +108,7 @@ void CUDACamera::autoExposure(const Bucket& bucket, uint32_t offsetX, uint32_t o
         err = targetY - avgY;
     }
 
+    _aeMeteredY = avgY;
     if (std::fabs(err) < _params.ae.errorY) return;
     updateExposure(err, avgY);
     updateGain(err);

@@ -1,10 +1,15 @@
 // The metering diagnostics records, byte for byte: the region weights of a 2 x 2 grid and the
-// skin statistics of a camera named "left" with index 1, including the level guard.
+// skin statistics of a camera named "left" with index 1, from the record builders and from a
+// camera's evaluation of a crafted frame; and no record without an enabled, listened channel.
 #include "MeteringDiagnostics.h"
+#include "test_3a_rig.h"
+
+#include <ruvo/util/Channel.h>
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <limits>
 #include <string>
 #include <vector>
@@ -69,6 +74,102 @@ TEST(ExpMetaRecord, LevelsThatAreNoPyramidLevelReadAsZero) {
 TEST(ExpRecords, ChannelNames) {
     EXPECT_EQ(metering::expStatChannelName(), "CapDevCUDAExpStat");
     EXPECT_EQ(metering::expMetaChannelName(), "CapDevCUDAExpMeta");
+}
+
+// ---- through the camera ----
+
+constexpr uint32_t kWidth = 1280;
+constexpr uint32_t kHeight = 720;
+
+// Collects the texts sent on one channel while it lives.
+class Listener {
+public:
+    explicit Listener(const std::string& name) : _channel(ruvo::util::Channel::get(name)) {
+        _id = _channel->addListener([this](const std::string& text) { texts.push_back(text); });
+    }
+    ~Listener() { _channel->removeListener(_id); }
+    void enable(bool on) { _channel->setEnabled(on); }
+    std::vector<std::string> texts;
+
+private:
+    std::shared_ptr<ruvo::util::Channel> _channel;
+    ruvo::util::Channel::ListenerId _id = 0;
+};
+
+// A camera "left" with index 1 metering a 2 x 2 grid with two samples per region: regions 0, 1
+// and 3 flat (deviation 0), region 2 (top right, column-major) at 96 and 104 (deviation 4).
+class TwoByTwo : public ::testing::Test {
+protected:
+    TwoByTwo()
+        : rig({{"name", "left"},
+               {"outputBufferFormats", "2"},
+               {"ae.numRegions", "4"},
+               {"numSamples", "8"},
+               {"ae.numSamples", "8"},
+               {"awb.numSamples", "8"}},
+              1),
+          frame(kWidth, kHeight, 7) {
+        frame.fill(100, 128, 128);
+        frame.fillLuma([](uint32_t x, uint32_t y) -> uint8_t {
+            if (x < kWidth / 2) return y < kHeight / 2 ? 100 : 50;
+            return y < kHeight / 2 ? 100 : 200;
+        });
+        frame.y(700, 100) = 96;
+        frame.y(900, 200) = 104;
+    }
+    void evaluate() {
+        testing::placeSamples(
+            *rig.camera,
+            {{100, 100}, {200, 200}, {100, 400}, {300, 500}, {700, 100}, {900, 200}, {700, 400}, {1000, 600}});
+        rig.evaluate(frame.bucket);
+    }
+
+    testing::CameraRig rig;
+    testing::CraftedFrame frame;
+};
+
+std::string sixDecimals(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%f", value);
+    return text;
+}
+
+TEST_F(TwoByTwo, StatRecordCarriesTheRegionWeights) {
+    Listener stat("CapDevCUDAExpStat");
+    Listener meta("CapDevCUDAExpMeta");
+    evaluate();
+    // Deviations 0, 0, 4, 0: mean 1, variance 3; weight exp(-0.5 d^2 / (2 * 3)) times the prior
+    // share, a quarter for each region of a 2 x 2 grid.
+    const std::string typical = sixDecimals(std::exp(-1.0 / 12) / 4);
+    const std::string contrasted = sixDecimals(std::exp(-0.75) / 4);
+    ASSERT_EQ(stat.texts.size(), 1u);
+    EXPECT_EQ(stat.texts[0], "{ \"width\": 2, \"height\": 2, \"cameraIndex\": \"1\", \"data\": [" + typical + "," +
+                                 typical + "," + contrasted + "," + typical + "]}");
+    EXPECT_TRUE(meta.texts.empty()) << "no skin in view";
+}
+
+TEST_F(TwoByTwo, MetaRecordOfCameraLeftWithIndexOne) {
+    Listener meta("CapDevCUDAExpMeta");
+    frame.setSkin(9216, 180);  // skin ratio 0.04
+    evaluate();
+    ASSERT_EQ(meta.texts.size(), 1u);
+    EXPECT_EQ(meta.texts[0],
+              "{ \"type\": \"Metering Metadata\", \"cameraName\": \"left\", \"cameraIndex\": \"1\", "
+              "\"numPixelsCount\": 9216, \"sumPixelsLuminance\": 1658880, \"meanLuminance\": 0.705882, "
+              "\"bufferDims\": { \"width\":80, \"height\":45} }");
+}
+
+TEST_F(TwoByTwo, NothingIsSentToADisabledChannel) {
+    Listener stat("CapDevCUDAExpStat");
+    Listener meta("CapDevCUDAExpMeta");
+    stat.enable(false);
+    meta.enable(false);
+    frame.setSkin(9216, 180);
+    evaluate();
+    stat.enable(true);
+    meta.enable(true);
+    EXPECT_TRUE(stat.texts.empty());
+    EXPECT_TRUE(meta.texts.empty());
 }
 
 }  // namespace

@@ -14,11 +14,13 @@ public:
     static const std::vector<std::pair<int, int>>& samples(const CUDACamera& camera) {
         return camera._initialSampleDist;
     }
+    static std::vector<std::pair<int, int>>& sampleTable(CUDACamera& camera) { return camera._initialSampleDist; }
     static const std::vector<float>& winWeights(const CUDACamera& camera) { return camera.winWeights; }
     static float sumWinWeights(const CUDACamera& camera) { return camera.sumWinWeights; }
     static float& currExpGain(CUDACamera& camera) { return camera._currExpGain; }
     static float& currBlueGain(CUDACamera& camera) { return camera._currBlueGain; }
     static float& currRedGain(CUDACamera& camera) { return camera._currRedGain; }
+    static float aeMeteredY(const CUDACamera& camera) { return camera._aeMeteredY; }
     static int32_t& aeExposure(CUDACamera& camera) { return camera._aeState.exposure; }
     static float& aeGain(CUDACamera& camera) { return camera._aeState.gain; }
     static bool& aeNeedsUpdate(CUDACamera& camera) { return camera._aeState.controlNeedsUpdate; }
