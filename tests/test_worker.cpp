@@ -13,7 +13,9 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -120,7 +122,10 @@ public:
         if (!thread.isRunning()) return;
         _worker.cancel();
         _worker.openGate();
-        thread.join();
+        if (!thread.tryJoin(kJoinGuardMs)) {
+            ADD_FAILURE() << "the worker thread ignores cancel(); aborting rather than hanging";
+            std::abort();
+        }
     }
     void join() { thread.join(kJoinGuardMs); }
 
@@ -190,19 +195,29 @@ TEST(WorkerLoop, CancelEndsTheLoopAfterTheCurrentStep) {
     EXPECT_EQ(worker.exits, 1);
 }
 
-TEST(WorkerLoop, PausedBeforeStartRunsNothingUntilUnpausedAndCancelWakesIt) {
-    ScriptedWorker worker;
+// Starts `worker` paused and lets its thread settle in the paused wait.
+std::unique_ptr<RunningWorker> startPaused(ScriptedWorker& worker) {
     worker.pause();  // not running: must return at once
-    RunningWorker running(worker);
+    auto running = std::make_unique<RunningWorker>(worker);
     while (!worker.isRunning()) std::this_thread::yield();
     letOtherThreadsRun();
-    EXPECT_EQ(worker.read(worker.started), 0);
+    return running;
+}
 
+TEST(WorkerLoop, PausedBeforeStartRunsNothingUntilUnpaused) {
+    ScriptedWorker worker;
+    auto running = startPaused(worker);
+    EXPECT_EQ(worker.read(worker.started), 0);
     worker.unpause();
-    ASSERT_TRUE(worker.waitUntil([&] { return worker.finished >= 1; }));
-    worker.pause();
-    worker.cancel();  // wakes the paused loop, which then exits
-    running.join();
+    EXPECT_TRUE(worker.waitUntil([&] { return worker.finished >= 1; }));
+}
+
+TEST(WorkerLoop, CancelWakesAPausedLoop) {
+    ScriptedWorker worker;
+    auto running = startPaused(worker);
+    worker.cancel();
+    running->join();
+    EXPECT_EQ(worker.started, 0);
     EXPECT_EQ(worker.exits, 1);
 }
 
