@@ -53,5 +53,11 @@ void cudaISP(cudaStream_t& stream, int outputBufferConfiguration, size_t nTarget
 void allocateCUBBuffer(unsigned int& temp_size, unsigned char** temp_storage, const char* algorithm, int width,
                        int height);
 
+// Bytes the kernels write into output buffer `buffer` of `configuration` for a processed size of
+// width x cudaHeight, in either demosaic mode; 0 for a buffer that no kernel writes. BGGR writes a
+// 3-byte-per-pixel RGB view of the mosaic into its buffer 1, more than that buffer's table format
+// (YUV420p) holds, so a bucket allocates the larger of the table size and this.
+size_t kernelOutputBytes(int configuration, size_t buffer, unsigned width, unsigned cudaHeight);
+
 }  // namespace capture
 }  // namespace ruvo

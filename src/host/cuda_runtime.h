@@ -94,3 +94,9 @@ cudaError_t cudaPeekAtLastError(void);
 const char* cudaGetErrorName(cudaError_t error);
 const char* cudaGetErrorString(cudaError_t error);
 }
+
+// The runtime's C++ overload for typed device pointers.
+template <class T>
+inline cudaError_t cudaMalloc(T** devPtr, size_t size) {
+    return cudaMalloc(reinterpret_cast<void**>(devPtr), size);
+}

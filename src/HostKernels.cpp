@@ -1,0 +1,76 @@
+// Host build of the image pipeline's dispatcher: the kernel sequence of each output configuration
+// runs on CPU threads through the same per-thread functions as the CUDA kernels, and has completed
+// when cudaISP returns. The histogram and its scratch memory go through the host even-bin
+// histogram behind the CUB call texts.
+#undef NDEBUG  // an unsupported processed size must abort in every build type
+
+#include "CUDAKernels.h"
+
+#include "CUDAUtils.h"
+#include "kernels/CubHistogram.h"
+#include "kernels/HostLaunch.h"
+#include "kernels/IspPlan.h"
+#include "kernels/LaunchGeometry.h"
+
+#include <cassert>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+namespace ruvo {
+namespace capture {
+
+namespace {
+
+// Histogram of the half-size skin luminance plane (target 3) into the 256 counters of target 4,
+// with the scratch memory allocated for target 4.
+void histogramOfSkinLuminance(cudaStream_t& stream, unsigned char** targets, unsigned char*** extra,
+                              int** extraLengths, unsigned int width, unsigned int height) {
+    void* d_temp_storage = extra[4][0];
+    size_t temp_storage_bytes = static_cast<size_t>(extraLengths[4][0]);
+    int* d_hist = reinterpret_cast<int*>(targets[4]);
+    const int n_levels = 257;
+    // clang-format off
+    CUDA_CHECK(cub::DeviceHistogram::HistogramEven( d_temp_storage, temp_storage_bytes, targets[3], d_hist, n_levels, 0, 256, (int)(width*height/4), stream, false));
+    // clang-format on
+}
+
+}  // namespace
+
+void cudaISP(cudaStream_t& stream, int outputBufferConfiguration, size_t /*nTargets*/, CUDADemosaicMode demosaicMode,
+             const unsigned short* sbggr, unsigned char** targets, unsigned char*** extra, int** extraLengths,
+             unsigned int width, unsigned int height, float gammaR, float gammaG, float gammaB, float gammaCr,
+             float gammaCb, float colorModelThreshold) {
+    const kernels::LaunchGeometry* geometry = kernels::findLaunchGeometry(width, height);
+    if (geometry == nullptr) assert(false && (width || height));
+    const cudaKernelParams params{sbggr, width, height, gammaR, gammaG, gammaB, gammaCr, gammaCb};
+    const kernels::IspPlan plan = kernels::planIsp(outputBufferConfiguration, demosaicMode);
+    for (int i = 0; i < plan.count; ++i) {
+        const kernels::PlannedLaunch& launch = plan.launches[i];
+        if (launch.kernel == kernels::KernelId::histogram_even) {
+            histogramOfSkinLuminance(stream, targets, extra, extraLengths, width, height);
+        } else {
+            kernels::runLaunchOnHost(launch, *geometry, params, targets, colorModelThreshold);
+        }
+    }
+    if (plan.unimplemented) std::cerr << "Unimplemented CUDA kernel output format configuration!" << std::endl;
+}
+
+void allocateCUBBuffer(unsigned int& temp_size, unsigned char** temp_storage, const char* algorithm, int width,
+                       int height) {
+    temp_size = 0;
+    if (std::strcmp(algorithm, "DeviceHistogram::HistogramEven") != 0) {
+        throw std::string("CUB algorithm specification is invalid");
+    }
+    // clang-format off
+    CUDA_CHECK(cub::DeviceHistogram::HistogramEven(NULL, temp_size, ((unsigned char*)NULL), ((int*)NULL), 257, 0, 256, width*height));
+    // clang-format on
+    if (temp_size != 0) CUDA_CHECK(cudaMalloc(temp_storage, temp_size));
+}
+
+size_t kernelOutputBytes(int configuration, size_t buffer, unsigned width, unsigned cudaHeight) {
+    return kernels::plannedOutputBytes(configuration, buffer, width, cudaHeight);
+}
+
+}  // namespace capture
+}  // namespace ruvo

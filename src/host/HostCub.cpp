@@ -1,0 +1,70 @@
+// Host build's even-bin histogram: the samples are split into slices counted in parallel into
+// per-slice counters in the scratch memory, which are then summed into the output counters.
+#include "../kernels/CubHistogram.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace ruvo {
+namespace capture {
+namespace cub {
+
+namespace {
+
+constexpr int kSlices = 8;
+
+size_t scratchBytes(int bins) { return static_cast<size_t>(kSlices) * static_cast<size_t>(bins) * sizeof(int); }
+
+void countSlice(const unsigned char* samples, int begin, int end, int* counts, int bins, int lower, int upper) {
+    std::memset(counts, 0, static_cast<size_t>(bins) * sizeof(int));
+    const int64_t range = static_cast<int64_t>(upper) - lower;
+    for (int i = begin; i < end; ++i) {
+        const int value = samples[i];
+        if (value < lower || value >= upper) continue;
+        counts[(static_cast<int64_t>(value) - lower) * bins / range] += 1;
+    }
+}
+
+}  // namespace
+
+cudaError_t DeviceHistogram::HistogramEven(void* d_temp_storage, size_t& temp_storage_bytes,
+                                           const unsigned char* d_samples, int* d_histogram, int num_levels,
+                                           int lower_level, int upper_level, int num_samples, cudaStream_t,
+                                           bool) {
+    if (num_levels < 2 || upper_level <= lower_level || num_samples < 0) return cudaErrorInvalidValue;
+    const int bins = num_levels - 1;
+    if (d_temp_storage == nullptr) {
+        temp_storage_bytes = scratchBytes(bins);
+        return cudaSuccess;
+    }
+    if (temp_storage_bytes < scratchBytes(bins) || d_histogram == nullptr) return cudaErrorInvalidValue;
+    if (d_samples == nullptr && num_samples > 0) return cudaErrorInvalidValue;
+    int* partial = static_cast<int*>(d_temp_storage);
+#pragma omp parallel for schedule(static)
+    for (int slice = 0; slice < kSlices; ++slice) {
+        const int begin = static_cast<int>(static_cast<int64_t>(num_samples) * slice / kSlices);
+        const int end = static_cast<int>(static_cast<int64_t>(num_samples) * (slice + 1) / kSlices);
+        countSlice(d_samples, begin, end, partial + static_cast<size_t>(slice) * bins, bins, lower_level, upper_level);
+    }
+    for (int bin = 0; bin < bins; ++bin) {
+        int total = 0;
+        for (int slice = 0; slice < kSlices; ++slice) total += partial[static_cast<size_t>(slice) * bins + bin];
+        d_histogram[bin] = total;
+    }
+    return cudaSuccess;
+}
+
+cudaError_t DeviceHistogram::HistogramEven(void* d_temp_storage, unsigned int& temp_storage_bytes,
+                                           const unsigned char* d_samples, int* d_histogram, int num_levels,
+                                           int lower_level, int upper_level, int num_samples, cudaStream_t stream,
+                                           bool debug_synchronous) {
+    size_t bytes = temp_storage_bytes;
+    const cudaError_t result = HistogramEven(d_temp_storage, bytes, d_samples, d_histogram, num_levels, lower_level,
+                                             upper_level, num_samples, stream, debug_synchronous);
+    temp_storage_bytes = static_cast<unsigned int>(bytes);
+    return result;
+}
+
+}  // namespace cub
+}  // namespace capture
+}  // namespace ruvo

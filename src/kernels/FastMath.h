@@ -1,0 +1,181 @@
+// The few transcendental and rounding helpers the per-pixel kernels use. On the device they map to
+// the approximate hardware instructions (log2, exp2, division; denormals flushed); on the host they
+// are branch-free polynomial code that the compiler vectorises. Where a result must be the same in
+// both builds (byte conversions, orientation), the arithmetic is spelled out with explicit fused or
+// correctly rounded operations so that neither compiler can contract it differently.
+#pragma once
+
+#include <cuda_runtime.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+namespace ruvo {
+namespace capture {
+namespace kernels {
+
+// Raw samples are 10-bit values in the upper bits of a 14-bit field: 16383 is full scale.
+constexpr float kFullScale = 16383.0f;
+constexpr float kInvFullScale = 1.0f / 16383.0f;
+// A raw value times this, truncated, is its byte form (value / 16383 * 255).
+constexpr float kFullScaleToByte = 255.0f / 16383.0f;
+
+#ifndef __CUDA_ARCH__
+namespace host {
+
+__forceinline__ uint32_t floatBits(float x) {
+    uint32_t bits;
+    std::memcpy(&bits, &x, sizeof bits);
+    return bits;
+}
+
+__forceinline__ float bitsFloat(uint32_t bits) {
+    float x;
+    std::memcpy(&x, &bits, sizeof x);
+    return x;
+}
+
+// log2 of a positive normal float: exponent plus the atanh series of the mantissa taken in
+// [sqrt(1/2), sqrt(2)), t = (m - 1) / (m + 1), log2 m = 2/ln2 (t + t^3/3 + t^5/5 + t^7/7 + t^9/9).
+// Absolute error below 1e-8 before rounding; log2(1) is exactly 0.
+__forceinline__ float log2Positive(float x) {
+    const uint32_t bits = floatBits(x);
+    const bool upperHalf = (bits & 0x007fffffu) > 0x003504f3u;  // mantissa above sqrt(2)
+    const int exponent = static_cast<int>(bits >> 23) - 127 + (upperHalf ? 1 : 0);
+    const float m = bitsFloat((bits & 0x007fffffu) | (upperHalf ? 0x3f000000u : 0x3f800000u));
+    const float t = (m - 1.0f) / (m + 1.0f);
+    const float t2 = t * t;
+    const float series =
+        2.8853900817779268f +
+        t2 * (0.9617966939259756f + t2 * (0.5770780163555854f + t2 * (0.4121985831111323f + t2 * 0.3205988979753252f)));
+    return static_cast<float>(exponent) + t * series;
+}
+
+// 2^x: x = n + f with n the nearest integer and |f| <= 1/2; 2^f by its Taylor series to degree 7
+// (relative error below 6e-9), n added to the exponent field. Results below 2^-126 flush to zero,
+// inputs above 127 saturate at 2^127.
+__forceinline__ float exp2Clamped(float x) {
+    const float clamped = x > 127.0f ? 127.0f : (x < -127.0f ? -127.0f : x);
+    const int n = static_cast<int>(clamped + 127.5f) - 127;  // round half up; argument is positive
+    const float f = clamped - static_cast<float>(n);
+    const float p =
+        1.0f +
+        f * (0.6931471805599453f +
+             f * (0.2402265069591007f +
+                  f * (0.05550410866482158f +
+                       f * (0.009618129107628477f +
+                            f * (0.0013333558146428443f + f * (0.00015403530393381608f + f * 1.525273380405984e-05f))))));
+    const float scaled = bitsFloat(floatBits(p) + (static_cast<uint32_t>(n) << 23));
+    return x < -126.0f ? 0.0f : scaled;
+}
+
+}  // namespace host
+#endif
+
+// log2 of a positive value (device: the approximate lg2 instruction).
+__host__ __device__ __forceinline__ float fastLog2(float x) {
+#ifdef __CUDA_ARCH__
+    return __log2f(x);
+#else
+    return host::log2Positive(x);
+#endif
+}
+
+// 2^x (device: the approximate ex2 instruction, flushing to zero).
+__host__ __device__ __forceinline__ float fastExp2(float x) {
+#ifdef __CUDA_ARCH__
+    return exp2f(x);
+#else
+    return host::exp2Clamped(x);
+#endif
+}
+
+// x^e as 2^(e log2 x). Zero and negative values (possible after a negative interpolation lobe)
+// give 0.
+__host__ __device__ __forceinline__ float fastPow(float x, float e) {
+    const float safe = x > 0.0f ? x : 1.0f;
+    const float p = fastExp2(e * fastLog2(safe));
+    return x > 0.0f ? p : 0.0f;
+}
+
+// a / b with the device's approximate division.
+__host__ __device__ __forceinline__ float approxDivide(float a, float b) {
+#ifdef __CUDA_ARCH__
+    return __fdividef(a, b);
+#else
+    return a / b;
+#endif
+}
+
+// a / b correctly rounded in both builds.
+__host__ __device__ __forceinline__ float exactDivide(float a, float b) {
+#ifdef __CUDA_ARCH__
+    return __fdiv_rn(a, b);
+#else
+    return a / b;
+#endif
+}
+
+// sqrt correctly rounded in both builds, so perfect squares give exact roots.
+__host__ __device__ __forceinline__ float exactSqrt(float x) {
+#ifdef __CUDA_ARCH__
+    return __fsqrt_rn(x);
+#else
+    return std::sqrt(x);
+#endif
+}
+
+// Clamp to the byte range, kept in floating point.
+__host__ __device__ __forceinline__ float clampByteRange(float x) {
+    const float low = x < 0.0f ? 0.0f : x;
+    return low > 255.0f ? 255.0f : low;
+}
+
+// Truncation toward zero of a value in [0, 255].
+__host__ __device__ __forceinline__ unsigned char truncateToByte(float x) {
+    return static_cast<unsigned char>(static_cast<int>(x));
+}
+
+// Truncation toward zero keeping the low byte of the integer (no clamp: 256 wraps to 0).
+__host__ __device__ __forceinline__ unsigned char lowByte(float x) {
+    return static_cast<unsigned char>(static_cast<unsigned int>(static_cast<int>(x)) & 0xffu);
+}
+
+// A raw-scale value (16383 = full scale) as a byte, value / 16383 * 255 truncated, with no clamp:
+// one correctly rounded multiplication, so both builds agree on every input.
+__host__ __device__ __forceinline__ unsigned char fullScaleToByte(float value) {
+    return lowByte(value * kFullScaleToByte);
+}
+
+// Four-quadrant arctangent in radians, [-pi, pi], absolute error about 1e-8 before rounding.
+// The octant is reduced to a = min/max in [0, 1], atan(a) = a * P(a^2) (degree-8 fit), and the
+// result is put back with one fused operation so that both builds round identically.
+__host__ __device__ __forceinline__ float atan2Approx(float y, float x) {
+    const float ax = fabsf(x);
+    const float ay = fabsf(y);
+    const float hi = ax > ay ? ax : ay;
+    const float lo = ax > ay ? ay : ax;
+    const float a = exactDivide(lo, hi > 0.0f ? hi : 1.0f);
+    const float s = a * a;
+    float p = 2.7662835012e-03f;
+    p = fmaf(p, s, -1.5731249120e-02f);
+    p = fmaf(p, s, 4.2137623586e-02f);
+    p = fmaf(p, s, -7.4568548258e-02f);
+    p = fmaf(p, s, 1.0618370637e-01f);
+    p = fmaf(p, s, -1.4197797794e-01f);
+    p = fmaf(p, s, 1.9991872029e-01f);
+    p = fmaf(p, s, -3.3333036709e-01f);
+    p = fmaf(p, s, 9.9999998179e-01f);
+    // Octant, as 0/1 weights rather than branches: a steep angle (|y| > |x|) is reflected about
+    // pi/2, a negative x about pi; reflected once, the fitted angle is subtracted.
+    const float steep = ay > ax ? 1.0f : 0.0f;
+    const float left = x < 0.0f ? 1.0f : 0.0f;
+    const float base = 1.57079637f * steep + 3.14159274f * left * (1.0f - steep);
+    const float sign = 1.0f - 2.0f * (steep + left - 2.0f * steep * left);
+    return copysignf(fmaf(sign * a, p, base), y);
+}
+
+}  // namespace kernels
+}  // namespace capture
+}  // namespace ruvo

@@ -1,0 +1,78 @@
+// Runs a kernel's per-thread function over its whole thread grid on the host: rows of threads in
+// parallel with OpenMP, each row as vectorised loops. Colour kernels split every row into border
+// and interior runs so that neither loop carries the border test; the row loops are compiled for
+// AVX2 with FMA and for baseline x86-64, chosen at load time.
+#pragma once
+
+#include "LaunchGeometry.h"
+
+namespace ruvo {
+namespace capture {
+namespace kernels {
+
+enum class RowPart { kAll, kBorder, kInterior };
+
+template <class Kernel, RowPart part>
+__forceinline__ void runThread(const Kernel& kernel, unsigned tx, unsigned ty) {
+    if constexpr (part == RowPart::kAll) {
+        kernel(tx, ty);
+    } else if constexpr (part == RowPart::kBorder) {
+        kernel.border(tx, ty);
+    } else {
+        kernel.interior(tx, ty);
+    }
+}
+
+// Threads begin .. end - 1 of row ty. The kernel is copied so that its pointers and parameters are
+// locals the output stores cannot alias.
+template <class Kernel, RowPart part>
+#if defined(__x86_64__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+__attribute__((target_clones("arch=x86-64-v3", "default")))
+#endif
+void runRowSpan(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
+    const Kernel local = kernel;
+#pragma omp simd
+    for (unsigned tx = begin; tx < end; ++tx) runThread<Kernel, part>(local, tx, ty);
+}
+
+template <class Kernel>
+struct HasBorder {
+    template <class K>
+    static constexpr bool test(decltype(K::kHasBorder)*) {
+        return K::kHasBorder;
+    }
+    template <class K>
+    static constexpr bool test(...) {
+        return false;
+    }
+    static constexpr bool value = test<Kernel>(nullptr);
+};
+
+template <class Kernel>
+void runRow(const Kernel& kernel, unsigned ty, unsigned width) {
+    if constexpr (HasBorder<Kernel>::value) {
+        const IndexRange rows = kernel.interiorRows();
+        if (ty < rows.begin || ty >= rows.end) {
+            runRowSpan<Kernel, RowPart::kBorder>(kernel, ty, 0, width);
+            return;
+        }
+        const IndexRange columns = kernel.interiorColumns();
+        runRowSpan<Kernel, RowPart::kBorder>(kernel, ty, 0, columns.begin);
+        runRowSpan<Kernel, RowPart::kInterior>(kernel, ty, columns.begin, columns.end);
+        runRowSpan<Kernel, RowPart::kBorder>(kernel, ty, columns.end, width);
+    } else {
+        runRowSpan<Kernel, RowPart::kAll>(kernel, ty, 0, width);
+    }
+}
+
+// Runs kernel(tx, ty) for every thread of a threads.x x threads.y grid; returns when all are done.
+template <class Kernel>
+void runGrid(const Extent2& threads, const Kernel& kernel) {
+    const int rows = static_cast<int>(threads.y);
+#pragma omp parallel for schedule(static)
+    for (int ty = 0; ty < rows; ++ty) runRow(kernel, static_cast<unsigned>(ty), threads.x);
+}
+
+}  // namespace kernels
+}  // namespace capture
+}  // namespace ruvo
