@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,16 @@ namespace {
 
 using ruvo::util::Channel;
 
-// The registry is process-wide: every test uses names of its own.
+// The registry is process-wide: every test uses names of its own and removes the listeners it
+// added, which refer to its local variables.
+struct Listening {
+    std::shared_ptr<Channel> channel;
+    std::vector<Channel::ListenerId> ids;
+    ~Listening() {
+        for (auto id : ids) channel->removeListener(id);
+    }
+};
+
 TEST(ChannelRegistry, AttachedOnlyWhileSomeoneListens) {
     EXPECT_EQ(Channel::attached("test.registry.unknown"), nullptr);
 
@@ -47,12 +57,13 @@ TEST(ChannelDelivery, TextsAndBlocksReachTheirOwnListeners) {
     std::vector<std::string> first, second;
     std::vector<std::vector<uint8_t>> blocks;
     std::vector<uint32_t> rows;
+    Listening listening{channel, {}};
     const auto a = channel->addListener([&](const std::string& t) { first.push_back(t); });
-    channel->addListener([&](const std::string& t) { second.push_back(t); });
-    channel->addBlockListener([&](const uint8_t* data, size_t bytes, uint32_t r) {
+    listening.ids.push_back(channel->addListener([&](const std::string& t) { second.push_back(t); }));
+    listening.ids.push_back(channel->addBlockListener([&](const uint8_t* data, size_t bytes, uint32_t r) {
         blocks.emplace_back(data, data + bytes);
         rows.push_back(r);
-    });
+    }));
 
     channel->send(std::string("{\"luminance\":0.3}"));
     const std::vector<uint8_t> image = {1, 2, 3, 4, 5, 6};
