@@ -96,7 +96,31 @@ CUDACamera::CUDACamera(Poco::AutoPtr<Poco::Util::AbstractConfiguration> config, 
     _io = makeDeviceIo(_params.path, config);
 }
 
-CUDACamera::~CUDACamera() = default;
+CUDACamera::~CUDACamera() {
+    bool holdsResources = _fd != -1;
+    for (const Bucket& bucket : _buckets) holdsResources = holdsResources || bucket.status != Bucket::INVALID;
+    if (!holdsResources) return;
+    _logger.warning("CUDACamera(" + _params.name + ") destroyed without stop(): releasing its device and memory");
+    abandon(false);
+}
+
+void CUDACamera::abandon(bool waitForClients) {
+    const auto attempt = [this](const char* step, auto&& action) {
+        try {
+            action();
+        } catch (const std::exception& e) {
+            _logger.error("CUDACamera(" + _params.name + ") " + step + ": " + e.what());
+        }
+    };
+    if (_isRunning) attempt("stop_capturing", [this] { stop_capturing(); });
+    _isRunning = false;
+    if (waitForClients) attempt("waitForBuffersToBeReturned", [this] { waitForBuffersToBeReturned(); });
+    attempt("deinit_device", [this] { deinit_device(); });
+    if (_fd != -1) {
+        attempt("close_device", [this] { close_device(); });
+        _fd = -1;
+    }
+}
 
 void CUDACamera::start() {
     open_device();
@@ -336,13 +360,23 @@ void CUDACamera::release(unsigned bucketIndex) {
     buf.index = bucketIndex;
     buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     buf.memory = V4L2_MEMORY_USERPTR;
-    if (xioctl(VIDIOC_QUERYBUF, &buf) == -1) throw CaptureDeviceException("VIDIOC_QUERYBUF");
     Bucket& bucket = _buckets[bucketIndex];
+    if (xioctl(VIDIOC_QUERYBUF, &buf) == -1) {
+        // No client holds the bucket any more: count it as back so that stop() can finish on a
+        // device that went away.
+        bucket.status = Bucket::FREE;
+        _releaseEvent.set();
+        throw CaptureDeviceException("VIDIOC_QUERYBUF");
+    }
     bucket.status = Bucket::FREE;
     // The driver reports the queued pointer and length once the buffer was queued; give them anyway.
     buf.m.userptr = reinterpret_cast<unsigned long>(bucket.v4l2.data);
     buf.length = bucket.v4l2.size;
-    if (xioctl(VIDIOC_QBUF, &buf) == -1) throw CaptureDeviceException("VIDIOC_QBUF: " + errnoText(errno));
+    if (xioctl(VIDIOC_QBUF, &buf) == -1) {
+        const int error = errno;
+        _releaseEvent.set();  // the bucket is back with the camera, if not with the driver
+        throw CaptureDeviceException("VIDIOC_QBUF: " + errnoText(error));
+    }
     _releaseEvent.set();
 }
 
@@ -362,8 +396,8 @@ void CUDACamera::waitForBuffersToBeReturned() {
     const std::string prefix = "CUDACamera(" + _params.name + ")";
     _logger.trace(prefix + "::" + "waitForBuffersToBeReturned");
     for (;;) {
-        size_t free = 0;
-        for (const Bucket& bucket : _buckets) free += bucket.status == Bucket::FREE ? 1 : 0;
+        size_t free = 0;  // buckets no client holds (a bucket that never got memory counts too)
+        for (const Bucket& bucket : _buckets) free += bucket.status != Bucket::USED ? 1 : 0;
         if (free == _buckets.size()) {
             _logger.information(prefix + " All buffers returned");
             return;

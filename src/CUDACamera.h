@@ -99,6 +99,11 @@ public:
 
     void start();
     void stop();
+    // Ends a camera whose start() or stop() failed part way: stops streaming, waits for buffers
+    // lent to clients when `waitForClients`, frees the bucket memory and closes the node. Each
+    // step's failure is logged, none is thrown. The destructor does this, without waiting, for a
+    // camera that was not stopped.
+    void abandon(bool waitForClients);
 
     // The next processed bucket, or null on time-out or when no buffer is ready.
     Bucket* read();
@@ -194,7 +199,7 @@ private:
     int _index = 0;
     std::vector<float> winWeights;  // centre prior per metering region, row-major
     float sumWinWeights = 0.0f;
-    metering::RegionScratch _regionScratch;  // region metering state, reused frame to frame
+    metering::MeteringScratch _meteringScratch;  // metering state, reused frame to frame
     float _aeMeteredY = 0.0f;  // luminance (0..1) that the last automatic exposure evaluation measured
     std::shared_ptr<DeviceIo> _io;  // the only way to the device node
 };

@@ -5,6 +5,7 @@
 #include "CUDAUtils.h"
 
 #include <Poco/Exception.h>
+#include <Poco/Logger.h>
 
 namespace ruvo {
 namespace capture {
@@ -131,7 +132,19 @@ void CUDADeviceImpl::stop() {
     for (Poco::Thread* thread : _produceThreads) thread->join();
     _consumeTask->cancel();
     _consumeThread->join();
-    for (CUDACamera* camera : _cameras) camera->stop();
+    // Every camera is stopped even when one fails (a device that went away); the failed one is
+    // torn down as far as it goes and the first failure is reported once all are done.
+    std::string failure;
+    for (CUDACamera* camera : _cameras) {
+        try {
+            camera->stop();
+        } catch (const CaptureDeviceException& e) {
+            Poco::Logger::get("Capture.CUDADevice").error("Stopping camera " + camera->getName() + ": " + e.what());
+            if (failure.empty()) failure = camera->getName() + ": " + e.what();
+            camera->abandon(true);
+        }
+    }
+    if (!failure.empty()) throw CaptureDeviceException(failure);
 }
 
 bool CUDADeviceImpl::isRunning() {

@@ -3,6 +3,8 @@
 #include "CUDADeviceImpl.h"
 #include "FramePlanes.h"
 
+#include <Poco/Logger.h>
+
 namespace ruvo {
 namespace capture {
 
@@ -42,9 +44,15 @@ size_t CUDADeviceImpl::ProduceTask::queued() {
     return _queue.size();
 }
 
+// Runs inside shared_ptr's destructor on whatever thread drops the last reference, where an
+// exception would end the process: a failed return (the device gone) is logged instead.
 void CUDADeviceImpl::ConsumeTask::Deleter::operator()(Frame* frame) const {
     if (frame == nullptr || _camera == nullptr) return;
-    _camera->release(_bucket->index, frame->batchIndex);
+    try {
+        _camera->release(_bucket->index, frame->batchIndex);
+    } catch (const std::exception& e) {
+        Poco::Logger::get("Capture.CUDADevice").error("Returning a frame to camera " + _camera->getName() + ": " + e.what());
+    }
     delete frame;
 }
 

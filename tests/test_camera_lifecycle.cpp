@@ -13,6 +13,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <string>
 
 #ifdef RUVO_HOST_BUILD
@@ -165,10 +166,11 @@ TEST(CameraMemory, PoolOfZeroAllocatesNothing) {
 // A failing allocation names its call, file and line; the camera can be destroyed afterwards.
 TEST(CameraMemory, FailedManagedAllocationReportsTheCall) {
     const std::string path = uniqueSimPath("oom");
-    CUDACamera camera(simCameraConfig(path), 0);
+    const size_t before = ruvo::hostrt::liveAllocations();
+    auto camera = std::make_unique<CUDACamera>(simCameraConfig(path), 0);
     ruvo::hostrt::failCall("cudaMallocManaged", cudaErrorMemoryAllocation, 1, 1);
     try {
-        camera.start();
+        camera->start();
         FAIL() << "start() succeeded";
     } catch (const CUDADeviceException& e) {
         const std::string what = e.what();
@@ -180,5 +182,9 @@ TEST(CameraMemory, FailedManagedAllocationReportsTheCall) {
         EXPECT_NE(what.find(": cudaErrorMemoryAllocation(2) out of memory\n"), std::string::npos) << what;
     }
     ruvo::hostrt::resetFaults();
+    EXPECT_GT(ruvo::hostrt::liveAllocations(), before);
+    camera.reset();  // a camera left half started gives its memory and node back when destroyed
+    EXPECT_EQ(ruvo::hostrt::liveAllocations(), before);
+    EXPECT_EQ(sim::findSensor(path), nullptr);
 }
 #endif
