@@ -134,15 +134,15 @@ float CUDACamera::meteredLuminance(const Bucket& bucket, const uint32_t* histogr
         metering::skinStatistics(histogram, bucket.width, bucket.height, bucket.cuda_height);
     const float sumSkin =
         metering::sampleRegions(fullImage(bucket), _initialSampleDist, _params.numSamples, offsetX, offsetY,
-                                _params.ae.numSamples, _params.ae.numRegions, _regionScratch);
-    metering::contrastWeighting(_regionScratch, winWeights.data(), sumWinWeights);
+                                _params.ae.numSamples, _params.ae.numRegions, _meteringScratch);
+    metering::contrastWeighting(_meteringScratch, winWeights.data(), sumWinWeights);
     const bool skinVisible = skin.skinRatio > _params.ae.skinRatioThreshold;
     if (skinVisible && sumSkin > 0.0f) {
-        for (metering::Region& region : _regionScratch.regions) {
+        for (metering::Region& region : _meteringScratch.regions) {
             region.weight = metering::skinBoostedWeight(region.weight, region.skinPixelCnt, sumSkin);
         }
     }
-    const float regionY = metering::weightedLuminance(_regionScratch.regions);
+    const float regionY = metering::weightedLuminance(_meteringScratch.regions);
     publishExpStat();
     if (!skinVisible) return regionY;
 
@@ -166,7 +166,7 @@ void CUDACamera::publishExpStat() {
     const std::shared_ptr<ruvo::util::Channel> channel = ruvo::util::Channel::attached(metering::expStatChannelName());
     if (!channel || !channel->enabled()) return;
     const auto side = static_cast<int>(metering::gridSide(_params.ae.numRegions));
-    channel->send(metering::expStatRecord(side, _index, _regionScratch.regions));
+    channel->send(metering::expStatRecord(side, _index, _meteringScratch.regions));
 }
 
 void CUDACamera::publishExpMeta(const Bucket& bucket, const metering::SkinStats& skin, float meanNorm) {
@@ -232,7 +232,7 @@ void CUDACamera::restoreWhiteBalance() {
 void CUDACamera::autoWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY) {
     const metering::GraySums gray = metering::sampleGray(
         fullImage(bucket), _initialSampleDist, static_cast<int>(_params.numSamples), static_cast<int>(offsetX),
-        static_cast<int>(offsetY), _params.awb.numSamples, _params.awb.grayThreshold);
+        static_cast<int>(offsetY), _params.awb.numSamples, _params.awb.grayThreshold, _meteringScratch.samples);
     const float P = _params.awb.P;
     const float targetU = _params.awb.targetU;
     const float targetV = _params.awb.targetV;

@@ -25,27 +25,52 @@ uint32_t gridSide(int32_t numRegions) {
     return static_cast<uint32_t>(std::sqrt(static_cast<double>(static_cast<uint32_t>(numRegions))));
 }
 
-float sampleRegions(const YuvImage& image, const SampleTable& table, uint32_t tableSize, uint32_t offsetX,
-                    uint32_t offsetY, float numSamples, int32_t numRegions, RegionScratch& scratch) {
-    scratch.regions.assign(static_cast<uint32_t>(numRegions), Region());
-    scratch.sampleRegion.clear();
-    scratch.sampleLum.clear();
-    const uint32_t side = gridSide(numRegions);
+uint32_t passLength(float numSamples) {
+    if (!(numSamples > 0.0f)) return 0;
+    const double count = std::ceil(static_cast<double>(numSamples));
+    return count >= 4294967295.0 ? UINT32_MAX : static_cast<uint32_t>(count);
+}
+
+void gatherSamples(const YuvImage& image, const SampleTable& table, uint32_t tableSize, uint32_t offsetX,
+                   uint32_t offsetY, uint32_t count, Samples& out) {
+    out.col.resize(count);
+    out.row.resize(count);
+    out.y.resize(count);
+    out.u.resize(count);
+    out.v.resize(count);
     const uint32_t chromaWidth = image.width / 2;
-    float sumSkin = 0.0f;
-    for (uint32_t ii = 0; static_cast<float>(ii) < numSamples; ++ii) {
-        const uint32_t col = foldIntoImage(table[(ii + offsetX) % tableSize].first, image.width);
-        const uint32_t row = foldIntoImage(table[(ii + offsetY) % tableSize].second, image.height);
-        const uint32_t index = regionIndex(col, row, side, image.width, image.height);
-        const float lum = image.y[static_cast<size_t>(row) * image.width + col];
+    // (i + offset) mod tableSize, kept by wrapping instead of dividing on every sample.
+    uint32_t colEntry = offsetX % tableSize;
+    uint32_t rowEntry = offsetY % tableSize;
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint32_t col = foldIntoImage(table[colEntry].first, image.width);
+        const uint32_t row = foldIntoImage(table[rowEntry].second, image.height);
         const size_t chroma = static_cast<size_t>(row / 2) * chromaWidth + col / 2;
-        const float cb = image.u[chroma];
-        const float cr = image.v[chroma];
+        out.col[i] = col;
+        out.row[i] = row;
+        out.y[i] = image.y[static_cast<size_t>(row) * image.width + col];
+        out.u[i] = image.u[chroma];
+        out.v[i] = image.v[chroma];
+        if (++colEntry == tableSize) colEntry = 0;
+        if (++rowEntry == tableSize) rowEntry = 0;
+    }
+}
+
+float sampleRegions(const YuvImage& image, const SampleTable& table, uint32_t tableSize, uint32_t offsetX,
+                    uint32_t offsetY, float numSamples, int32_t numRegions, MeteringScratch& scratch) {
+    Samples& samples = scratch.samples;
+    gatherSamples(image, table, tableSize, offsetX, offsetY, passLength(numSamples), samples);
+    scratch.regions.assign(static_cast<uint32_t>(numRegions), Region());
+    scratch.sampleRegion.resize(samples.y.size());
+    const uint32_t side = gridSide(numRegions);
+    float sumSkin = 0.0f;
+    for (size_t i = 0; i < samples.y.size(); ++i) {
+        const uint32_t index = regionIndex(samples.col[i], samples.row[i], side, image.width, image.height);
+        const float lum = samples.y[i];
         Region& region = scratch.regions[index];
-        if (countsAsSkin(lum, cb, cr)) region.skinPixelCnt += 1.0f;
+        if (countsAsSkin(lum, samples.u[i], samples.v[i])) region.skinPixelCnt += 1.0f;
         sumSkin += region.skinPixelCnt;
-        scratch.sampleRegion.push_back(index);
-        scratch.sampleLum.push_back(lum);
+        scratch.sampleRegion[i] = index;
         if (lum < region.minLum) region.minLum = lum;
         if (lum > region.maxLum) region.maxLum = lum;
         region.avgLum += lum;
@@ -64,12 +89,12 @@ float populationStdDev(const float* values, size_t count, float mean) {
 }
 
 // Region deviations over the recorded samples, each region's squares summed in sampling order.
-static void regionDeviations(RegionScratch& scratch) {
+static void regionDeviations(MeteringScratch& scratch) {
     std::vector<Region>& regions = scratch.regions;
     scratch.devLum.assign(regions.size(), 0.0f);
-    for (size_t s = 0; s < scratch.sampleLum.size(); ++s) {
+    for (size_t s = 0; s < scratch.sampleRegion.size(); ++s) {
         const uint32_t r = scratch.sampleRegion[s];
-        const float d = scratch.sampleLum[s] - regions[r].avgLum;
+        const float d = static_cast<float>(scratch.samples.y[s]) - regions[r].avgLum;
         scratch.devLum[r] += d * d;
     }
     for (size_t r = 0; r < regions.size(); ++r) {
@@ -77,7 +102,7 @@ static void regionDeviations(RegionScratch& scratch) {
     }
 }
 
-void contrastWeighting(RegionScratch& scratch, const float* winWeights, float sumWinWeights) {
+void contrastWeighting(MeteringScratch& scratch, const float* winWeights, float sumWinWeights) {
     std::vector<Region>& regions = scratch.regions;
     for (Region& region : regions) region.avgLum = region.avgLum / static_cast<float>(region.counter);
     regionDeviations(scratch);
@@ -142,17 +167,14 @@ SkinBlend blendSkin(float regionY, float skinRatio, float skinMeanNorm, const Sk
 }
 
 GraySums sampleGray(const YuvImage& image, const SampleTable& table, int tableSize, int offsetX, int offsetY,
-                    float numSamples, float grayThreshold) {
+                    float numSamples, float grayThreshold, Samples& scratch) {
+    gatherSamples(image, table, static_cast<uint32_t>(tableSize), static_cast<uint32_t>(offsetX),
+                  static_cast<uint32_t>(offsetY), passLength(numSamples), scratch);
     GraySums sums;
-    const uint32_t chromaWidth = image.width / 2;
-    for (int i = 0; static_cast<float>(i) < numSamples; ++i) {
-        const uint32_t col = foldIntoImage(table[(i + offsetX) % tableSize].first, image.width);
-        const uint32_t row = foldIntoImage(table[(i + offsetY) % tableSize].second, image.height);
-        const float y = image.y[static_cast<size_t>(row) * image.width + col];
-        const size_t chroma = static_cast<size_t>(row / 2) * chromaWidth + col / 2;
-        const float u = image.u[chroma];
-        const float v = image.v[chroma];
-        if (grayMeasure(y, u, v) < grayThreshold) {
+    for (size_t i = 0; i < scratch.y.size(); ++i) {
+        const float u = scratch.u[i];
+        const float v = scratch.v[i];
+        if (grayMeasure(scratch.y[i], u, v) < grayThreshold) {
             sums.sumU += u;
             sums.countU += 1;
             sums.sumV += v;

@@ -38,12 +38,21 @@ struct Region {
     float skinPixelCnt = 0.0f;
 };
 
-// Per-evaluation state of the region metering, kept by the camera so that a frame allocates
-// nothing once the first one has sized the vectors.
-struct RegionScratch {
+// The bytes of one metering pass, in sampling order.
+struct Samples {
+    std::vector<uint32_t> col;
+    std::vector<uint32_t> row;
+    std::vector<uint8_t> y;
+    std::vector<uint8_t> u;  // chroma of the 2 x 2 block holding the sample
+    std::vector<uint8_t> v;
+};
+
+// Per-evaluation state of the metering, kept by the camera so that a frame allocates nothing
+// once the first one has sized the vectors.
+struct MeteringScratch {
+    Samples samples;
     std::vector<Region> regions;
-    std::vector<uint32_t> sampleRegion;  // region index of each sample, in sampling order
-    std::vector<float> sampleLum;        // luminance of each sample, in sampling order
+    std::vector<uint32_t> sampleRegion;  // region index of each sample
     std::vector<float> devLum;           // per region: standard deviation of its luminance
 };
 
@@ -70,13 +79,21 @@ inline uint32_t foldIntoImage(int position, uint32_t size) {
     return p < size ? p : p % size;
 }
 
-// Samples the image at the positions of pass ii = 0, 1, ... while ii < numSamples: column from
-// table entry (ii + offsetX) mod tableSize, row from entry (ii + offsetY) mod tableSize, in
-// unsigned arithmetic. Fills scratch with numRegions fresh regions (their sums, extremes, counts
-// and skin counts) and the per-sample luminance, and returns the sum over samples of their
-// region's skin count after the sample was counted.
+// Number of samples in a pass that runs i = 0, 1, ... while i, as a float, is below numSamples.
+uint32_t passLength(float numSamples);
+
+// Reads the bytes of `count` samples: sample i at the column of table entry (i + offsetX) mod
+// tableSize and the row of entry (i + offsetY) mod tableSize. The reads depend on nothing but
+// the table, so on an image that is not in cache their misses overlap.
+void gatherSamples(const YuvImage& image, const SampleTable& table, uint32_t tableSize, uint32_t offsetX,
+                   uint32_t offsetY, uint32_t count, Samples& out);
+
+// Samples the image for the region metering (pass length from numSamples, positions as
+// gatherSamples takes them) and fills scratch with numRegions fresh regions: their sums,
+// extremes, counts and skin counts. Returns the sum over samples of their region's skin count
+// after the sample was counted.
 float sampleRegions(const YuvImage& image, const SampleTable& table, uint32_t tableSize, uint32_t offsetX,
-                    uint32_t offsetY, float numSamples, int32_t numRegions, RegionScratch& scratch);
+                    uint32_t offsetY, float numSamples, int32_t numRegions, MeteringScratch& scratch);
 
 // Population standard deviation of `values`, given their mean.
 float populationStdDev(const float* values, size_t count, float mean);
@@ -84,7 +101,7 @@ float populationStdDev(const float* values, size_t count, float mean);
 // Turns the region sums into means and weights every region by how typical its contrast is
 // (a Gaussian of its luminance deviation about the mean deviation) times its share of the
 // centre prior `winWeights[i] / sumWinWeights`.
-void contrastWeighting(RegionScratch& scratch, const float* winWeights, float sumWinWeights);
+void contrastWeighting(MeteringScratch& scratch, const float* winWeights, float sumWinWeights);
 
 // A region's weight after the skin boost, given its skin count and the sum of the skin counts.
 float skinBoostedWeight(float weight, float skinPixelCnt, float sumSkin);
@@ -137,10 +154,10 @@ struct GraySums {
     int countV = 0;
 };
 
-// Sums the chroma of the gray samples of pass i = 0, 1, ... while i < numSamples, with positions
-// as sampleRegions takes them but in signed arithmetic.
+// Sums the chroma of the gray samples of a pass of numSamples, positions as gatherSamples takes
+// them (the offsets are remainders of the table size, so signed and unsigned arithmetic agree).
 GraySums sampleGray(const YuvImage& image, const SampleTable& table, int tableSize, int offsetX, int offsetY,
-                    float numSamples, float grayThreshold);
+                    float numSamples, float grayThreshold, Samples& scratch);
 
 // Clamps x to [lo, hi]; a value that is not a number stays one.
 inline float clampKeepNaN(float x, float lo, float hi) { return x < lo ? lo : (x > hi ? hi : x); }

@@ -14,8 +14,8 @@ namespace ruvo {
 namespace capture {
 namespace {
 
+using metering::MeteringScratch;
 using metering::Region;
-using metering::RegionScratch;
 
 // ---- register conversions ----
 
@@ -89,11 +89,19 @@ TEST(SampleRegions, ColumnAndRowComeFromDifferentTableEntries) {
     for (uint32_t r = 0; r < 4; ++r)
         for (uint32_t x = 0; x < 8; ++x) image.y(x, r) = static_cast<uint8_t>(10 * r + x);
     const metering::SampleTable table = {{1, 0}, {3, 1}, {5, 2}, {7, 3}};
-    RegionScratch scratch;
+    MeteringScratch scratch;
     metering::sampleRegions(image.view(), table, 4, 1, 3, 4.0f, 4, scratch);
     // Sample i: column of entry (i + 1) % 4, row of entry (i + 3) % 4.
-    const std::vector<float> expected = {3 + 30, 5 + 0, 7 + 10, 1 + 20};
-    EXPECT_EQ(scratch.sampleLum, expected);
+    const std::vector<uint8_t> expected = {3 + 30, 5 + 0, 7 + 10, 1 + 20};
+    EXPECT_EQ(scratch.samples.y, expected);
+}
+
+TEST(SampleRegions, PassRunsWhileTheSampleNumberIsBelowTheCount) {
+    EXPECT_EQ(metering::passLength(1000.0f), 1000u);
+    EXPECT_EQ(metering::passLength(2.5f), 3u);
+    EXPECT_EQ(metering::passLength(0.0f), 0u);
+    EXPECT_EQ(metering::passLength(-4.0f), 0u);
+    EXPECT_EQ(metering::passLength(std::numeric_limits<float>::quiet_NaN()), 0u);
 }
 
 TEST(SampleRegions, RegionSumsExtremesAndTheOrSkinCount) {
@@ -107,7 +115,7 @@ TEST(SampleRegions, RegionSumsExtremesAndTheOrSkinCount) {
     }
     metering::SampleTable table;
     for (int i = 0; i < 50; ++i) table.emplace_back((i * 7) % 40, (i * 3) % 20);
-    RegionScratch scratch;
+    MeteringScratch scratch;
     const float sumSkin = metering::sampleRegions(image.view(), table, 50, 0, 0, 50.0f, 4, scratch);
 
     // Direct loop: per region of the 2 x 2 grid, column-major.
@@ -155,15 +163,15 @@ TEST(SampleRegions, PositionsOutsideASmallerFrameAreFoldedIn) {
 // ---- weights ----
 
 // Regions filled by hand: region r holds the given samples.
-RegionScratch scratchWithSamples(const std::vector<std::vector<float>>& samples) {
-    RegionScratch scratch;
+MeteringScratch scratchWithSamples(const std::vector<std::vector<float>>& samples) {
+    MeteringScratch scratch;
     scratch.regions.assign(samples.size(), Region());
     for (uint32_t r = 0; r < samples.size(); ++r) {
         for (float lum : samples[r]) {
             scratch.regions[r].avgLum += lum;
             scratch.regions[r].counter += 1;
             scratch.sampleRegion.push_back(r);
-            scratch.sampleLum.push_back(lum);
+            scratch.samples.y.push_back(static_cast<uint8_t>(lum));
         }
     }
     return scratch;
@@ -172,7 +180,7 @@ RegionScratch scratchWithSamples(const std::vector<std::vector<float>>& samples)
 TEST(ContrastWeighting, TypicalContrastWeighsMostTimesThePrior) {
     // Deviations 0, 0, 4, 0: mean 1, spread sqrt(3); the Gaussian has variance 2 * 3, with the
     // extra factor 0.5 in the exponent.
-    RegionScratch scratch = scratchWithSamples({{100, 100}, {50, 50}, {96, 104}, {200, 200}});
+    MeteringScratch scratch = scratchWithSamples({{100, 100}, {50, 50}, {96, 104}, {200, 200}});
     const float prior[] = {1.0f, 2.0f, 3.0f, 4.0f};
     metering::contrastWeighting(scratch, prior, 10.0f);
     EXPECT_FLOAT_EQ(scratch.regions[2].avgLum, 100.0f);
@@ -184,12 +192,12 @@ TEST(ContrastWeighting, TypicalContrastWeighsMostTimesThePrior) {
 }
 
 TEST(ContrastWeighting, EqualContrastOrAnEmptyRegionGivesNotANumber) {
-    RegionScratch uniform = scratchWithSamples({{10, 20}, {30, 40}});
+    MeteringScratch uniform = scratchWithSamples({{10, 20}, {30, 40}});
     const float prior[] = {1.0f, 1.0f};
     metering::contrastWeighting(uniform, prior, 2.0f);
     EXPECT_TRUE(std::isnan(metering::weightedLuminance(uniform.regions)));
 
-    RegionScratch empty = scratchWithSamples({{10, 20}, {}});
+    MeteringScratch empty = scratchWithSamples({{10, 20}, {}});
     metering::contrastWeighting(empty, prior, 2.0f);
     EXPECT_TRUE(std::isnan(empty.regions[1].avgLum));
     EXPECT_TRUE(std::isnan(metering::weightedLuminance(empty.regions)));
@@ -287,12 +295,13 @@ TEST(SampleGray, CountsOnlyGraySamples) {
     }
     metering::SampleTable table;
     for (int i = 0; i < 16; ++i) table.emplace_back(i, i % 8);
-    const metering::GraySums sums = metering::sampleGray(image.view(), table, 16, 0, 0, 16.0f, 0.3f);
+    metering::Samples scratch;
+    const metering::GraySums sums = metering::sampleGray(image.view(), table, 16, 0, 0, 16.0f, 0.3f, scratch);
     EXPECT_EQ(sums.countU, 8);
     EXPECT_EQ(sums.countV, 8);
     EXPECT_EQ(sums.sumU, 8 * 120.0f);
     EXPECT_EQ(sums.sumV, 8 * 136.0f);
-    EXPECT_EQ(metering::sampleGray(image.view(), table, 16, 0, 0, 0.0f, 0.3f).countU, 0);
+    EXPECT_EQ(metering::sampleGray(image.view(), table, 16, 0, 0, 0.0f, 0.3f, scratch).countU, 0);
 }
 
 // ---- controller steps ----
