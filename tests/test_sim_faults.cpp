@@ -6,8 +6,6 @@
 
 #include <fcntl.h>
 
-#include <thread>
-
 namespace ruvo {
 namespace capture {
 namespace {
@@ -59,15 +57,9 @@ TEST(SimFaults, FailingDequeueReportsTheErrorUntilCleared) {
 TEST(SimFaults, ADisconnectedDeviceAnswersEveryCallWithNoDevice) {
     SimClient c;
     c.start(672, 380);
-    int selected = 0, error = 0;
-    std::thread waiter([&] {
-        selected = c.io().select(c.fd(), nullptr);
-        error = errno;
-    });
-    c.sensor().disconnect();
-    waiter.join();
-    EXPECT_EQ(selected, -1);
-    EXPECT_EQ(error, ENODEV) << "a waiting select wakes";
+    const testing::Selected selected = testing::selectWhile(c, [&] { c.sensor().disconnect(); });
+    EXPECT_EQ(selected.result, -1);
+    EXPECT_EQ(selected.error, ENODEV) << "a waiting select wakes";
     struct ::stat status {};
     EXPECT_EQ(c.io().stat(c.path(), &status), -1);
     EXPECT_EQ(errno, ENODEV);
@@ -122,15 +114,9 @@ TEST(SimFaults, InterruptedSelect) {
     timeval zero{0, 0};
     EXPECT_EQ(c.io().select(c.fd(), &zero), 0) << "only one select is interrupted";
     // A select that is already waiting is interrupted as well.
-    int selected = 0, error = 0;
-    std::thread waiter([&] {
-        selected = c.io().select(c.fd(), nullptr);
-        error = errno;
-    });
-    c.sensor().interruptNextSelect();
-    waiter.join();
-    EXPECT_EQ(selected, -1);
-    EXPECT_EQ(error, EINTR);
+    const testing::Selected selected = testing::selectWhile(c, [&] { c.sensor().interruptNextSelect(); });
+    EXPECT_EQ(selected.result, -1);
+    EXPECT_EQ(selected.error, EINTR);
 }
 
 }  // namespace

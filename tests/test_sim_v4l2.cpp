@@ -22,6 +22,23 @@ v4l2_buffer userptrBuffer(uint32_t index) {
     return b;
 }
 
+v4l2_format captureFormat(uint32_t width, uint32_t height, uint32_t pixelFormat = V4L2_PIX_FMT_SBGGR10) {
+    v4l2_format f{};
+    f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    f.fmt.pix.width = width;
+    f.fmt.pix.height = height;
+    f.fmt.pix.pixelformat = pixelFormat;
+    return f;
+}
+
+v4l2_requestbuffers userptrRequest(uint32_t count) {
+    v4l2_requestbuffers r{};
+    r.count = count;
+    r.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    r.memory = V4L2_MEMORY_USERPTR;
+    return r;
+}
+
 int streamCall(SimClient& c, unsigned long request) {
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     return c.call(request, &type);
@@ -63,11 +80,7 @@ TEST(SimV4l2, SetFormatRoundsToTheNearestSupportedSize) {
 TEST(SimV4l2, OtherPixelFormatsAreAnsweredWithBayer10AndTryDoesNotApply) {
     SimClient c;
     c.setFormat(1280, 720);
-    v4l2_format f{};
-    f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    f.fmt.pix.width = 1920;
-    f.fmt.pix.height = 1080;
-    f.fmt.pix.pixelformat = V4L2_PIX_FMT_YUYV;
+    v4l2_format f = captureFormat(1920, 1080, V4L2_PIX_FMT_YUYV);
     ASSERT_EQ(c.call(VIDIOC_TRY_FMT, &f), 0);
     EXPECT_EQ(f.fmt.pix.pixelformat, uint32_t{V4L2_PIX_FMT_SBGGR10});
     EXPECT_EQ(c.sensor().format().width, 1280u);
@@ -81,15 +94,9 @@ TEST(SimV4l2, OtherPixelFormatsAreAnsweredWithBayer10AndTryDoesNotApply) {
 TEST(SimV4l2, FormatAndBuffersAreBusyWhileStreaming) {
     SimClient c;
     c.start(672, 380);
-    v4l2_format f{};
-    f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    f.fmt.pix.width = 1280;
-    f.fmt.pix.height = 720;
+    v4l2_format f = captureFormat(1280, 720);
     EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), EBUSY);
-    v4l2_requestbuffers r{};
-    r.count = 2;
-    r.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    r.memory = V4L2_MEMORY_USERPTR;
+    v4l2_requestbuffers r = userptrRequest(2);
     EXPECT_EQ(c.call(VIDIOC_REQBUFS, &r), EBUSY);
     c.streamOff();
     EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), 0);
@@ -98,9 +105,7 @@ TEST(SimV4l2, FormatAndBuffersAreBusyWhileStreaming) {
 TEST(SimV4l2, RequestBuffersTakesUserPointersOnly) {
     SimClient c;
     c.setFormat(672, 380);
-    v4l2_requestbuffers r{};
-    r.count = 3;
-    r.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    v4l2_requestbuffers r = userptrRequest(3);
     for (uint32_t memory : {V4L2_MEMORY_MMAP, V4L2_MEMORY_DMABUF, V4L2_MEMORY_OVERLAY}) {
         r.memory = memory;
         EXPECT_EQ(c.call(VIDIOC_REQBUFS, &r), EINVAL) << memory;
@@ -123,9 +128,7 @@ TEST(SimV4l2, AnotherDescriptorCannotTouchTheOwnersQueue) {
     c.start(672, 380);
     const int other = c.io().open(c.path(), O_RDWR | O_NONBLOCK);
     ASSERT_GE(other, 0);
-    v4l2_requestbuffers r{};
-    r.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    r.memory = V4L2_MEMORY_USERPTR;
+    v4l2_requestbuffers r = userptrRequest(0);
     EXPECT_EQ(c.io().ioctl(other, VIDIOC_REQBUFS, &r), -1);
     EXPECT_EQ(errno, EBUSY);
     v4l2_control control{sensor::CID_GAIN, 200};
@@ -277,11 +280,7 @@ TEST(SimV4l2, SelectReportsFilledBuffersAndTimesOut) {
 TEST(SimV4l2, SelectAndBlockingDequeueWakeWhenAFrameArrives) {
     SimClient c;
     c.start(672, 380);
-    int selected = 0;
-    std::thread waiter([&] { selected = c.io().select(c.fd(), nullptr); });
-    c.sensor().step();
-    waiter.join();
-    EXPECT_EQ(selected, 1);
+    EXPECT_EQ(testing::selectWhile(c, [&] { c.sensor().step(); }).result, 1);
     ASSERT_TRUE(c.dequeue().has_value());
 
     const int blockingFd = c.io().open(c.path(), O_RDWR);
@@ -290,10 +289,7 @@ TEST(SimV4l2, SelectAndBlockingDequeueWakeWhenAFrameArrives) {
     c.streamOff();
     c.io().close(c.fd());
     // The blocking descriptor takes over the queue and waits in DQBUF for the next frame.
-    v4l2_requestbuffers r{};
-    r.count = 1;
-    r.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    r.memory = V4L2_MEMORY_USERPTR;
+    v4l2_requestbuffers r = userptrRequest(1);
     ASSERT_EQ(c.io().ioctl(blockingFd, VIDIOC_REQBUFS, &r), 0);
     std::vector<uint16_t> memory(672 * 380);
     b.m.userptr = reinterpret_cast<unsigned long>(memory.data());
