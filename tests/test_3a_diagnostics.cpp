@@ -4,8 +4,6 @@
 #include "MeteringDiagnostics.h"
 #include "test_3a_rig.h"
 
-#include <ruvo/util/Channel.h>
-
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -81,21 +79,6 @@ TEST(ExpRecords, ChannelNames) {
 constexpr uint32_t kWidth = 1280;
 constexpr uint32_t kHeight = 720;
 
-// Collects the texts sent on one channel while it lives.
-class Listener {
-public:
-    explicit Listener(const std::string& name) : _channel(ruvo::util::Channel::get(name)) {
-        _id = _channel->addListener([this](const std::string& text) { texts.push_back(text); });
-    }
-    ~Listener() { _channel->removeListener(_id); }
-    void enable(bool on) { _channel->setEnabled(on); }
-    std::vector<std::string> texts;
-
-private:
-    std::shared_ptr<ruvo::util::Channel> _channel;
-    ruvo::util::Channel::ListenerId _id = 0;
-};
-
 // A camera "left" with index 1 metering a 2 x 2 grid with two samples per region: regions 0, 1
 // and 3 flat (deviation 0), region 2 (top right, column-major) at 96 and 104 (deviation 4).
 class TwoByTwo : public ::testing::Test {
@@ -135,8 +118,8 @@ std::string sixDecimals(double value) {
 }
 
 TEST_F(TwoByTwo, StatRecordCarriesTheRegionWeights) {
-    Listener stat("CapDevCUDAExpStat");
-    Listener meta("CapDevCUDAExpMeta");
+    testing::Listener stat("CapDevCUDAExpStat");
+    testing::Listener meta("CapDevCUDAExpMeta");
     evaluate();
     // Deviations 0, 0, 4, 0: mean 1, variance 3; weight exp(-0.5 d^2 / (2 * 3)) times the prior
     // share, a quarter for each region of a 2 x 2 grid.
@@ -149,7 +132,7 @@ TEST_F(TwoByTwo, StatRecordCarriesTheRegionWeights) {
 }
 
 TEST_F(TwoByTwo, MetaRecordOfCameraLeftWithIndexOne) {
-    Listener meta("CapDevCUDAExpMeta");
+    testing::Listener meta("CapDevCUDAExpMeta");
     frame.setSkin(9216, 180);  // skin ratio 0.04
     evaluate();
     ASSERT_EQ(meta.texts.size(), 1u);
@@ -160,8 +143,8 @@ TEST_F(TwoByTwo, MetaRecordOfCameraLeftWithIndexOne) {
 }
 
 TEST_F(TwoByTwo, NothingIsSentToADisabledChannel) {
-    Listener stat("CapDevCUDAExpStat");
-    Listener meta("CapDevCUDAExpMeta");
+    testing::Listener stat("CapDevCUDAExpStat");
+    testing::Listener meta("CapDevCUDAExpMeta");
     stat.enable(false);
     meta.enable(false);
     frame.setSkin(9216, 180);

@@ -9,6 +9,8 @@
 #include "support/CameraTestAccess.h"
 #include "support/sim_client.h"
 
+#include <ruvo/util/Channel.h>
+
 #include <Poco/AutoPtr.h>
 #include <Poco/Channel.h>
 #include <Poco/Logger.h>
@@ -144,6 +146,21 @@ inline void placeSamples(CUDACamera& camera, const std::vector<std::pair<int, in
     }
     std::srand(seed);
 }
+
+// Collects the texts sent on one channel while it lives.
+class Listener {
+public:
+    explicit Listener(const std::string& name) : _channel(ruvo::util::Channel::get(name)) {
+        _id = _channel->addListener([this](const std::string& text) { texts.push_back(text); });
+    }
+    ~Listener() { _channel->removeListener(_id); }
+    void enable(bool on) { _channel->setEnabled(on); }
+    std::vector<std::string> texts;
+
+private:
+    std::shared_ptr<ruvo::util::Channel> _channel;
+    ruvo::util::Channel::ListenerId _id = 0;
+};
 
 // Collects the messages of one logger at debug level while it lives.
 class LogCapture {

@@ -1,0 +1,69 @@
+// Auto exposure and white balance closed around the simulated sensor and the image pipeline, on
+// the test chart: after the illuminance steps 4x up and back, the metered luminance comes back
+// within 5% of its target and stays there; after a colour temperature step that leaves the
+// chart's neutrals recognisably gray, so does the chroma of a neutral patch.
+#include "test_3a_loop.h"
+
+#include <gtest/gtest.h>
+
+#include <utility>
+#include <vector>
+
+namespace ruvo {
+namespace capture {
+namespace {
+
+using testing::ClosedLoop;
+using testing::LoopFrame;
+
+constexpr int kPhase = 150;  // frames recorded after each step
+constexpr int kStays = 30;   // frames the value must stay in the band at the end of a phase
+constexpr float kBand = 0.05f;
+// Region metering draws other samples every frame and its skin blend switches on a threshold:
+// single frames scatter around the level the loop holds, so the luminance is judged on its mean
+// over this many frames. The driver statistic is judged frame by frame.
+constexpr size_t kMeteringWindow = 8;
+
+std::vector<float> field(const std::vector<LoopFrame>& frames, float LoopFrame::*member) {
+    std::vector<float> out;
+    for (const LoopFrame& f : frames) out.push_back(f.*member);
+    return out;
+}
+
+class ClosedLoop3A : public ::testing::TestWithParam<const char*> {
+protected:
+    bool regionMetering() const { return std::string(GetParam()) == "2"; }
+};
+
+TEST_P(ClosedLoop3A, LuminanceSettlesAfterIlluminanceSteps) {
+    ClosedLoop loop(GetParam(), 672, 380);
+    const float target = loop.params().ae.targetY;
+    loop.run(kPhase);
+    for (float illuminance : {4.0f, 1.0f}) {
+        loop.sensor().setIlluminance(illuminance);
+        std::vector<float> luminance = field(loop.run(kPhase), &LoopFrame::meteredY);
+        if (regionMetering()) luminance = testing::movingAverage(luminance, kMeteringWindow);
+        const testing::Settling s = testing::settling(luminance, target, kBand);
+        EXPECT_GE(s.frames, 0) << "illuminance " << illuminance;
+        EXPECT_LE(s.frames, kPhase - kStays) << "illuminance " << illuminance;
+    }
+}
+
+TEST_P(ClosedLoop3A, GrayPatchChromaSettlesAfterAColourTemperatureStep) {
+    ClosedLoop loop(GetParam(), 672, 380);
+    loop.run(kPhase);
+    loop.sensor().setColourTemperature(5000.0f);
+    const std::vector<LoopFrame> frames = loop.run(kPhase);
+    for (const auto& [member, target] : {std::pair{&LoopFrame::grayU, loop.params().awb.targetU},
+                                         std::pair{&LoopFrame::grayV, loop.params().awb.targetV}}) {
+        const testing::Settling s = testing::settling(field(frames, member), target, kBand);
+        EXPECT_GE(s.frames, 0) << "target " << target;
+        EXPECT_LE(s.frames, kPhase - kStays) << "target " << target;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Configurations, ClosedLoop3A, ::testing::Values("0", "2"));
+
+}  // namespace
+}  // namespace capture
+}  // namespace ruvo
