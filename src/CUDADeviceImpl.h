@@ -89,6 +89,7 @@ public:
 
     // For tests and tools: the camera at `position` and the thread names.
     CUDACamera& camera(uint32_t position) { return *_cameras.at(position); }
+    ProduceTask& produceTask(uint32_t position) { return *_produceTasks.at(position); }
     std::string produceThreadName(uint32_t position) const { return _produceThreads.at(position)->getName(); }
 
 private:

@@ -66,6 +66,16 @@ bool Worker::isRunning() const {
     return _running;
 }
 
+uint64_t Worker::steps() const {
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _steps;
+}
+
+uint64_t Worker::failedSteps() const {
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _failedSteps;
+}
+
 void Worker::setBackoff(std::chrono::milliseconds initial, std::chrono::milliseconds max) {
     std::lock_guard<std::mutex> lock(_mutex);
     _backoffInitial = initial;
@@ -113,6 +123,8 @@ void Worker::run() {
         {
             std::lock_guard<std::mutex> lock(_mutex);
             _inWork = false;
+            ++_steps;
+            if (failed) ++_failedSteps;
         }
         _cond.notify_all();
         if (failed) {

@@ -18,8 +18,8 @@ public:
 
     // A range is valid when its lower bound does not exceed its upper bound.
     bool valid() const { return !(_high < _low); }
-    // Whether `value` lies inside the range, bounds included.
-    bool in(T value) const { return !(value < _low) && !(_high < value); }
+    // Whether `value` lies inside the range, bounds included (a not-a-number lies outside).
+    bool in(T value) const { return _low <= value && value <= _high; }
     bool out(T value) const { return !in(value); }
 
     bool operator==(const Range& other) const { return _low == other._low && _high == other._high; }

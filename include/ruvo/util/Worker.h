@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -33,6 +34,9 @@ public:
     bool isPaused() const;
     bool isRunning() const;  // inside run()
     const std::string& name() const { return _name; }
+    // work() calls made, and how many of them threw, since the task was built.
+    uint64_t steps() const;
+    uint64_t failedSteps() const;
 
     // Back-off after work() threw: starts at `initial`, doubles per repeated failure up to `max`.
     void setBackoff(std::chrono::milliseconds initial, std::chrono::milliseconds max);
@@ -59,7 +63,9 @@ private:
     bool _inWork = false;
     bool _running = false;
     std::string _lastFailure;
-    int _failures = 0;
+    int _failures = 0;  // consecutive failed steps
+    uint64_t _steps = 0;
+    uint64_t _failedSteps = 0;
     std::chrono::milliseconds _backoffInitial{50};
     std::chrono::milliseconds _backoffMax{1000};
 };
