@@ -1,31 +1,69 @@
 #!/usr/bin/env bash
-# Installs the dependencies, builds the host build and (where nvcc is present) the CUDA build,
-# and runs every test of both. Exits non-zero on any build or test failure.
+# Installs the dependencies, then builds and tests, stopping at the first failure:
+#   1. the host build, every test;
+#   2. the CUDA build where nvcc is present, every test (device tests skip without a GPU);
+#   3. the host build under AddressSanitizer + UndefinedBehaviorSanitizer, every test (leaks reported);
+#   4. the host build under ThreadSanitizer, every test that starts threads;
+#   5. the fuzz targets under libFuzzer for a bounded time.
+# RUVO_TEST_STAGES picks stages (default "host cuda asan tsan fuzz").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=${RUVO_JOBS:-$(nproc)}
+stages=${RUVO_TEST_STAGES:-host cuda asan tsan fuzz}
 
 bash scripts/install-deps.sh
 
 werror=OFF
 if [[ "${CI:-}" == "true" ]]; then werror=ON; fi
 
-configure_build_test() {
+has_stage() { [[ " $stages " == *" $1 "* ]]; }
+
+configure_build() {
   local dir=$1; shift
   echo "=== ${dir}: configure ($*)"
   cmake -S "$root" -B "$root/$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRUVO_WARNINGS_AS_ERRORS=$werror "$@" >/dev/null
   echo "=== ${dir}: build"
   cmake --build "$root/$dir" -j "$jobs"
-  echo "=== ${dir}: test"
-  ctest --test-dir "$root/$dir" --output-on-failure -j "$jobs"
 }
 
-configure_build_test build/host -DRUVO_WITH_CUDA=OFF
+run_tests() {
+  local dir=$1; shift
+  echo "=== ${dir}: test $*"
+  ctest --test-dir "$root/$dir" --output-on-failure -j "$jobs" "$@"
+}
 
-if command -v nvcc >/dev/null 2>&1 || [[ -x /usr/local/cuda/bin/nvcc ]]; then
-  configure_build_test build/cuda -DRUVO_WITH_CUDA=ON
-else
-  echo "=== no nvcc: CUDA build skipped"
+if has_stage host; then
+  configure_build build/host -DRUVO_WITH_CUDA=OFF
+  run_tests build/host
 fi
-echo "=== all tests passed"
+
+if has_stage cuda; then
+  if command -v nvcc >/dev/null 2>&1 || [[ -x /usr/local/cuda/bin/nvcc ]]; then
+    configure_build build/cuda -DRUVO_WITH_CUDA=ON -DRUVO_BUILD_BENCH=OFF
+    run_tests build/cuda
+  else
+    echo "=== no nvcc: CUDA build skipped"
+  fi
+fi
+
+# A sanitizer finding ends the test with a non-zero status, which fails the stage.
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+export RUVO_SOAK_SECONDS=${RUVO_SOAK_SECONDS:-10}
+
+if has_stage asan; then
+  configure_build build/asan -DRUVO_WITH_CUDA=OFF -DRUVO_SANITIZE=address -DRUVO_BUILD_BENCH=OFF
+  run_tests build/asan
+fi
+
+if has_stage tsan; then
+  configure_build build/tsan -DRUVO_WITH_CUDA=OFF -DRUVO_SANITIZE=thread -DRUVO_BUILD_BENCH=OFF
+  run_tests build/tsan -L threads
+fi
+
+if has_stage fuzz && [[ -f fuzz/run.sh ]]; then
+  bash fuzz/run.sh "${RUVO_FUZZ_SECONDS:-60}"
+fi
+echo "=== all stages passed: $stages"

@@ -193,6 +193,8 @@ private:
     bool _isRunning = false;
     std::mt19937 _prng;
     std::vector<std::pair<int, int>> _initialSampleDist;  // (column, row) in full-resolution pixels
+    uint32_t _sampleTableWidth = 0;   // frame size the sample table was drawn for
+    uint32_t _sampleTableHeight = 0;
     float _currExpGain = 0.0f;
     float _currBlueGain = 0.0f;
     float _currRedGain = 0.0f;

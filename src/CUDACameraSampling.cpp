@@ -30,7 +30,13 @@ int uniformInt(std::mt19937& engine, int a, int b) {
 }  // namespace
 
 void CUDACamera::init_sample_distribution() {
-    // The table grows on every start; only the first numSamples entries are ever read.
+    // The table grows on every start; only the first numSamples entries are ever read. A start at
+    // another frame size draws it afresh, so that no sample lies outside the frames metered.
+    if (_controls.width != _sampleTableWidth || _controls.height != _sampleTableHeight) {
+        _initialSampleDist.clear();
+        _sampleTableWidth = _controls.width;
+        _sampleTableHeight = _controls.height;
+    }
     _initialSampleDist.reserve(_initialSampleDist.size() + _params.numSamples);
     for (uint32_t i = 0; i < _params.numSamples; ++i) {
         const int x = uniformInt(_prng, 0, static_cast<int>(_controls.width) - 1);

@@ -101,3 +101,22 @@ TEST(MeteringSamples, NonSquareRegionCountLeavesTheLastSlotsZero) {
     EXPECT_GT(w[4], w[0]);
     EXPECT_EQ(w[9], 0.0f);
 }
+
+// A restart at a smaller size must not keep samples outside the new frame.
+TEST(MeteringSamples, ASizeChangeRedrawsTheTable) {
+    CUDACamera camera(simCameraConfig(uniqueSimPath("resize"), {{"numSamples", "300"}, {"width", "2688"},
+                                                                  {"height", "1520"}}),
+                      0);
+    camera.start();
+    Controls c = camera.getControls();
+    c.width = 672;
+    c.height = 380;
+    camera.setControls(c);
+    const auto& table = CUDACameraTestAccess::samples(camera);
+    ASSERT_EQ(table.size(), 300u);
+    for (const auto& s : table) {
+        EXPECT_LT(s.first, 672);
+        EXPECT_LT(s.second, 380);
+    }
+    camera.stop();
+}
