@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -30,13 +31,15 @@ std::vector<float> field(const std::vector<LoopFrame>& frames, float LoopFrame::
     return out;
 }
 
-class ClosedLoop3A : public ::testing::TestWithParam<const char*> {
+// The configuration index as the camera's configuration key takes it.
+class ClosedLoop3A : public ::testing::TestWithParam<CUDAOutputConfiguration> {
 protected:
-    bool regionMetering() const { return std::string(GetParam()) == "2"; }
+    std::string configuration() const { return std::to_string(GetParam()); }
+    bool regionMetering() const { return GetParam() == YUV_2_4_SKIN_HISTOGRAM; }
 };
 
 TEST_P(ClosedLoop3A, LuminanceSettlesAfterIlluminanceSteps) {
-    ClosedLoop loop(GetParam(), 672, 380);
+    ClosedLoop loop(configuration(), 672, 380);
     const float target = loop.params().ae.targetY;
     loop.run(kPhase);
     for (float illuminance : {4.0f, 1.0f}) {
@@ -50,7 +53,7 @@ TEST_P(ClosedLoop3A, LuminanceSettlesAfterIlluminanceSteps) {
 }
 
 TEST_P(ClosedLoop3A, GrayPatchChromaSettlesAfterAColourTemperatureStep) {
-    ClosedLoop loop(GetParam(), 672, 380);
+    ClosedLoop loop(configuration(), 672, 380);
     loop.run(kPhase);
     loop.sensor().setColourTemperature(5000.0f);
     const std::vector<LoopFrame> frames = loop.run(kPhase);
@@ -62,7 +65,10 @@ TEST_P(ClosedLoop3A, GrayPatchChromaSettlesAfterAColourTemperatureStep) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Configurations, ClosedLoop3A, ::testing::Values("0", "2"));
+INSTANTIATE_TEST_SUITE_P(Configurations, ClosedLoop3A, ::testing::Values(YUV_ONLY, YUV_2_4_SKIN_HISTOGRAM),
+                         [](const ::testing::TestParamInfo<CUDAOutputConfiguration>& info) {
+                             return info.param == YUV_ONLY ? "YUV_ONLY" : "YUV_2_4_SKIN_HISTOGRAM";
+                         });
 
 }  // namespace
 }  // namespace capture

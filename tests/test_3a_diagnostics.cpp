@@ -76,8 +76,8 @@ TEST(ExpRecords, ChannelNames) {
 
 // ---- through the camera ----
 
-constexpr uint32_t kWidth = 1280;
-constexpr uint32_t kHeight = 720;
+using testing::kHeight;
+using testing::kWidth;
 
 // A camera "left" with index 1 metering a 2 x 2 grid with two samples per region: regions 0, 1
 // and 3 flat (deviation 0), region 2 (top right, column-major) at 96 and 104 (deviation 4).

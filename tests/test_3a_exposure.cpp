@@ -18,8 +18,8 @@ using testing::CameraRig;
 using testing::CraftedFrame;
 using Access = CUDACameraTestAccess;
 
-constexpr uint32_t kWidth = 1280;
-constexpr uint32_t kHeight = 720;
+using testing::kHeight;
+using testing::kWidth;
 
 // Texture whose contrast differs from region to region, on a base level.
 void fillTextured(CraftedFrame& frame, uint8_t base) {

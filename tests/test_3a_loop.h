@@ -97,11 +97,12 @@ private:
 };
 
 // How one quantity answered a step: frames until it entered the band and stayed there to the
-// end of the record, how far it went past the target, and how often it crossed the target.
+// end of the record, how far it went past the target, and how often it left the band again
+// after first reaching it (oscillation or jitter wider than the band).
 struct Settling {
     int frames = -1;         // first frame of the final stretch inside the band; -1: never settled
     float overshoot = 0.0f;  // largest excursion past the target against the approach, relative
-    int crossings = 0;       // changes of side of the target after first reaching the band
+    int exits = 0;           // times it left the band after first entering it
 };
 
 // `values` from the first frame after the step; band is relative (0.05 for 5%).
@@ -109,20 +110,20 @@ inline Settling settling(const std::vector<float>& values, float target, float b
     Settling s;
     const float tolerance = std::fabs(target) * band;
     for (size_t i = values.size(); i-- > 0;) {
-        if (std::fabs(values[i] - target) > tolerance) break;
+        if (!(std::fabs(values[i] - target) <= tolerance)) break;
         s.frames = static_cast<int>(i);
     }
-    if (values.empty() || s.frames < 0) return s;
+    if (values.empty()) return s;
     const float approach = values.front() < target ? 1.0f : -1.0f;  // +1: rising toward the target
     bool reached = false;
-    float previousSide = 0.0f;
+    bool inside = false;
     for (float value : values) {
-        reached = reached || std::fabs(value - target) <= tolerance;
+        const bool nowInside = std::fabs(value - target) <= tolerance;
+        if (reached && inside && !nowInside) ++s.exits;
+        reached = reached || nowInside;
+        inside = nowInside;
         const float past = (value - target) * approach / std::fabs(target);
         if (past > s.overshoot) s.overshoot = past;
-        const float side = value > target ? 1.0f : (value < target ? -1.0f : 0.0f);
-        if (reached && side != 0.0f && previousSide != 0.0f && side != previousSide) ++s.crossings;
-        if (side != 0.0f) previousSide = side;
     }
     return s;
 }

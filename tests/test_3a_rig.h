@@ -29,14 +29,18 @@ namespace ruvo {
 namespace capture {
 namespace testing {
 
-// A camera started on a stepped simulated sensor, 1280 x 720 unless the keys say otherwise.
+// Frame size of the rig's camera unless the keys say otherwise.
+constexpr uint32_t kWidth = 1280;
+constexpr uint32_t kHeight = 720;
+
+// A camera started on a stepped simulated sensor.
 class CameraRig {
 public:
     explicit CameraRig(SimKeys keys, int index = 0) : path(uniqueSimPath("3a")) {
         keys.emplace("sim.clock", "stepped");
         keys["path"] = path;
-        keys.emplace("width", "1280");
-        keys.emplace("height", "720");
+        keys.emplace("width", std::to_string(kWidth));
+        keys.emplace("height", std::to_string(kHeight));
         camera = std::make_unique<CUDACamera>(cameraEntry(keys), index);
         camera->start();
         sensor = sim::findSensor(path);

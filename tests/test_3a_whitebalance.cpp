@@ -17,8 +17,8 @@ using testing::CameraRig;
 using testing::CraftedFrame;
 using Access = CUDACameraTestAccess;
 
-constexpr uint32_t kWidth = 1280;
-constexpr uint32_t kHeight = 720;
+using testing::kHeight;
+using testing::kWidth;
 constexpr double kStepPerError = 0.15 * 4095;  // P times the register range
 
 struct Gains {

@@ -1,0 +1,67 @@
+// Cost of one auto exposure and white balance evaluation (evaluate_3A) on the delivery path, at
+// the largest frame size: region metering with the skin histogram, with the image's metered
+// bytes in cache (as the pipeline leaves them) and evicted first, and the driver statistic alone.
+// The budget is 0.2 ms per frame.
+#include "test_3a_rig.h"
+
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+namespace ruvo {
+namespace capture {
+namespace {
+
+using testing::CameraRig;
+using testing::CraftedFrame;
+
+constexpr uint32_t kWidth = 2688;
+constexpr uint32_t kHeight = 1520;
+
+// Texture whose contrast differs from region to region, skin above its threshold (the skin boost
+// and blend run), and a target the loop never reaches, so that every call writes the sensor.
+void prepare(CameraRig& rig, CraftedFrame& frame) {
+    frame.fill(90, 120, 136);
+    frame.fillLuma([](uint32_t x, uint32_t y) {
+        const uint32_t span = 10 + 20 * (x * 4 / kWidth) + 5 * (y * 4 / kHeight);
+        return static_cast<uint8_t>(60 + (x * 31 + y * 17) % span);
+    });
+    frame.setSkin(frame.width() * frame.height() / 4 / 50, 170);
+    rig.exposeForStatistic();
+    rig.change([](Controls& c) { c.ae.targetY = 0.9f; });
+}
+
+void evaluate3A(benchmark::State& state, const char* configuration, bool evictCaches) {
+    CameraRig rig({{"outputBufferFormats", configuration},
+                   {"width", std::to_string(kWidth)},
+                   {"height", std::to_string(kHeight)},
+                   {"bufferPoolSize", "1"}});
+    CraftedFrame frame(kWidth, kHeight, 7);
+    prepare(rig, frame);
+    std::vector<uint8_t> evictor(evictCaches ? 64u << 20 : 0);
+    uint8_t round = 0;
+    for (auto _ : state) {
+        if (evictCaches) {
+            state.PauseTiming();
+            std::fill(evictor.begin(), evictor.end(), ++round);
+            benchmark::ClobberMemory();
+            state.ResumeTiming();
+        }
+        rig.evaluate(frame.bucket);
+    }
+    state.counters["exposure"] = rig.reg(sensor::CID_EXPOSURE);
+}
+
+void BM_Evaluate3A_RegionMetering(benchmark::State& state) { evaluate3A(state, "2", false); }
+void BM_Evaluate3A_RegionMeteringColdCache(benchmark::State& state) { evaluate3A(state, "2", true); }
+void BM_Evaluate3A_DriverStatistic(benchmark::State& state) { evaluate3A(state, "0", false); }
+
+BENCHMARK(BM_Evaluate3A_RegionMetering)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Evaluate3A_RegionMeteringColdCache)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Evaluate3A_DriverStatistic)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace capture
+}  // namespace ruvo
+
+BENCHMARK_MAIN();
