@@ -4,8 +4,11 @@
 // The budget is 0.2 ms per frame.
 #include "test_3a_rig.h"
 
+#include "support/GpuPresence.h"
+
 #include <benchmark/benchmark.h>
 
+#include <string>
 #include <vector>
 
 namespace ruvo {
@@ -32,6 +35,11 @@ void prepare(CameraRig& rig, CraftedFrame& frame) {
 }
 
 void evaluate3A(benchmark::State& state, const char* configuration, bool evictCaches) {
+    std::string reason;
+    if (!ruvo::test::cudaDeviceAvailable(&reason)) {
+        state.SkipWithError(reason.c_str());
+        return;
+    }
     CameraRig rig({{"outputBufferFormats", configuration},
                    {"width", std::to_string(kWidth)},
                    {"height", std::to_string(kHeight)},

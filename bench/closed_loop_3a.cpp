@@ -5,6 +5,8 @@
 // Usage: closed_loop_3a [width height [frames per phase]]; --csv FILE writes every frame.
 #include "test_3a_loop.h"
 
+#include "support/GpuPresence.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -83,6 +85,11 @@ void writeCsv(const std::string& path, const char* configuration, const std::vec
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::string reason;
+    if (!ruvo::test::cudaDeviceAvailable(&reason)) {
+        std::printf("closed_loop_3a: skipped, %s\n", reason.c_str());
+        return EXIT_SUCCESS;
+    }
     std::vector<std::string> args;
     std::string csv;
     for (int i = 1; i < argc; ++i) {

@@ -4,6 +4,8 @@
 // chart's neutrals recognisably gray, so does the chroma of a neutral patch.
 #include "test_3a_loop.h"
 
+#include "support/GpuPresence.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -39,6 +41,7 @@ protected:
 };
 
 TEST_P(ClosedLoop3A, LuminanceSettlesAfterIlluminanceSteps) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     ClosedLoop loop(configuration(), 672, 380);
     const float target = loop.params().ae.targetY;
     loop.run(kPhase);
@@ -53,6 +56,7 @@ TEST_P(ClosedLoop3A, LuminanceSettlesAfterIlluminanceSteps) {
 }
 
 TEST_P(ClosedLoop3A, GrayPatchChromaSettlesAfterAColourTemperatureStep) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     ClosedLoop loop(configuration(), 672, 380);
     loop.run(kPhase);
     loop.sensor().setColourTemperature(5000.0f);

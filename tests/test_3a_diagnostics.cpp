@@ -4,11 +4,14 @@
 #include "MeteringDiagnostics.h"
 #include "test_3a_rig.h"
 
+#include "support/GpuPresence.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -83,15 +86,7 @@ using testing::kWidth;
 // and 3 flat (deviation 0), region 2 (top right, column-major) at 96 and 104 (deviation 4).
 class TwoByTwo : public ::testing::Test {
 protected:
-    TwoByTwo()
-        : rig({{"name", "left"},
-               {"outputBufferFormats", "2"},
-               {"ae.numRegions", "4"},
-               {"numSamples", "8"},
-               {"ae.numSamples", "8"},
-               {"awb.numSamples", "8"}},
-              1),
-          frame(kWidth, kHeight, 7) {
+    TwoByTwo() : frame(kWidth, kHeight, 7) {
         frame.fill(100, 128, 128);
         frame.fillLuma([](uint32_t x, uint32_t y) -> uint8_t {
             if (x < kWidth / 2) return y < kHeight / 2 ? 100 : 50;
@@ -100,14 +95,24 @@ protected:
         frame.y(700, 100) = 96;
         frame.y(900, 200) = 104;
     }
+    void SetUp() override {
+        RUVO_REQUIRE_CUDA_DEVICE();
+        rig = std::make_unique<testing::CameraRig>(testing::SimKeys{{"name", "left"},
+                                                                    {"outputBufferFormats", "2"},
+                                                                    {"ae.numRegions", "4"},
+                                                                    {"numSamples", "8"},
+                                                                    {"ae.numSamples", "8"},
+                                                                    {"awb.numSamples", "8"}},
+                                                   1);
+    }
     void evaluate() {
         testing::placeSamples(
-            *rig.camera,
+            *rig->camera,
             {{100, 100}, {200, 200}, {100, 400}, {300, 500}, {700, 100}, {900, 200}, {700, 400}, {1000, 600}});
-        rig.evaluate(frame.bucket);
+        rig->evaluate(frame.bucket);
     }
 
-    testing::CameraRig rig;
+    std::unique_ptr<testing::CameraRig> rig;
     testing::CraftedFrame frame;
 };
 

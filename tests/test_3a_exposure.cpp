@@ -3,6 +3,8 @@
 // and its limits, which luminance drives the loop, and the skin threshold.
 #include "test_3a_rig.h"
 
+#include "support/GpuPresence.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -35,6 +37,7 @@ std::pair<int32_t, int32_t> exposureAndGain(const CameraRig& rig) {
 }
 
 TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLines) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({});
     CraftedFrame frame(kWidth, kHeight);
     frame.fill(100, 128, 128);
@@ -60,6 +63,7 @@ TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLines) {
 }
 
 TEST(ManualExposure, WinsOverLock) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({});
     CraftedFrame frame(kWidth, kHeight);
     rig.change([](Controls& c) {
@@ -73,6 +77,7 @@ TEST(ManualExposure, WinsOverLock) {
 }
 
 TEST(LockedExposure, WritesBackTheLastAutomaticValuesOnce) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({});
     CraftedFrame frame(kWidth, kHeight);
     frame.fill(100, 128, 128);
@@ -105,6 +110,7 @@ TEST(LockedExposure, WritesBackTheLastAutomaticValuesOnce) {
 }
 
 TEST(AutoExposure, DeadBandWritesNothingAndLeavesTheFlag) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({});
     CraftedFrame frame(kWidth, kHeight);
     const int32_t statistic = rig.exposeForStatistic();
@@ -138,6 +144,7 @@ std::pair<int32_t, int32_t> stepFrom20000(CameraRig& rig, const CraftedFrame& fr
 }
 
 TEST(AutoExposure, DriverStatisticAloneWithoutSkinHistogramOrInAvgYMode) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CraftedFrame dark(kWidth, kHeight, 7);
     CraftedFrame bright(kWidth, kHeight, 7);
     fillTextured(dark, 20);
@@ -155,6 +162,7 @@ TEST(AutoExposure, DriverStatisticAloneWithoutSkinHistogramOrInAvgYMode) {
 }
 
 TEST(AutoExposure, RegionMeteringMetersTheImageWhenTheSkinHistogramIsThere) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({{"outputBufferFormats", "2"}});
     CraftedFrame dark(kWidth, kHeight, 7);
     CraftedFrame bright(kWidth, kHeight, 7);
@@ -169,6 +177,7 @@ TEST(AutoExposure, RegionMeteringMetersTheImageWhenTheSkinHistogramIsThere) {
 }
 
 TEST(AutoExposure, TooBrightFailsafeLogsAndUsesTheDriverStatistic) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({{"outputBufferFormats", "2"}, {"ae.avgYThreshold", "0.01"}});
     CraftedFrame dark(kWidth, kHeight, 7);
     CraftedFrame bright(kWidth, kHeight, 7);
@@ -186,6 +195,7 @@ TEST(AutoExposure, TooBrightFailsafeLogsAndUsesTheDriverStatistic) {
 }
 
 TEST(AutoExposure, GainStaysWithinRegisters76And2039) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({});
     CraftedFrame frame(kWidth, kHeight);
     frame.fill(100, 128, 128);
@@ -205,6 +215,7 @@ TEST(AutoExposure, GainStaysWithinRegisters76And2039) {
 }
 
 TEST(AutoExposure, SkinRatioExactlyAtItsThresholdChangesNothing) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     // 2304 skin pixels of the 1280 x 720 image's half-size histogram.
     const float ratio = (2304.0f / kWidth / kHeight) * 4;
     char threshold[32];

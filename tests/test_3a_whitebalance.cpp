@@ -3,6 +3,8 @@
 // step, the perturbation when nothing is gray, the tie rule, clamping, manual and lock.
 #include "test_3a_rig.h"
 
+#include "support/GpuPresence.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -37,6 +39,7 @@ void lockExposure(CameraRig& rig) {
 }
 
 TEST(AutoWhiteBalance, UniformGrayMovesOnlyBlueDownward) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({});
     lockExposure(rig);
     CraftedFrame frame(kWidth, kHeight);
@@ -51,6 +54,7 @@ TEST(AutoWhiteBalance, UniformGrayMovesOnlyBlueDownward) {
 }
 
 TEST(AutoWhiteBalance, EqualErrorsMoveRed) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({{"awb.targetU", "0.5"}, {"awb.targetV", "0.5"}});
     lockExposure(rig);
     CraftedFrame frame(kWidth, kHeight);
@@ -69,6 +73,7 @@ std::pair<float, float> nextPerturbations(CUDACamera& camera) {
 }
 
 TEST(AutoWhiteBalance, NothingGrayPerturbsExactlyOneGain) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({});
     lockExposure(rig);
     CraftedFrame coloured(kWidth, kHeight);
@@ -102,6 +107,7 @@ TEST(AutoWhiteBalance, NothingGrayPerturbsExactlyOneGain) {
 }
 
 TEST(AutoWhiteBalance, GainsBeyondTheDriverRangeAreWrittenAsItsLimits) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({});
     lockExposure(rig);
     CraftedFrame reddish(kWidth, kHeight);
@@ -120,6 +126,7 @@ TEST(AutoWhiteBalance, GainsBeyondTheDriverRangeAreWrittenAsItsLimits) {
 }
 
 TEST(ManualWhiteBalance, WritesFactorsInUnitsOf1024AndWinsOverLock) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({});
     lockExposure(rig);
     CraftedFrame frame(kWidth, kHeight);
@@ -143,6 +150,7 @@ TEST(ManualWhiteBalance, WritesFactorsInUnitsOf1024AndWinsOverLock) {
 }
 
 TEST(LockedWhiteBalance, WritesBackTheLastAutomaticRedAndBlueOnce) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({});
     lockExposure(rig);
     CraftedFrame gray(kWidth, kHeight);
