@@ -14,35 +14,24 @@
 #include <Poco/Util/XMLConfiguration.h>
 
 #include <fstream>
-#include <sstream>
 
 namespace ruvo {
 namespace tool {
 
 namespace {
 
+// The built-in cameras: skin histogram outputs under daylight, gradient outputs under warm light.
+struct DefaultCamera {
+    const char* name;
+    int outputBufferFormats;
+    int colourTemperatureK;
+};
+const DefaultCamera kDefaultCameras[] = {{"left", 2, 6500}, {"right", 7, 3200}};
+
 // Illuminance 0.2 puts the chart's background well below the luminance target at the sensor's
 // power-on exposure (10 ms, gain 1), so the first second of a run shows auto exposure at work.
-const char* const kDefaultProperties = R"(
-devices[0].enabled = true
-devices[0].name = left
-devices[0].path = sim:left
-devices[0].outputBufferFormats = 2
-devices[0].sim.scene = chart
-devices[0].sim.clock = realtime
-devices[0].sim.fps = 30
-devices[0].sim.illuminance = 0.2
-devices[0].sim.colourTemperature = 6500
-devices[1].enabled = true
-devices[1].name = right
-devices[1].path = sim:right
-devices[1].outputBufferFormats = 7
-devices[1].sim.scene = chart
-devices[1].sim.clock = realtime
-devices[1].sim.fps = 30
-devices[1].sim.illuminance = 0.2
-devices[1].sim.colourTemperature = 3200
-)";
+constexpr double kDefaultIlluminance = 0.2;
+constexpr double kDefaultFps = 30.0;
 
 const std::string kAllEntries = "devices[*]";
 
@@ -70,8 +59,21 @@ void collectLeaves(const Poco::Util::AbstractConfiguration& config, const std::s
 }  // namespace
 
 Poco::AutoPtr<Poco::Util::AbstractConfiguration> defaultConfiguration() {
-    std::istringstream in(kDefaultProperties);
-    return new Poco::Util::PropertyFileConfiguration(in);
+    Poco::AutoPtr<Poco::Util::MapConfiguration> config(new Poco::Util::MapConfiguration());
+    unsigned i = 0;
+    for (const DefaultCamera& camera : kDefaultCameras) {
+        const std::string key = deviceKey(i++) + ".";
+        config->setBool(key + "enabled", true);
+        config->setString(key + "name", camera.name);
+        config->setString(key + "path", std::string("sim:") + camera.name);
+        config->setInt(key + "outputBufferFormats", camera.outputBufferFormats);
+        config->setString(key + "sim.scene", "chart");
+        config->setString(key + "sim.clock", "realtime");
+        config->setDouble(key + "sim.fps", kDefaultFps);
+        config->setDouble(key + "sim.illuminance", kDefaultIlluminance);
+        config->setInt(key + "sim.colourTemperature", camera.colourTemperatureK);
+    }
+    return config;
 }
 
 Poco::AutoPtr<Poco::Util::AbstractConfiguration> loadConfigurationFile(const std::string& file) {
