@@ -46,18 +46,6 @@ TEST(SimClock, RealTimeDeliversFramesWithoutBeingStepped) {
     EXPECT_GE(c.sensor().framesProduced(), 6u);
 }
 
-TEST(SimClock, SteppedProducesOnlyWhenStepped) {
-    SimClient c;
-    c.start(672, 380, 2);
-    timeval zero{0, 0};
-    EXPECT_EQ(c.io().select(c.fd(), &zero), 0);
-    EXPECT_FALSE(c.dequeue().has_value());
-    EXPECT_FALSE(c.sensor().step(3)) << "two buffers for three frames";
-    EXPECT_EQ(c.dequeue()->sequence, 0u);
-    EXPECT_EQ(c.dequeue()->sequence, 1u);
-    EXPECT_EQ(c.sensor().framesDropped(), 1u);
-}
-
 TEST(SimClock, AStepCanWaitForTheClientToQueueItsBuffers) {
     SimClient c;
     c.start(672, 380, 2);

@@ -82,9 +82,9 @@ public:
     // Buffers with the driver: queued, being filled, or filled and not yet dequeued.
     size_t queuedCount() const;
     bool streaming() const;
-    uint64_t framesProduced() const;  // frames written into buffers
-    uint64_t framesDropped() const;   // frames exposed with no buffer queued
-    int32_t control(uint32_t id) const;
+    uint64_t framesProduced() const;     // frames written into buffers
+    uint64_t framesDropped() const;      // frames exposed with no buffer queued
+    int32_t control(uint32_t id) const;  // throws std::out_of_range for an id that is no control
     struct v4l2_pix_format format() const;
     size_t openCount() const;
     uint64_t renderCount() const;  // noiseless frames rendered; copies are not counted
