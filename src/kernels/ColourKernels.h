@@ -84,10 +84,8 @@ struct BggrSink {
         YuvSink{yuv}(p, tx, ty, s, quad);
         unsigned char* row0 = mosaic + (2 * static_cast<size_t>(ty) * p.width + 2 * static_cast<size_t>(tx)) * 3;
         unsigned char* row1 = row0 + static_cast<size_t>(p.width) * 3;
-        storeRgbPixel(row0, 0.0f, 0.0f, s(0, 0));
-        storeRgbPixel(row0 + 3, 0.0f, s(0, 1), 0.0f);
-        storeRgbPixel(row1, 0.0f, s(1, 0), 0.0f);
-        storeRgbPixel(row1 + 3, s(1, 1), 0.0f, 0.0f);
+        storeRgbPair(row0, 0, 0, fullScaleToByte(s(0, 0)), 0, fullScaleToByte(s(0, 1)), 0);
+        storeRgbPair(row1, 0, fullScaleToByte(s(1, 0)), 0, fullScaleToByte(s(1, 1)), 0, 0);
     }
 };
 

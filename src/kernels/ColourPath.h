@@ -116,22 +116,32 @@ __host__ __device__ __forceinline__ void storeYuvQuad(unsigned char* yuv, size_t
     storeChromaQuad(yuv, width, height, tx, ty, truncateToByte(quad.u), truncateToByte(quad.v));
 }
 
-// Stores one RGB24 pixel (R, G, B byte order) from raw-scale values, without exponent or clamp.
-__host__ __device__ __forceinline__ void storeRgbPixel(unsigned char* pixel, float r, float g, float b) {
-    pixel[0] = fullScaleToByte(r);
-    pixel[1] = fullScaleToByte(g);
-    pixel[2] = fullScaleToByte(b);
+#ifdef __BYTE_ORDER__
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "RGB pixel pairs are stored as little-endian words");
+#endif
+
+// Stores two horizontally adjacent RGB24 pixels (R, G, B byte order each) as three little-endian
+// 16-bit words. A pair starts at an even byte (6 bytes per pair), and three equal stores are what
+// the host vectoriser can interleave (it cannot interleave groups of six bytes).
+__host__ __device__ __forceinline__ void storeRgbPair(unsigned char* pair, unsigned char r0, unsigned char g0,
+                                                      unsigned char b0, unsigned char r1, unsigned char g1,
+                                                      unsigned char b1) {
+    uint16_t* words = reinterpret_cast<uint16_t*>(pair);
+    words[0] = static_cast<uint16_t>(r0 | (g0 << 8));
+    words[1] = static_cast<uint16_t>(b0 | (r1 << 8));
+    words[2] = static_cast<uint16_t>(g1 | (b1 << 8));
 }
 
-// Stores a quad as four RGB24 pixels of an image with row stride 3 width.
+// Stores a quad as four RGB24 pixels of an image with row stride 3 width, each channel its
+// raw-scale value as a byte without exponent or clamp.
 __host__ __device__ __forceinline__ void storeRgbQuad(unsigned char* rgb, size_t width, size_t tx, size_t ty,
-                                                      const QuadRgb& quad) {
+                                                      const QuadRgb& q) {
     unsigned char* row0 = rgb + (2 * ty * width + 2 * tx) * 3;
     unsigned char* row1 = row0 + width * 3;
-    storeRgbPixel(row0, quad.r[kSiteB], quad.g[kSiteB], quad.b[kSiteB]);
-    storeRgbPixel(row0 + 3, quad.r[kSiteG1], quad.g[kSiteG1], quad.b[kSiteG1]);
-    storeRgbPixel(row1, quad.r[kSiteG2], quad.g[kSiteG2], quad.b[kSiteG2]);
-    storeRgbPixel(row1 + 3, quad.r[kSiteR], quad.g[kSiteR], quad.b[kSiteR]);
+    storeRgbPair(row0, fullScaleToByte(q.r[kSiteB]), fullScaleToByte(q.g[kSiteB]), fullScaleToByte(q.b[kSiteB]),
+                 fullScaleToByte(q.r[kSiteG1]), fullScaleToByte(q.g[kSiteG1]), fullScaleToByte(q.b[kSiteG1]));
+    storeRgbPair(row1, fullScaleToByte(q.r[kSiteG2]), fullScaleToByte(q.g[kSiteG2]), fullScaleToByte(q.b[kSiteG2]),
+                 fullScaleToByte(q.r[kSiteR]), fullScaleToByte(q.g[kSiteR]), fullScaleToByte(q.b[kSiteR]));
 }
 
 }  // namespace kernels

@@ -36,37 +36,28 @@ __forceinline__ float bitsFloat(uint32_t bits) {
     return x;
 }
 
-// log2 of a positive normal float: exponent plus the atanh series of the mantissa taken in
-// [sqrt(1/2), sqrt(2)), t = (m - 1) / (m + 1), log2 m = 2/ln2 (t + t^3/3 + t^5/5 + t^7/7 + t^9/9).
-// Absolute error below 1e-8 before rounding; log2(1) is exactly 0.
+// log2 of a positive normal float: the exponent taken so that the mantissa m lies in
+// [sqrt(1/2), sqrt(2)), plus the atanh series of the mantissa, t = (m - 1) / (m + 1),
+// log2 m = 2/ln2 (t + t^3/3 + t^5/5). Absolute error below 2e-6; log2(1) is exactly 0.
 __forceinline__ float log2Positive(float x) {
     const uint32_t bits = floatBits(x);
-    const bool upperHalf = (bits & 0x007fffffu) > 0x003504f3u;  // mantissa above sqrt(2)
-    const int exponent = static_cast<int>(bits >> 23) - 127 + (upperHalf ? 1 : 0);
-    const float m = bitsFloat((bits & 0x007fffffu) | (upperHalf ? 0x3f000000u : 0x3f800000u));
+    const int exponent = static_cast<int>(bits - 0x3f3504f3u) >> 23;  // 0x3f3504f3: sqrt(1/2)
+    const float m = bitsFloat(bits - (static_cast<uint32_t>(exponent) << 23));
     const float t = (m - 1.0f) / (m + 1.0f);
     const float t2 = t * t;
-    const float series =
-        2.8853900817779268f +
-        t2 * (0.9617966939259756f + t2 * (0.5770780163555854f + t2 * (0.4121985831111323f + t2 * 0.3205988979753252f)));
-    return static_cast<float>(exponent) + t * series;
+    return static_cast<float>(exponent) + t * (2.8853900817779268f + t2 * (0.9617966939259756f + t2 * 0.5770780163555854f));
 }
 
-// 2^x: x = n + f with n the nearest integer and |f| <= 1/2; 2^f by its Taylor series to degree 7
-// (relative error below 6e-9), n added to the exponent field. Results below 2^-126 flush to zero,
-// inputs above 127 saturate at 2^127.
+// 2^x: x = n + f with n the nearest integer and |f| <= 1/2; 2^f = 1 + f q(f) with q a degree-4
+// fit (relative error below 3e-7), n added to the exponent field. Results below 2^-126 flush to
+// zero, inputs above 127 saturate at 2^127.
 __forceinline__ float exp2Clamped(float x) {
     const float clamped = x > 127.0f ? 127.0f : (x < -127.0f ? -127.0f : x);
     const int n = static_cast<int>(clamped + 127.5f) - 127;  // round half up; argument is positive
     const float f = clamped - static_cast<float>(n);
-    const float p =
-        1.0f +
-        f * (0.6931471805599453f +
-             f * (0.2402265069591007f +
-                  f * (0.05550410866482158f +
-                       f * (0.009618129107628477f +
-                            f * (0.0013333558146428443f + f * (0.00015403530393381608f + f * 1.525273380405984e-05f))))));
-    const float scaled = bitsFloat(floatBits(p) + (static_cast<uint32_t>(n) << 23));
+    const float q = 6.9314718056e-01f +
+                    f * (2.4022349038e-01f + f * (5.5503810138e-02f + f * (9.6663685154e-03f + f * 1.3381302537e-03f)));
+    const float scaled = bitsFloat(floatBits(1.0f + f * q) + (static_cast<uint32_t>(n) << 23));
     return x < -126.0f ? 0.0f : scaled;
 }
 
@@ -94,8 +85,7 @@ __host__ __device__ __forceinline__ float fastExp2(float x) {
 // x^e as 2^(e log2 x). Zero and negative values (possible after a negative interpolation lobe)
 // give 0.
 __host__ __device__ __forceinline__ float fastPow(float x, float e) {
-    const float safe = x > 0.0f ? x : 1.0f;
-    const float p = fastExp2(e * fastLog2(safe));
+    const float p = fastExp2(e * fastLog2(x));  // whatever log2 gives for x <= 0 is discarded
     return x > 0.0f ? p : 0.0f;
 }
 
