@@ -30,10 +30,6 @@ void expectOneErrorLine(const ToolResult& r, int status, const std::string& frag
 
 class ToolCommands : public ::testing::Test {
 protected:
-    void requireDevice() {
-        std::string reason;
-        if (!cudaDeviceAvailable(&reason)) GTEST_SKIP() << reason;
-    }
     ToolResult run(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
         return runProgram(kTool, args, scratch, env);
     }
@@ -44,7 +40,7 @@ protected:
 std::string infoBody(const std::string& out) { return out.substr(out.find('\n') + 1); }
 
 TEST_F(ToolCommands, EveryFileFormatDescribesTheSameCameras) {
-    requireDevice();
+    RUVO_REQUIRE_CUDA_DEVICE();
     const ToolResult reference = run({"info", "--config", kData + "/two-cameras.properties"});
     ASSERT_EQ(reference.status, 0) << reference.err;
     const std::string body = infoBody(reference.out);
@@ -62,7 +58,7 @@ TEST_F(ToolCommands, EveryFileFormatDescribesTheSameCameras) {
 }
 
 TEST_F(ToolCommands, InfoListsCapabilitiesControlsAndEveryOutputConfiguration) {
-    requireDevice();
+    RUVO_REQUIRE_CUDA_DEVICE();
     const ToolResult r = run({"info", "--set", "devices[0].ae.targetY=0.25", "devices[1].vFlip=false"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "");
@@ -83,7 +79,7 @@ TEST_F(ToolCommands, InfoListsCapabilitiesControlsAndEveryOutputConfiguration) {
 }
 
 TEST_F(ToolCommands, RunFromAFileWritesRgbOutputsAsTheyAre) {
-    requireDevice();
+    RUVO_REQUIRE_CUDA_DEVICE();
     const std::string out = scratch / "json-run";
     const ToolResult r = run({"run", "--config", kData + "/two-cameras.json", "--set", "devices[*].sim.clock=free",
                               "--frames", "20", "--output", out});
@@ -100,7 +96,7 @@ TEST_F(ToolCommands, RunFromAFileWritesRgbOutputsAsTheyAre) {
 }
 
 TEST_F(ToolCommands, CtrlCStopsTheRunAndStillWritesTheFiles) {
-    requireDevice();
+    RUVO_REQUIRE_CUDA_DEVICE();
     const std::string out = scratch / "interrupted";
     int pipeFds[2];
     ASSERT_EQ(pipe(pipeFds), 0);
@@ -114,11 +110,12 @@ TEST_F(ToolCommands, CtrlCStopsTheRunAndStillWritesTheFiles) {
     std::string seen;
     char buffer[512];
     ssize_t n = 0;
-    // The first status line with frames counted shows the cameras are delivering.
-    while (seen.find(" frames\n") == std::string::npos && (n = read(pipeFds[0], buffer, sizeof(buffer))) > 0) {
+    // A status line with a frame rate shows that the cameras are delivering.
+    const std::string delivering = "fps, latency";
+    while (seen.find(delivering) == std::string::npos && (n = read(pipeFds[0], buffer, sizeof(buffer))) > 0) {
         seen.append(buffer, static_cast<size_t>(n));
     }
-    ASSERT_NE(seen.find(" frames\n"), std::string::npos) << seen << readText(scratch / "stderr");
+    ASSERT_NE(seen.find(delivering), std::string::npos) << seen << readText(scratch / "stderr");
     kill(pid, SIGINT);
     while ((n = read(pipeFds[0], buffer, sizeof(buffer))) > 0) seen.append(buffer, static_cast<size_t>(n));
     close(pipeFds[0]);
@@ -129,7 +126,7 @@ TEST_F(ToolCommands, CtrlCStopsTheRunAndStillWritesTheFiles) {
 }
 
 TEST_F(ToolCommands, MissingGnuplotIsOneErrorLineAfterTheOtherFiles) {
-    requireDevice();
+    RUVO_REQUIRE_CUDA_DEVICE();
     const std::string out = scratch / "no-gnuplot";
     const ToolResult r = run({"run", "--set", "devices[*].sim.clock=free", "devices[*].width=672",
                               "devices[*].height=380", "--frames", "10", "--output", out},
@@ -138,6 +135,19 @@ TEST_F(ToolCommands, MissingGnuplotIsOneErrorLineAfterTheOtherFiles) {
     EXPECT_TRUE(readPng(out + "/contact-sheet.png").ok);
     EXPECT_TRUE(readPng(out + "/cam0-buf0-color-original.png").ok);
     EXPECT_FALSE(Poco::File(out + "/convergence.png").exists());
+}
+
+TEST_F(ToolCommands, ACameraThatNeverDeliversEndsTheRunWithAnError) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    // A stepped clock that nobody steps: camera 1 stays silent while camera 0 runs.
+    const ToolResult r = run({"run", "--set", "devices[1].sim.clock=stepped", "devices[*].width=672",
+                              "devices[*].height=380", "--frames", "1000000", "--output", scratch / "silent"});
+    expectOneErrorLine(r, 1, "camera 1 (sim:right) delivered no frame for 10 s", "silent camera");
+}
+
+TEST_F(ToolCommands, NoCudaDeviceIsOneErrorLine) {
+    if (cudaDeviceAvailable()) GTEST_SKIP() << "this machine has a CUDA device";
+    expectOneErrorLine(run({"info"}), 1, "cannot build the cameras: cudaGetDeviceCount", "info without a GPU");
 }
 
 TEST_F(ToolCommands, ConfigurationFileMistakesEndInOneErrorLine) {
@@ -163,7 +173,7 @@ TEST_F(ToolCommands, ConfigurationFileMistakesEndInOneErrorLine) {
 }
 
 TEST_F(ToolCommands, BadCameraKeysEndInOneErrorLine) {
-    requireDevice();
+    RUVO_REQUIRE_CUDA_DEVICE();
     struct Case {
         std::string setting;
         std::string fragment;

@@ -118,10 +118,12 @@ int runCommand(const Options& options, std::ostream& out, bool terminal) {
         session.device().setCallback(
             [&recorder](const std::vector<std::shared_ptr<capture::Frame>>& batch) { recorder.onBatch(batch); });
         StopSignal signal;
-        out << "Capturing from " << cameras.size() << (cameras.size() == 1 ? " camera" : " cameras")
-            << (options.seconds > 0.0 ? " for " + std::to_string(options.seconds) + " s"
-                                      : ", " + std::to_string(options.frames) + " frames each")
-            << "; Ctrl-C stops.\n";
+        out << "Capturing from " << cameras.size() << (cameras.size() == 1 ? " camera" : " cameras");
+        if (options.seconds > 0.0)
+            out << " for " << options.seconds << " s";
+        else
+            out << ", " << options.frames << " frames each";
+        out << "; Ctrl-C stops.\n";
         session.start();
         StatusPrinter printer(out, terminal);
         reason = captureLoop(recorder, cameras, options, signal, printer);
