@@ -98,8 +98,8 @@ cudaError_t DeviceHistogram::HistogramEven(void* d_temp_storage, size_t& temp_st
                                            const unsigned char* d_samples, int* d_histogram, int num_levels,
                                            int lower_level, int upper_level, int num_samples, cudaStream_t stream,
                                            bool) {
-    return ::cub::DeviceHistogram::HistogramEven(d_temp_storage, temp_storage_bytes, d_samples, d_histogram,
-                                                 num_levels, lower_level, upper_level, num_samples, stream);
+    return ::cub::DeviceHistogram::HistogramEven(d_temp_storage, temp_storage_bytes, d_samples, d_histogram, num_levels,
+                                                 lower_level, upper_level, num_samples, stream);
 }
 
 cudaError_t DeviceHistogram::HistogramEven(void* d_temp_storage, unsigned int& temp_storage_bytes,
@@ -160,8 +160,7 @@ void enqueueLaunch(const kernels::PlannedLaunch& launch, const kernels::LaunchGe
         case KernelId::step_down_YUV_and_gradient:
             return step_down_YUV_and_gradient<<<grid, block, 0, stream>>>(in, w, h, out[0], out[1], out[2]);
         case KernelId::step_down_YUV_and_gradient_magnitude:
-            return step_down_YUV_and_gradient_magnitude<<<grid, block, 0, stream>>>(in, w, h, out[0], out[1],
-                                                                                     out[2]);
+            return step_down_YUV_and_gradient_magnitude<<<grid, block, 0, stream>>>(in, w, h, out[0], out[1], out[2]);
         case KernelId::histogram_even:
             return;
     }
@@ -169,8 +168,8 @@ void enqueueLaunch(const kernels::PlannedLaunch& launch, const kernels::LaunchGe
 
 // Histogram of the half-size skin luminance plane (target 3) into the 256 counters of target 4,
 // with the scratch memory allocated for target 4.
-void histogramOfSkinLuminance(cudaStream_t& stream, unsigned char** targets, unsigned char*** extra,
-                              int** extraLengths, unsigned int width, unsigned int height) {
+void histogramOfSkinLuminance(cudaStream_t& stream, unsigned char** targets, unsigned char*** extra, int** extraLengths,
+                              unsigned int width, unsigned int height) {
     void* d_temp_storage = extra[4][0];
     size_t temp_storage_bytes = static_cast<size_t>(extraLengths[4][0]);
     int* d_hist = reinterpret_cast<int*>(targets[4]);

@@ -24,8 +24,8 @@ namespace {
 
 // Histogram of the half-size skin luminance plane (target 3) into the 256 counters of target 4,
 // with the scratch memory allocated for target 4.
-void histogramOfSkinLuminance(cudaStream_t& stream, unsigned char** targets, unsigned char*** extra,
-                              int** extraLengths, unsigned int width, unsigned int height) {
+void histogramOfSkinLuminance(cudaStream_t& stream, unsigned char** targets, unsigned char*** extra, int** extraLengths,
+                              unsigned int width, unsigned int height) {
     void* d_temp_storage = extra[4][0];
     size_t temp_storage_bytes = static_cast<size_t>(extraLengths[4][0]);
     int* d_hist = reinterpret_cast<int*>(targets[4]);

@@ -58,21 +58,36 @@ TEST(LaunchGeometry, BlocksAndGridsOfTheFourSizes) {
 
 const char* kernelName(k::KernelId id) {
     switch (id) {
-        case k::KernelId::yuv420_fast: return "yuv420_fast";
-        case k::KernelId::yuv420_lanczos: return "yuv420_lanczos";
-        case k::KernelId::yuv420_fast_bggr: return "yuv420_fast_bggr";
-        case k::KernelId::yuv420_rgb_only: return "yuv420_rgb_only";
-        case k::KernelId::yuv420_no_demosaic_rgb: return "yuv420_no_demosaic_rgb";
-        case k::KernelId::yuv420_fast_segment_skin: return "yuv420_fast_segment_skin";
-        case k::KernelId::yuv420_fast_skin_histogram: return "yuv420_fast_skin_histogram";
-        case k::KernelId::histogram_even: return "HistogramEven";
-        case k::KernelId::step_down_YUV: return "step_down_YUV";
-        case k::KernelId::step_down_Y_twice: return "step_down_Y_twice";
-        case k::KernelId::step_down_erode_Y: return "step_down_erode_Y";
-        case k::KernelId::gradient: return "gradient";
-        case k::KernelId::gradient_magnitude: return "gradient_magnitude";
-        case k::KernelId::step_down_YUV_and_gradient: return "step_down_YUV_and_gradient";
-        case k::KernelId::step_down_YUV_and_gradient_magnitude: return "step_down_YUV_and_gradient_magnitude";
+        case k::KernelId::yuv420_fast:
+            return "yuv420_fast";
+        case k::KernelId::yuv420_lanczos:
+            return "yuv420_lanczos";
+        case k::KernelId::yuv420_fast_bggr:
+            return "yuv420_fast_bggr";
+        case k::KernelId::yuv420_rgb_only:
+            return "yuv420_rgb_only";
+        case k::KernelId::yuv420_no_demosaic_rgb:
+            return "yuv420_no_demosaic_rgb";
+        case k::KernelId::yuv420_fast_segment_skin:
+            return "yuv420_fast_segment_skin";
+        case k::KernelId::yuv420_fast_skin_histogram:
+            return "yuv420_fast_skin_histogram";
+        case k::KernelId::histogram_even:
+            return "HistogramEven";
+        case k::KernelId::step_down_YUV:
+            return "step_down_YUV";
+        case k::KernelId::step_down_Y_twice:
+            return "step_down_Y_twice";
+        case k::KernelId::step_down_erode_Y:
+            return "step_down_erode_Y";
+        case k::KernelId::gradient:
+            return "gradient";
+        case k::KernelId::gradient_magnitude:
+            return "gradient_magnitude";
+        case k::KernelId::step_down_YUV_and_gradient:
+            return "step_down_YUV_and_gradient";
+        case k::KernelId::step_down_YUV_and_gradient_magnitude:
+            return "step_down_YUV_and_gradient_magnitude";
     }
     return "?";
 }
@@ -83,7 +98,8 @@ std::vector<std::string> describe(const k::IspPlan& plan) {
     for (int i = 0; i < plan.count; ++i) {
         const k::PlannedLaunch& l = plan.launches[i];
         std::string line = std::string(kernelName(l.kernel)) + "(";
-        line += l.input == k::kNoTarget ? std::string("raw") : std::to_string(l.input) + "/" + std::to_string(1 << l.inputShift);
+        line += l.input == k::kNoTarget ? std::string("raw")
+                                        : std::to_string(l.input) + "/" + std::to_string(1 << l.inputShift);
         for (int out : l.outputs) {
             if (out != k::kNoTarget) line += "," + std::to_string(out);
         }
@@ -147,7 +163,8 @@ TEST(KernelSequence, LanczosAlwaysStartsWithItsColourKernel) {
 
 TEST(KernelSequence, ConfigurationsOutsideTheEnumerationRunOnlyTheColourKernel) {
     for (int configuration : {12, -1, 1000}) {
-        EXPECT_EQ(describe(k::planIsp(configuration, cap::BILINEAR_5)), (Lines{"yuv420_fast(raw,0) s1", "unimplemented"}));
+        EXPECT_EQ(describe(k::planIsp(configuration, cap::BILINEAR_5)),
+                  (Lines{"yuv420_fast(raw,0) s1", "unimplemented"}));
         EXPECT_EQ(describe(k::planIsp(configuration, cap::LANCZOS_11)),
                   (Lines{"yuv420_lanczos(raw,0) s1", "unimplemented"}));
     }
@@ -218,8 +235,8 @@ void fillRamp(unsigned char* bytes, size_t count) {
 // Whether each byte of each buffer (guards included) was written: two runs over different poison
 // agree exactly on the bytes the kernels wrote and keep the poison everywhere else. A buffer that
 // is read but not written holds the same ramp in both runs, and must still hold it afterwards.
-void expectWrittenBytes(IspRig& rig, int configuration, cap::CUDADemosaicMode mode,
-                        const std::vector<size_t>& expected, const std::string& what) {
+void expectWrittenBytes(IspRig& rig, int configuration, cap::CUDADemosaicMode mode, const std::vector<size_t>& expected,
+                        const std::string& what) {
     const int preset = readButUnwritten(configuration, mode);
     std::vector<std::vector<unsigned char>> runs[2];
     for (int run = 0; run < 2; ++run) {
@@ -233,8 +250,10 @@ void expectWrittenBytes(IspRig& rig, int configuration, cap::CUDADemosaicMode mo
         if (static_cast<int>(k) == preset) {
             std::vector<unsigned char> ramp(rig.bufferBytes(k));
             fillRamp(ramp.data(), ramp.size());
-            ASSERT_TRUE(std::equal(ramp.begin(), ramp.end(), first.begin())) << what << " buffer " << k << " was written";
-            ASSERT_TRUE(std::equal(ramp.begin(), ramp.end(), second.begin())) << what << " buffer " << k << " was written";
+            ASSERT_TRUE(std::equal(ramp.begin(), ramp.end(), first.begin()))
+                << what << " buffer " << k << " was written";
+            ASSERT_TRUE(std::equal(ramp.begin(), ramp.end(), second.begin()))
+                << what << " buffer " << k << " was written";
             continue;
         }
         // The first byte whose state is not the expected one (written before expected[k], poison after).
@@ -244,8 +263,8 @@ void expectWrittenBytes(IspRig& rig, int configuration, cap::CUDADemosaicMode mo
         }
         ASSERT_EQ(i, second.size()) << what << " buffer " << k << ": byte " << i << " of " << rig.bufferBytes(k)
                                     << " (+" << IspRig::kGuardBytes << " guard) is "
-                                    << (first[i] == second[i] ? "written" : "unwritten") << ", expected "
-                                    << expected[k] << " bytes written";
+                                    << (first[i] == second[i] ? "written" : "unwritten") << ", expected " << expected[k]
+                                    << " bytes written";
     }
 }
 
@@ -293,7 +312,8 @@ TEST(UnknownConfiguration, ColourStageRunsThenTheMessageIsPrinted) {
             unknown.poison(0);
             testing::internal::CaptureStderr();
             unknown.run(mode);
-            EXPECT_EQ(testing::internal::GetCapturedStderr(), "Unimplemented CUDA kernel output format configuration!\n");
+            EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                      "Unimplemented CUDA kernel output format configuration!\n");
             const size_t bytes = static_cast<size_t>(size.width) * size.height * 3 / 2;
             EXPECT_TRUE(std::equal(unknown.buffer(0), unknown.buffer(0) + bytes, known.buffer(0)))
                 << "configuration " << configuration << " mode " << mode;
@@ -311,7 +331,8 @@ std::string thrownString(const std::function<void()>& body) {
 }
 
 TEST(HistogramScratch, OtherAlgorithmNamesThrowTheTextItselfAndLeaveNoSize) {
-    for (const char* name : {"DeviceHistogram::HistogramRange", "HistogramEven", "", "DeviceHistogram::HistogramEven "}) {
+    for (const char* name :
+         {"DeviceHistogram::HistogramRange", "HistogramEven", "", "DeviceHistogram::HistogramEven "}) {
         unsigned int size = 77;
         unsigned char* storage = nullptr;
         EXPECT_EQ(thrownString([&] { cap::allocateCUBBuffer(size, &storage, name, 336, 192); }),

@@ -66,8 +66,8 @@ Differences compare(const Bytes& gpu, const Bytes& host, size_t bytes, Agreement
 }
 
 // Reruns one launch of the plan on the host and compares what it wrote with the GPU's output.
-[[maybe_unused]] void expectLaunchMatches(IspRig& rig, const k::PlannedLaunch& launch, const Gammas& gammas, float threshold,
-                         const std::string& what) {
+[[maybe_unused]] void expectLaunchMatches(IspRig& rig, const k::PlannedLaunch& launch, const Gammas& gammas,
+                                          float threshold, const std::string& what) {
     const ProcessedSize size{rig.width(), rig.height()};
     std::vector<Bytes> host;
     std::vector<unsigned char*> targets;
@@ -79,15 +79,16 @@ Differences compare(const Bytes& gpu, const Bytes& host, size_t bytes, Agreement
         EXPECT_TRUE(std::equal(counted.begin(), counted.end(), rig.histogram())) << what;
         return;
     }
-    const cap::cudaKernelParams params{rig.raw(), size.width, size.height, gammas.r, gammas.g, gammas.b, gammas.cr, gammas.cb};
+    const cap::cudaKernelParams params{rig.raw(), size.width, size.height, gammas.r,
+                                       gammas.g,  gammas.b,   gammas.cr,   gammas.cb};
     k::runLaunchOnHost(launch, *k::findLaunchGeometry(size.width, size.height), params, targets.data(), threshold);
     for (int slot = 0; slot < 3; ++slot) {
         const int target = launch.outputs[slot];
         if (target == k::kNoTarget) continue;
         const size_t bytes = k::launchOutputBytes(launch, slot, size.width, size.height);
         const Agreement agreement = launch.step == 1 ? colourAgreement(launch.kernel, slot) : Agreement::kIdentical;
-        const Differences d = compare(rig.copy(target), host[target], bytes, agreement,
-                                      static_cast<size_t>(size.width) * size.height);
+        const Differences d =
+            compare(rig.copy(target), host[target], bytes, agreement, static_cast<size_t>(size.width) * size.height);
         EXPECT_EQ(d.beyondOneStep, 0u) << what << " target " << target;
         // A decision flips only where a value sits on a gate or threshold to within rounding.
         EXPECT_LE(d.decisions, bytes / 1000) << what << " target " << target;
@@ -113,8 +114,8 @@ TEST(CudaAgainstHost, EveryConfigurationModeAndSize) {
                 const k::IspPlan plan = k::planIsp(configuration, mode);
                 for (int i = 0; i < plan.count; ++i) {
                     expectLaunchMatches(rig, plan.launches[i], gammas, threshold,
-                                        sizeName(size) + " configuration " + std::to_string(configuration) +
-                                            " mode " + std::to_string(mode) + " launch " + std::to_string(i));
+                                        sizeName(size) + " configuration " + std::to_string(configuration) + " mode " +
+                                            std::to_string(mode) + " launch " + std::to_string(i));
                 }
             }
         }

@@ -1,10 +1,10 @@
 // Colour kernels: the fast-math helpers against the standard library, the YUV colour path of both
 // demosaic modes against a double-precision reference, the full-scale and zero edge cases, the
 // border rules, and the RGB outputs of the Bayer, no-demosaic and RGB-only kernels.
+#include "kernels/FastMath.h"
 #include "support/GpuPresence.h"
 #include "support/kernel_buffers.h"
 #include "support/kernel_reference.h"
-#include "kernels/FastMath.h"
 
 #include <gtest/gtest.h>
 
@@ -145,11 +145,13 @@ TEST_P(ColourPath, MatchesTheDoublePrecisionReferenceWithinOneStep) {
     for (unsigned ty = 0; ty < kSmall.height / 2; ++ty) {
         for (unsigned tx = 0; tx < quadsPerRow; ++tx) demosaiced.push_back(referenceDemosaic(mode, raw, tx, ty));
     }
-    for (const Gammas& gammas : {Gammas{}, Gammas{0.8f, 0.9f, 0.7f, 0.85f, 1.2f}, Gammas{2.2f, 1.6f, 0.45f, 1.0f, 0.9f}}) {
+    for (const Gammas& gammas :
+         {Gammas{}, Gammas{0.8f, 0.9f, 0.7f, 0.85f, 1.2f}, Gammas{2.2f, 1.6f, 0.45f, 1.0f, 0.9f}}) {
         rig.run(mode, gammas);
-        const Deviation deviation = compareYuv({rig.buffer(0), kSmall.width, kSmall.height}, [&](unsigned tx, unsigned ty) {
-            return referenceColourPath(demosaiced[static_cast<size_t>(ty) * quadsPerRow + tx], gammas);
-        });
+        const Deviation deviation =
+            compareYuv({rig.buffer(0), kSmall.width, kSmall.height}, [&](unsigned tx, unsigned ty) {
+                return referenceColourPath(demosaiced[static_cast<size_t>(ty) * quadsPerRow + tx], gammas);
+            });
         EXPECT_LE(deviation.largest, 1) << "gammas " << gammas.r << " " << gammas.g << " " << gammas.b;
         // Single-precision rounding flips a truncation now and then, not systematically.
         EXPECT_LT(deviation.inexact, deviation.compared / 100);
@@ -238,14 +240,16 @@ void expectBorderLines(CUDADemosaicMode mode, unsigned first, unsigned endX, uns
         int distinguished = 0;
         for (const auto& [tx, ty] : c.border) {
             const QuadYuv fallback = referenceColourPath(referenceFallback(raw, tx, ty), unit);
-            EXPECT_NEAR(image.y(2 * ty, 2 * tx), std::floor(fallback.y[0]), 1) << c.name << " border " << tx << "," << ty;
+            EXPECT_NEAR(image.y(2 * ty, 2 * tx), std::floor(fallback.y[0]), 1)
+                << c.name << " border " << tx << "," << ty;
         }
         for (const auto& [tx, ty] : c.interior) {
             const QuadYuv fallback = referenceColourPath(referenceFallback(raw, tx, ty), unit);
             const QuadYuv interpolated = referenceColourPath(referenceDemosaic(mode, raw, tx, ty), unit);
             if (std::abs(fallback.y[0] - interpolated.y[0]) < 3) continue;
             ++distinguished;
-            EXPECT_NEAR(image.y(2 * ty, 2 * tx), std::floor(interpolated.y[0]), 1) << c.name << " interior " << tx << "," << ty;
+            EXPECT_NEAR(image.y(2 * ty, 2 * tx), std::floor(interpolated.y[0]), 1)
+                << c.name << " interior " << tx << "," << ty;
         }
         EXPECT_GT(distinguished, 10) << c.name;
     }

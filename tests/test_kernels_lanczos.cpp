@@ -49,8 +49,8 @@ std::vector<Pattern> patterns() {
          [=](int dy, int dx) { return odd(dy) && !odd(dx); }, k::kLanczosLineNorm, 30},
         {"row", [](const Impulse& s) { return k::lanczosRowSum(s); },
          [=](int dy, int dx) { return !odd(dy) && odd(dx); }, k::kLanczosLineNorm, 30},
-        {"cross", [](const Impulse& s) { return k::lanczosCrossSum(s); },
-         [=](int dy, int dx) { return odd(dy + dx); }, k::kLanczosCrossNorm, 60},
+        {"cross", [](const Impulse& s) { return k::lanczosCrossSum(s); }, [=](int dy, int dx) { return odd(dy + dx); },
+         k::kLanczosCrossNorm, 60},
     };
 }
 
@@ -86,9 +86,7 @@ struct QuadImpulse {
     int siteY;
     int siteX;
     std::pair<int, int> hot;
-    float operator()(int dy, int dx) const {
-        return siteY + dy == hot.first && siteX + dx == hot.second ? 1.0f : 0.0f;
-    }
+    float operator()(int dy, int dx) const { return siteY + dy == hot.first && siteX + dx == hot.second ? 1.0f : 0.0f; }
 };
 
 TEST(LanczosTaps, AQuadReads140SamplesInATwelveSquareWithoutCorners) {

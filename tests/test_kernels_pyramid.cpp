@@ -27,8 +27,8 @@ struct Plane {
 };
 
 // Compares `height` x `width` bytes of `got` with expected(y, x); stops at the first difference.
-void expectPlane(const unsigned char* got, size_t width, size_t height, const std::function<int(size_t, size_t)>& expected,
-                 const std::string& what) {
+void expectPlane(const unsigned char* got, size_t width, size_t height,
+                 const std::function<int(size_t, size_t)>& expected, const std::string& what) {
     for (size_t y = 0; y < height; ++y) {
         for (size_t x = 0; x < width; ++x) {
             ASSERT_EQ(got[y * width + x], expected(y, x)) << what << " at " << x << "," << y;
@@ -43,13 +43,16 @@ void expectHalf(const unsigned char* full, const unsigned char* half, size_t wid
     const Plane y{full, width}, u{full + plane, width / 2}, v{full + plane + plane / 4, width / 2};
     auto quarterSum = [](const Plane& p, size_t row, size_t column) {
         return (p.at(2 * row, 2 * column) + p.at(2 * row, 2 * column + 1) + p.at(2 * row + 1, 2 * column) +
-                p.at(2 * row + 1, 2 * column + 1)) / 4;
+                p.at(2 * row + 1, 2 * column + 1)) /
+               4;
     };
-    expectPlane(half, width / 2, height / 2, [&](size_t r, size_t c) { return quarterSum(y, r, c); }, what + " Y");
-    expectPlane(half + plane / 4, width / 4, height / 4, [&](size_t r, size_t c) { return quarterSum(u, r, c); },
-                what + " U");
-    expectPlane(half + plane * 5 / 16, width / 4, height / 4, [&](size_t r, size_t c) { return quarterSum(v, r, c); },
-                what + " V");
+    expectPlane(
+        half, width / 2, height / 2, [&](size_t r, size_t c) { return quarterSum(y, r, c); }, what + " Y");
+    expectPlane(
+        half + plane / 4, width / 4, height / 4, [&](size_t r, size_t c) { return quarterSum(u, r, c); }, what + " U");
+    expectPlane(
+        half + plane * 5 / 16, width / 4, height / 4, [&](size_t r, size_t c) { return quarterSum(v, r, c); },
+        what + " V");
 }
 
 // Offset backward differences of the luma plane.
@@ -57,10 +60,12 @@ void expectGradients(const unsigned char* luma, const unsigned char* gx, const u
                      size_t height, const std::string& what) {
     const Plane in{luma, width};
     auto offset = [](int difference) { return std::clamp(127 + difference, 0, 255); };
-    expectPlane(gx, width, height, [&](size_t r, size_t c) { return offset(c == 0 ? 0 : in.at(r, c) - in.at(r, c - 1)); },
-                what + " gx");
-    expectPlane(gy, width, height, [&](size_t r, size_t c) { return offset(r == 0 ? 0 : in.at(r, c) - in.at(r - 1, c)); },
-                what + " gy");
+    expectPlane(
+        gx, width, height, [&](size_t r, size_t c) { return offset(c == 0 ? 0 : in.at(r, c) - in.at(r, c - 1)); },
+        what + " gx");
+    expectPlane(
+        gy, width, height, [&](size_t r, size_t c) { return offset(r == 0 ? 0 : in.at(r, c) - in.at(r - 1, c)); },
+        what + " gy");
 }
 
 // The orientation byte from a double-precision angle.
@@ -78,7 +83,8 @@ void expectMagnitudes(const unsigned char* luma, const unsigned char* magnitude,
             // Single precision may land on either side of an integer that the exact angle touches.
             const double angle = std::max(0.0, orientationValue(dx, dy));
             const double tolerance = std::abs(angle - std::round(angle)) < 1e-4 ? 1.0 : 0.0;
-            ASSERT_NEAR(orientation[r * width + c], std::floor(angle), tolerance) << what << " orientation at " << c << "," << r;
+            ASSERT_NEAR(orientation[r * width + c], std::floor(angle), tolerance)
+                << what << " orientation at " << c << "," << r;
         }
     }
 }
@@ -133,21 +139,27 @@ TEST_P(Levels, SkinLevelsReduceByFourThenErode) {
     rig.run(BILINEAR_5);
     const Plane skin{rig.buffer(3), size.width / 2};
     const Plane eighth{rig.buffer(5), size.width / 8};
-    expectPlane(rig.buffer(5), size.width / 8, size.height / 8, [&](size_t r, size_t c) {
-        int sum = 0;
-        for (size_t i = 0; i < 4; ++i) {
-            for (size_t j = 0; j < 4; ++j) sum += skin.at(4 * r + i, 4 * c + j);
-        }
-        return sum / 16;
-    }, "eighth");
+    expectPlane(
+        rig.buffer(5), size.width / 8, size.height / 8,
+        [&](size_t r, size_t c) {
+            int sum = 0;
+            for (size_t i = 0; i < 4; ++i) {
+                for (size_t j = 0; j < 4; ++j) sum += skin.at(4 * r + i, 4 * c + j);
+            }
+            return sum / 16;
+        },
+        "eighth");
     int survivors = 0;
-    expectPlane(rig.buffer(6), size.width / 16, size.height / 16, [&](size_t r, size_t c) {
-        const int a = eighth.at(2 * r, 2 * c), b = eighth.at(2 * r, 2 * c + 1), d = eighth.at(2 * r + 1, 2 * c),
-                  e = eighth.at(2 * r + 1, 2 * c + 1);
-        const bool eroded = a == 0 || b == 0 || d == 0 || e == 0;
-        survivors += !eroded;
-        return eroded ? 0 : (a + b + d + e) / 4;
-    }, "sixteenth");
+    expectPlane(
+        rig.buffer(6), size.width / 16, size.height / 16,
+        [&](size_t r, size_t c) {
+            const int a = eighth.at(2 * r, 2 * c), b = eighth.at(2 * r, 2 * c + 1), d = eighth.at(2 * r + 1, 2 * c),
+                      e = eighth.at(2 * r + 1, 2 * c + 1);
+            const bool eroded = a == 0 || b == 0 || d == 0 || e == 0;
+            survivors += !eroded;
+            return eroded ? 0 : (a + b + d + e) / 4;
+        },
+        "sixteenth");
     EXPECT_GT(survivors, 0) << "the frame should leave some whole skin blocks";
     expectHalf(rig.buffer(0), rig.buffer(1), size.width, size.height, "half");
     expectHalf(rig.buffer(1), rig.buffer(2), size.width / 2, size.height / 2, "quarter");
@@ -193,8 +205,8 @@ TEST(GradientArithmetic, ConstantImagesAndVerticalEdges) {
     for (unsigned ty = 0; ty < h / 4; ++ty) {
         for (unsigned tx = 0; tx < w / 4; ++tx) constant(tx, ty);
     }
-    EXPECT_EQ(gx[3 * w + 5], 255);   // rising edge, across a block boundary of the thread grid
-    EXPECT_EQ(gx[3 * w + 10], 0);    // falling edge
+    EXPECT_EQ(gx[3 * w + 5], 255);  // rising edge, across a block boundary of the thread grid
+    EXPECT_EQ(gx[3 * w + 10], 0);   // falling edge
     EXPECT_EQ(gx[3 * w + 7], 127);
     EXPECT_EQ(gy[3 * w + 5], 127);
 }
@@ -203,16 +215,16 @@ TEST(GradientArithmetic, MagnitudeWrapsAboveTheByteRange) {
     EXPECT_EQ(k::magnitudeByte(255, 255), 209);  // 2 sqrt(130050) = 721.2, 721 - 512
     EXPECT_EQ(k::magnitudeByte(3, 4), 10);
     EXPECT_EQ(k::magnitudeByte(0, 0), 0);
-    EXPECT_EQ(k::magnitudeByte(128, 0), 0);     // 256 wraps to 0
+    EXPECT_EQ(k::magnitudeByte(128, 0), 0);  // 256 wraps to 0
     EXPECT_EQ(k::magnitudeByte(-127, 0), 254);
 }
 
 TEST(GradientArithmetic, OrientationQuantisesTheAngleWithTheShortPiDivisor) {
     EXPECT_EQ(k::orientationByte(0, 0), 127);
     EXPECT_EQ(k::orientationByte(5, 0), 127);
-    EXPECT_EQ(k::orientationByte(0, 5), 191);   // pi/2: 64.00005 + 127
-    EXPECT_EQ(k::orientationByte(0, -5), 62);   // -pi/2: 127 - 64.00005
-    EXPECT_EQ(k::orientationByte(-5, 0), 255);  // pi: 128.0001 + 127
+    EXPECT_EQ(k::orientationByte(0, 5), 191);    // pi/2: 64.00005 + 127
+    EXPECT_EQ(k::orientationByte(0, -5), 62);    // -pi/2: 127 - 64.00005
+    EXPECT_EQ(k::orientationByte(-5, 0), 255);   // pi: 128.0001 + 127
     EXPECT_EQ(k::orientationByte(-100, -1), 0);  // just above -pi: -0.6, clamped to 0
     EXPECT_EQ(k::orientationByte(-5, -1), 7);    // -2.944 rad: 7.04
     // Exact angles such as 0, pi/4 and pi/2 sit next to an integer; there single precision may

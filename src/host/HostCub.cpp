@@ -29,8 +29,7 @@ void countSlice(const unsigned char* samples, int begin, int end, int* counts, i
 
 cudaError_t DeviceHistogram::HistogramEven(void* d_temp_storage, size_t& temp_storage_bytes,
                                            const unsigned char* d_samples, int* d_histogram, int num_levels,
-                                           int lower_level, int upper_level, int num_samples, cudaStream_t,
-                                           bool) {
+                                           int lower_level, int upper_level, int num_samples, cudaStream_t, bool) {
     if (num_levels < 2 || upper_level <= lower_level || num_samples < 0) return cudaErrorInvalidValue;
     const int bins = num_levels - 1;
     if (d_temp_storage == nullptr) {

@@ -15,7 +15,8 @@ namespace kernels {
 
 // Bilinear mode: interior quads are those at least one quad from every edge.
 struct BilinearMode {
-    __host__ __device__ __forceinline__ static bool isBorder(unsigned tx, unsigned ty, unsigned width, unsigned height) {
+    __host__ __device__ __forceinline__ static bool isBorder(unsigned tx, unsigned ty, unsigned width,
+                                                             unsigned height) {
         return isBilinearBorder(tx, ty, width, height);
     }
     __host__ __device__ __forceinline__ static QuadRgb interior(const RawWindow& s) { return bilinearQuad(s); }
@@ -24,7 +25,8 @@ struct BilinearMode {
 
 // Lanczos mode: interior quads are those whose top-left sample is at least nine from the edges.
 struct LanczosMode {
-    __host__ __device__ __forceinline__ static bool isBorder(unsigned tx, unsigned ty, unsigned width, unsigned height) {
+    __host__ __device__ __forceinline__ static bool isBorder(unsigned tx, unsigned ty, unsigned width,
+                                                             unsigned height) {
         return isLanczosBorder(tx, ty, width, height);
     }
     __host__ __device__ __forceinline__ static QuadRgb interior(const RawWindow& s) { return lanczosQuad(s); }
@@ -68,8 +70,8 @@ struct ColourKernel {
 // YUV420p image of the quad (target 0 of every colour kernel that writes YUV).
 struct YuvSink {
     unsigned char* yuv;
-    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty, const RawWindow&,
-                                        const QuadRgb& quad) const {
+    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty,
+                                                        const RawWindow&, const QuadRgb& quad) const {
         storeYuvQuad(yuv, p.width, p.height, tx, ty, colourQuad(quad, gammasOf(p)));
     }
 };
@@ -79,8 +81,8 @@ struct YuvSink {
 struct BggrSink {
     unsigned char* yuv;
     unsigned char* mosaic;
-    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty, const RawWindow& s,
-                                        const QuadRgb& quad) const {
+    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty,
+                                                        const RawWindow& s, const QuadRgb& quad) const {
         YuvSink{yuv}(p, tx, ty, s, quad);
         unsigned char* row0 = mosaic + (2 * static_cast<size_t>(ty) * p.width + 2 * static_cast<size_t>(tx)) * 3;
         unsigned char* row1 = row0 + static_cast<size_t>(p.width) * 3;
@@ -92,8 +94,8 @@ struct BggrSink {
 // RGB24 of the interpolated quad, without exponents or clamping.
 struct RgbSink {
     unsigned char* rgb;
-    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty, const RawWindow&,
-                                        const QuadRgb& quad) const {
+    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty,
+                                                        const RawWindow&, const QuadRgb& quad) const {
         storeRgbQuad(rgb, p.width, tx, ty, quad);
     }
 };
@@ -102,8 +104,8 @@ struct RgbSink {
 struct RgbAndYuvSink {
     unsigned char* rgb;
     unsigned char* yuv;
-    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty, const RawWindow& s,
-                                        const QuadRgb& quad) const {
+    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty,
+                                                        const RawWindow& s, const QuadRgb& quad) const {
         RgbSink{rgb}(p, tx, ty, s, quad);
         YuvSink{yuv}(p, tx, ty, s, quad);
     }

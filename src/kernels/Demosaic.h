@@ -34,8 +34,7 @@ __host__ __device__ __forceinline__ RawWindow quadWindow(const cudaKernelParams&
 
 // Border quads of the bilinear mode: the first row and column of quads and the last ones, where
 // the 6 x 6 neighbourhood would leave the frame. Halvings are unsigned.
-__host__ __device__ __forceinline__ bool isBilinearBorder(unsigned tx, unsigned ty, unsigned width,
-                                                          unsigned height) {
+__host__ __device__ __forceinline__ bool isBilinearBorder(unsigned tx, unsigned ty, unsigned width, unsigned height) {
     return 2 * ty < 2 || 2 * tx < 2 || ty >= (height - 1) / 2 || tx >= (width - 1) / 2;
 }
 
@@ -94,8 +93,7 @@ __host__ __device__ __forceinline__ QuadRgb bilinearQuad(const RawWindow& s) {
 }
 
 // The bilinear demosaic of the quad of thread (tx, ty), border rule included.
-__host__ __device__ __forceinline__ QuadRgb bilinearDemosaic(const cudaKernelParams& params, unsigned tx,
-                                                             unsigned ty) {
+__host__ __device__ __forceinline__ QuadRgb bilinearDemosaic(const cudaKernelParams& params, unsigned tx, unsigned ty) {
     const RawWindow s = quadWindow(params, tx, ty);
     return isBilinearBorder(tx, ty, params.width, params.height) ? fallbackQuad(s) : bilinearQuad(s);
 }

@@ -45,7 +45,8 @@ __forceinline__ float log2Positive(float x) {
     const float m = bitsFloat(bits - (static_cast<uint32_t>(exponent) << 23));
     const float t = (m - 1.0f) / (m + 1.0f);
     const float t2 = t * t;
-    return static_cast<float>(exponent) + t * (2.8853900817779268f + t2 * (0.9617966939259756f + t2 * 0.5770780163555854f));
+    return static_cast<float>(exponent) +
+           t * (2.8853900817779268f + t2 * (0.9617966939259756f + t2 * 0.5770780163555854f));
 }
 
 // 2^x: x = n + f with n the nearest integer and |f| <= 1/2; 2^f = 1 + f q(f) with q a degree-4

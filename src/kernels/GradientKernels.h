@@ -107,9 +107,15 @@ struct EdgeBlockKernel {
 
     Blocks blocks;
 
-    __host__ __device__ __forceinline__ void operator()(unsigned tx, unsigned ty) const { blocks.template apply<true>(tx, ty); }
-    __host__ __device__ __forceinline__ void border(unsigned tx, unsigned ty) const { blocks.template apply<true>(tx, ty); }
-    __host__ __device__ __forceinline__ void interior(unsigned tx, unsigned ty) const { blocks.template apply<false>(tx, ty); }
+    __host__ __device__ __forceinline__ void operator()(unsigned tx, unsigned ty) const {
+        blocks.template apply<true>(tx, ty);
+    }
+    __host__ __device__ __forceinline__ void border(unsigned tx, unsigned ty) const {
+        blocks.template apply<true>(tx, ty);
+    }
+    __host__ __device__ __forceinline__ void interior(unsigned tx, unsigned ty) const {
+        blocks.template apply<false>(tx, ty);
+    }
     IndexRange interiorColumns() const { return {1, static_cast<unsigned>(blocks.width) / 4}; }
     IndexRange interiorRows() const { return {1, static_cast<unsigned>(blocks.height) / 4}; }
 };

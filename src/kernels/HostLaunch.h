@@ -17,12 +17,13 @@ namespace kernels {
 
 // Runs every grid launch of the plan kind; the histogram (KernelId::histogram_even) is the
 // dispatcher's and is not run here.
-inline void runLaunchOnHost(const PlannedLaunch& launch, const LaunchGeometry& geometry,
-                            const cudaKernelParams& params, unsigned char** targets, float colorModelThreshold) {
+inline void runLaunchOnHost(const PlannedLaunch& launch, const LaunchGeometry& geometry, const cudaKernelParams& params,
+                            unsigned char** targets, float colorModelThreshold) {
     if (launch.kernel == KernelId::histogram_even) return;
     const Extent2 threads = geometry.shape(launch.step).threads();
     unsigned char* out[3];
-    for (int slot = 0; slot < 3; ++slot) out[slot] = launch.outputs[slot] == kNoTarget ? nullptr : targets[launch.outputs[slot]];
+    for (int slot = 0; slot < 3; ++slot)
+        out[slot] = launch.outputs[slot] == kNoTarget ? nullptr : targets[launch.outputs[slot]];
     const unsigned char* in = launch.input == kNoTarget ? nullptr : targets[launch.input];
     const int w = static_cast<int>(params.width >> launch.inputShift);
     const int h = static_cast<int>(params.height >> launch.inputShift);

@@ -119,8 +119,8 @@ __host__ __device__ __forceinline__ bool isLanczosBorder(unsigned tx, unsigned t
 
 // Lanczos interpolation of an interior quad from windows on its four sites.
 template <class Sampler>
-__host__ __device__ __forceinline__ QuadRgb lanczosQuadAt(const Sampler& atB, const Sampler& atG1,
-                                                          const Sampler& atG2, const Sampler& atR) {
+__host__ __device__ __forceinline__ QuadRgb lanczosQuadAt(const Sampler& atB, const Sampler& atG1, const Sampler& atG2,
+                                                          const Sampler& atR) {
     QuadRgb q;
     q.b[kSiteB] = atB(0, 0);
     q.g[kSiteB] = approxDivide(lanczosCrossSum(atB), kLanczosCrossNorm);
@@ -145,8 +145,7 @@ __host__ __device__ __forceinline__ QuadRgb lanczosQuad(const RawWindow& s) {
 }
 
 // The Lanczos demosaic of the quad of thread (tx, ty), border rule included.
-__host__ __device__ __forceinline__ QuadRgb lanczosDemosaic(const cudaKernelParams& params, unsigned tx,
-                                                            unsigned ty) {
+__host__ __device__ __forceinline__ QuadRgb lanczosDemosaic(const cudaKernelParams& params, unsigned tx, unsigned ty) {
     const RawWindow s = quadWindow(params, tx, ty);
     return isLanczosBorder(tx, ty, params.width, params.height) ? fallbackQuad(s) : lanczosQuad(s);
 }

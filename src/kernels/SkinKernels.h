@@ -12,9 +12,7 @@ namespace kernels {
 // Signed closeness of x to the inclusive band [low, high]: >= 0 inside, < 0 outside. The sign of
 // the product is exact, and a band test written as one comparison keeps the host loop free of
 // branches that the compiler would otherwise build from chained comparisons.
-__host__ __device__ __forceinline__ float bandMargin(float x, float low, float high) {
-    return (x - low) * (high - x);
-}
+__host__ __device__ __forceinline__ float bandMargin(float x, float low, float high) { return (x - low) * (high - x); }
 
 __host__ __device__ __forceinline__ float minOf(float a, float b) { return a < b ? a : b; }
 
@@ -97,8 +95,8 @@ __host__ __device__ __forceinline__ unsigned char skinLuminance(const YuvQuad& q
 struct SegmentSkinSink {
     unsigned char* yuv;
     unsigned char* skin;
-    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty, const RawWindow&,
-                                        const QuadRgb& rgb) const {
+    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty,
+                                                        const RawWindow&, const QuadRgb& rgb) const {
         const YuvQuad quad = colourQuad(rgb, gammasOf(p));
         storeYuvQuad(yuv, p.width, p.height, tx, ty, quad);
         storeLumaQuad(skin, p.width, tx, ty, quad);
@@ -114,8 +112,8 @@ struct SkinHistogramSink {
     unsigned char* yuv;
     unsigned char* skinY;
     float threshold;
-    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty, const RawWindow&,
-                                        const QuadRgb& rgb) const {
+    __host__ __device__ __forceinline__ void operator()(const cudaKernelParams& p, unsigned tx, unsigned ty,
+                                                        const RawWindow&, const QuadRgb& rgb) const {
         const YuvQuad quad = colourQuad(rgb, gammasOf(p));
         storeYuvQuad(yuv, p.width, p.height, tx, ty, quad);
         skinY[static_cast<size_t>(ty) * (p.width / 2) + static_cast<size_t>(tx)] = skinLuminance(quad, threshold);

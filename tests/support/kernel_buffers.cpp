@@ -86,9 +86,7 @@ void IspRig::poison(unsigned char value) {
     for (size_t k = 0; k < _buffers.size(); ++k) std::memset(_buffers[k], value, _bytes[k] + kGuardBytes);
 }
 
-void IspRig::fillRaw(const std::vector<uint16_t>& samples) {
-    std::copy(samples.begin(), samples.end(), _raw);
-}
+void IspRig::fillRaw(const std::vector<uint16_t>& samples) { std::copy(samples.begin(), samples.end(), _raw); }
 
 void IspRig::run(capture::CUDADemosaicMode mode, const Gammas& gammas, float colorModelThreshold) {
     capture::cudaISP(_stream, _configuration, _buffers.size(), mode, _raw, _buffers.data(), _extra.data(),

@@ -1,0 +1,79 @@
+// Throughput of the image pipeline: one cudaISP run (and its stream synchronisation) for every
+// output configuration, both demosaic modes and the four processed sizes, on one thread and on all
+// threads (host build; the CUDA build runs on the GPU whatever the thread count). Names read
+// pipeline/<configuration>/<mode>/<size>/threads:<n>; filter with --benchmark_filter.
+#include "support/GpuPresence.h"
+#include "support/kernel_buffers.h"
+
+#include <benchmark/benchmark.h>
+#include <omp.h>
+
+#include <memory>
+#include <string>
+
+namespace {
+
+using namespace ruvo::test;
+namespace cap = ruvo::capture;
+
+const char* const kConfigurationNames[] = {"YUV_ONLY",
+                                           "YUV_2",
+                                           "YUV_2_4_SKIN_HISTOGRAM",
+                                           "YUV_2_4",
+                                           "YUV_SKIN",
+                                           "YUV_GRADIENT",
+                                           "YUV_2_4_GRADIENT",
+                                           "YUV_2_4_GRADIENT_2_4",
+                                           "YUV_2_GRADIENT_VECTOR_2",
+                                           "BGGR",
+                                           "NO_DEMOSAIC_RGB",
+                                           "RGB_ONLY"};
+
+void runPipeline(benchmark::State& state, int configuration, cap::CUDADemosaicMode mode, ProcessedSize size,
+                 int threads) {
+    std::string reason;
+    if (!cudaDeviceAvailable(&reason)) {
+        state.SkipWithError(reason.c_str());
+        return;
+    }
+    omp_set_num_threads(threads);
+    IspRig rig(configuration, size);
+    rig.fillRaw(colourFrame(size.width, size.height, 614, 409, 307, 300, 1));
+    const Gammas gammas{0.8f, 0.8f, 0.8f, 0.9f, 0.9f};
+    rig.run(mode, gammas);  // first touch of every buffer outside the timing
+    for (auto _ : state) rig.run(mode, gammas);
+    state.counters["frames/s"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["Mpixel/s"] = benchmark::Counter(
+        static_cast<double>(state.iterations()) * size.width * size.height / 1e6, benchmark::Counter::kIsRate);
+}
+
+void registerAll() {
+    const int allThreads = omp_get_num_procs();
+    for (int configuration = 0; configuration < 12; ++configuration) {
+        for (cap::CUDADemosaicMode mode : {cap::BILINEAR_5, cap::LANCZOS_11}) {
+            for (const ProcessedSize& size : supportedSizes()) {
+                for (int threads : {1, allThreads}) {
+                    const std::string name = std::string("pipeline/") + kConfigurationNames[configuration] + "/" +
+                                             (mode == cap::BILINEAR_5 ? "BILINEAR_5" : "LANCZOS_11") + "/" +
+                                             sizeName(size) + "/threads:" + std::to_string(threads);
+                    benchmark::RegisterBenchmark(name.c_str(), runPipeline, configuration, mode, size, threads)
+                        ->Unit(benchmark::kMillisecond)
+                        ->UseRealTime();
+                    if (allThreads == 1) break;
+                }
+            }
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    registerAll();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
