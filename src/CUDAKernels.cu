@@ -9,6 +9,7 @@
 #include "kernels/ColourKernels.h"
 #include "kernels/CubHistogram.h"
 #include "kernels/GradientKernels.h"
+#include "kernels/IspDispatch.h"
 #include "kernels/IspPlan.h"
 #include "kernels/LaunchGeometry.h"
 #include "kernels/PyramidKernels.h"
@@ -16,9 +17,7 @@
 
 #include <cub/device/device_histogram.cuh>
 
-#include <cassert>
 #include <cstring>
-#include <iostream>
 #include <string>
 
 namespace ruvo {
@@ -102,17 +101,6 @@ cudaError_t DeviceHistogram::HistogramEven(void* d_temp_storage, size_t& temp_st
                                                  lower_level, upper_level, num_samples, stream);
 }
 
-cudaError_t DeviceHistogram::HistogramEven(void* d_temp_storage, unsigned int& temp_storage_bytes,
-                                           const unsigned char* d_samples, int* d_histogram, int num_levels,
-                                           int lower_level, int upper_level, int num_samples, cudaStream_t stream,
-                                           bool debug_synchronous) {
-    size_t bytes = temp_storage_bytes;
-    const cudaError_t result = HistogramEven(d_temp_storage, bytes, d_samples, d_histogram, num_levels, lower_level,
-                                             upper_level, num_samples, stream, debug_synchronous);
-    temp_storage_bytes = static_cast<unsigned int>(bytes);
-    return result;
-}
-
 }  // namespace cub
 
 namespace {
@@ -125,42 +113,38 @@ void enqueueLaunch(const kernels::PlannedLaunch& launch, const kernels::LaunchGe
     const kernels::LaunchShape shape = geometry.shape(launch.step);
     const dim3 grid(shape.grid.x, shape.grid.y, 1);
     const dim3 block(shape.block.x, shape.block.y, 1);
-    unsigned char* out[3];
-    for (int slot = 0; slot < 3; ++slot) {
-        out[slot] = launch.outputs[slot] == kernels::kNoTarget ? nullptr : targets[launch.outputs[slot]];
-    }
-    const unsigned char* in = launch.input == kernels::kNoTarget ? nullptr : targets[launch.input];
-    const int w = static_cast<int>(params.width >> launch.inputShift);
-    const int h = static_cast<int>(params.height >> launch.inputShift);
+    const kernels::LaunchArguments a = kernels::launchArguments(launch, targets, params.width, params.height);
     switch (launch.kernel) {
         case KernelId::yuv420_fast:
-            return yuv420_fast<<<grid, block, 0, stream>>>(params, out[0]);
+            return yuv420_fast<<<grid, block, 0, stream>>>(params, a.out[0]);
         case KernelId::yuv420_lanczos:
-            return yuv420_lanczos<<<grid, block, 0, stream>>>(params, out[0]);
+            return yuv420_lanczos<<<grid, block, 0, stream>>>(params, a.out[0]);
         case KernelId::yuv420_fast_bggr:
-            return yuv420_fast_bggr<<<grid, block, 0, stream>>>(params, out[0], out[1]);
+            return yuv420_fast_bggr<<<grid, block, 0, stream>>>(params, a.out[0], a.out[1]);
         case KernelId::yuv420_rgb_only:
-            return yuv420_rgb_only<<<grid, block, 0, stream>>>(params, out[0]);
+            return yuv420_rgb_only<<<grid, block, 0, stream>>>(params, a.out[0]);
         case KernelId::yuv420_no_demosaic_rgb:
-            return yuv420_no_demosaic_rgb<<<grid, block, 0, stream>>>(params, out[0], out[1]);
+            return yuv420_no_demosaic_rgb<<<grid, block, 0, stream>>>(params, a.out[0], a.out[1]);
         case KernelId::yuv420_fast_segment_skin:
-            return yuv420_fast_segment_skin<<<grid, block, 0, stream>>>(params, out[0], out[1]);
+            return yuv420_fast_segment_skin<<<grid, block, 0, stream>>>(params, a.out[0], a.out[1]);
         case KernelId::yuv420_fast_skin_histogram:
-            return yuv420_fast_skin_histogram<<<grid, block, 0, stream>>>(params, out[0], out[1], threshold);
+            return yuv420_fast_skin_histogram<<<grid, block, 0, stream>>>(params, a.out[0], a.out[1], threshold);
         case KernelId::step_down_YUV:
-            return step_down_YUV<<<grid, block, 0, stream>>>(in, w, h, out[0]);
+            return step_down_YUV<<<grid, block, 0, stream>>>(a.in, a.width, a.height, a.out[0]);
         case KernelId::step_down_Y_twice:
-            return step_down_Y_twice<<<grid, block, 0, stream>>>(in, w, h, out[0]);
+            return step_down_Y_twice<<<grid, block, 0, stream>>>(a.in, a.width, a.height, a.out[0]);
         case KernelId::step_down_erode_Y:
-            return step_down_erode_Y<<<grid, block, 0, stream>>>(in, w, h, out[0]);
+            return step_down_erode_Y<<<grid, block, 0, stream>>>(a.in, a.width, a.height, a.out[0]);
         case KernelId::gradient:
-            return gradient<<<grid, block, 0, stream>>>(in, w, h, out[0], out[1]);
+            return gradient<<<grid, block, 0, stream>>>(a.in, a.width, a.height, a.out[0], a.out[1]);
         case KernelId::gradient_magnitude:
-            return gradient_magnitude<<<grid, block, 0, stream>>>(in, w, h, out[0], out[1]);
+            return gradient_magnitude<<<grid, block, 0, stream>>>(a.in, a.width, a.height, a.out[0], a.out[1]);
         case KernelId::step_down_YUV_and_gradient:
-            return step_down_YUV_and_gradient<<<grid, block, 0, stream>>>(in, w, h, out[0], out[1], out[2]);
+            return step_down_YUV_and_gradient<<<grid, block, 0, stream>>>(a.in, a.width, a.height, a.out[0], a.out[1],
+                                                                          a.out[2]);
         case KernelId::step_down_YUV_and_gradient_magnitude:
-            return step_down_YUV_and_gradient_magnitude<<<grid, block, 0, stream>>>(in, w, h, out[0], out[1], out[2]);
+            return step_down_YUV_and_gradient_magnitude<<<grid, block, 0, stream>>>(a.in, a.width, a.height, a.out[0],
+                                                                                    a.out[1], a.out[2]);
         case KernelId::histogram_even:
             return;
     }
@@ -185,19 +169,13 @@ void cudaISP(cudaStream_t& stream, int outputBufferConfiguration, size_t /*nTarg
              const unsigned short* sbggr, unsigned char** targets, unsigned char*** extra, int** extraLengths,
              unsigned int width, unsigned int height, float gammaR, float gammaG, float gammaB, float gammaCr,
              float gammaCb, float colorModelThreshold) {
-    const kernels::LaunchGeometry* geometry = kernels::findLaunchGeometry(width, height);
-    if (geometry == nullptr) assert(false && (width || height));
     const cudaKernelParams params{sbggr, width, height, gammaR, gammaG, gammaB, gammaCr, gammaCb};
-    const kernels::IspPlan plan = kernels::planIsp(outputBufferConfiguration, demosaicMode);
-    for (int i = 0; i < plan.count; ++i) {
-        const kernels::PlannedLaunch& launch = plan.launches[i];
-        if (launch.kernel == kernels::KernelId::histogram_even) {
-            histogramOfSkinLuminance(stream, targets, extra, extraLengths, width, height);
-        } else {
-            enqueueLaunch(launch, *geometry, params, targets, colorModelThreshold, stream);
-        }
-    }
-    if (plan.unimplemented) std::cerr << "Unimplemented CUDA kernel output format configuration!" << std::endl;
+    kernels::dispatchIsp(
+        outputBufferConfiguration, demosaicMode, width, height,
+        [&](const kernels::PlannedLaunch& launch, const kernels::LaunchGeometry& geometry) {
+            enqueueLaunch(launch, geometry, params, targets, colorModelThreshold, stream);
+        },
+        [&] { histogramOfSkinLuminance(stream, targets, extra, extraLengths, width, height); });
 }
 
 void allocateCUBBuffer(unsigned int& temp_size, unsigned char** temp_storage, const char* algorithm, int width,

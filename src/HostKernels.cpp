@@ -9,12 +9,11 @@
 #include "CUDAUtils.h"
 #include "kernels/CubHistogram.h"
 #include "kernels/HostLaunch.h"
+#include "kernels/IspDispatch.h"
 #include "kernels/IspPlan.h"
 #include "kernels/LaunchGeometry.h"
 
-#include <cassert>
 #include <cstring>
-#include <iostream>
 #include <string>
 
 namespace ruvo {
@@ -41,19 +40,13 @@ void cudaISP(cudaStream_t& stream, int outputBufferConfiguration, size_t /*nTarg
              const unsigned short* sbggr, unsigned char** targets, unsigned char*** extra, int** extraLengths,
              unsigned int width, unsigned int height, float gammaR, float gammaG, float gammaB, float gammaCr,
              float gammaCb, float colorModelThreshold) {
-    const kernels::LaunchGeometry* geometry = kernels::findLaunchGeometry(width, height);
-    if (geometry == nullptr) assert(false && (width || height));
     const cudaKernelParams params{sbggr, width, height, gammaR, gammaG, gammaB, gammaCr, gammaCb};
-    const kernels::IspPlan plan = kernels::planIsp(outputBufferConfiguration, demosaicMode);
-    for (int i = 0; i < plan.count; ++i) {
-        const kernels::PlannedLaunch& launch = plan.launches[i];
-        if (launch.kernel == kernels::KernelId::histogram_even) {
-            histogramOfSkinLuminance(stream, targets, extra, extraLengths, width, height);
-        } else {
-            kernels::runLaunchOnHost(launch, *geometry, params, targets, colorModelThreshold);
-        }
-    }
-    if (plan.unimplemented) std::cerr << "Unimplemented CUDA kernel output format configuration!" << std::endl;
+    kernels::dispatchIsp(
+        outputBufferConfiguration, demosaicMode, width, height,
+        [&](const kernels::PlannedLaunch& launch, const kernels::LaunchGeometry& geometry) {
+            kernels::runLaunchOnHost(launch, geometry, params, targets, colorModelThreshold);
+        },
+        [&] { histogramOfSkinLuminance(stream, targets, extra, extraLengths, width, height); });
 }
 
 void allocateCUBBuffer(unsigned int& temp_size, unsigned char** temp_storage, const char* algorithm, int width,

@@ -53,17 +53,6 @@ cudaError_t DeviceHistogram::HistogramEven(void* d_temp_storage, size_t& temp_st
     return cudaSuccess;
 }
 
-cudaError_t DeviceHistogram::HistogramEven(void* d_temp_storage, unsigned int& temp_storage_bytes,
-                                           const unsigned char* d_samples, int* d_histogram, int num_levels,
-                                           int lower_level, int upper_level, int num_samples, cudaStream_t stream,
-                                           bool debug_synchronous) {
-    size_t bytes = temp_storage_bytes;
-    const cudaError_t result = HistogramEven(d_temp_storage, bytes, d_samples, d_histogram, num_levels, lower_level,
-                                             upper_level, num_samples, stream, debug_synchronous);
-    temp_storage_bytes = static_cast<unsigned int>(bytes);
-    return result;
-}
-
 }  // namespace cub
 }  // namespace capture
 }  // namespace ruvo

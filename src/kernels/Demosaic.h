@@ -92,12 +92,6 @@ __host__ __device__ __forceinline__ QuadRgb bilinearQuad(const RawWindow& s) {
     return q;
 }
 
-// The bilinear demosaic of the quad of thread (tx, ty), border rule included.
-__host__ __device__ __forceinline__ QuadRgb bilinearDemosaic(const cudaKernelParams& params, unsigned tx, unsigned ty) {
-    const RawWindow s = quadWindow(params, tx, ty);
-    return isBilinearBorder(tx, ty, params.width, params.height) ? fallbackQuad(s) : bilinearQuad(s);
-}
-
 }  // namespace kernels
 }  // namespace capture
 }  // namespace ruvo

@@ -129,6 +129,26 @@ inline IspPlan planIsp(int configuration, CUDADemosaicMode mode) {
     return plan;
 }
 
+// The pointers and input size a launch is called with, from the call's targets and processed size.
+struct LaunchArguments {
+    const unsigned char* in;  // null for the raw frame
+    int width;                // of the input
+    int height;
+    unsigned char* out[3];  // null where the launch has no such output
+};
+
+inline LaunchArguments launchArguments(const PlannedLaunch& launch, unsigned char** targets, unsigned width,
+                                       unsigned height) {
+    LaunchArguments arguments{};
+    arguments.in = launch.input == kNoTarget ? nullptr : targets[launch.input];
+    arguments.width = static_cast<int>(width >> launch.inputShift);
+    arguments.height = static_cast<int>(height >> launch.inputShift);
+    for (int slot = 0; slot < 3; ++slot) {
+        arguments.out[slot] = launch.outputs[slot] == kNoTarget ? nullptr : targets[launch.outputs[slot]];
+    }
+    return arguments;
+}
+
 // Bytes written into output `slot` of a launch, for a processed size of width x height.
 inline size_t launchOutputBytes(const PlannedLaunch& launch, int slot, unsigned width, unsigned height) {
     const size_t w = width >> launch.inputShift;

@@ -144,12 +144,6 @@ __host__ __device__ __forceinline__ QuadRgb lanczosQuad(const RawWindow& s) {
     return lanczosQuadAt(s, s.shifted(0, 1), s.shifted(1, 0), s.shifted(1, 1));
 }
 
-// The Lanczos demosaic of the quad of thread (tx, ty), border rule included.
-__host__ __device__ __forceinline__ QuadRgb lanczosDemosaic(const cudaKernelParams& params, unsigned tx, unsigned ty) {
-    const RawWindow s = quadWindow(params, tx, ty);
-    return isLanczosBorder(tx, ty, params.width, params.height) ? fallbackQuad(s) : lanczosQuad(s);
-}
-
 }  // namespace kernels
 }  // namespace capture
 }  // namespace ruvo
