@@ -408,7 +408,7 @@ TEST_F(HostRuntimeFailures, HistogramWithTooLittleScratchNamesTheCubCall) {
                             0),
               0u)
         << message;
-    cudaFree(histogramScratch);
+    EXPECT_EQ(cudaFree(histogramScratch), cudaSuccess);
 }
 
 #endif

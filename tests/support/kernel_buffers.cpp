@@ -5,6 +5,7 @@
 #include "OutputBufferConfig.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <random>
 
@@ -71,11 +72,20 @@ IspRig::IspRig(int configuration, ProcessedSize size) : _configuration(configura
     CUDA_CHECK(cudaStreamCreateWithFlags(&_stream, cudaStreamNonBlocking));
 }
 
+namespace {
+
+// Runtime calls of a destructor, which must not throw: a failure is reported and the rest go on.
+void expectSuccess(cudaError_t result, const char* call) {
+    if (result != cudaSuccess) std::fprintf(stderr, "%s failed: %s\n", call, cudaGetErrorString(result));
+}
+
+}  // namespace
+
 IspRig::~IspRig() {
-    cudaStreamDestroy(_stream);
-    cudaFree(_scratch);
-    for (unsigned char* buffer : _buffers) cudaFree(buffer);
-    cudaFree(_raw);
+    expectSuccess(cudaStreamDestroy(_stream), "cudaStreamDestroy(_stream)");
+    expectSuccess(cudaFree(_scratch), "cudaFree(_scratch)");
+    for (unsigned char* buffer : _buffers) expectSuccess(cudaFree(buffer), "cudaFree(buffer)");
+    expectSuccess(cudaFree(_raw), "cudaFree(_raw)");
 }
 
 std::vector<unsigned char> IspRig::copy(size_t k) const {
