@@ -66,10 +66,12 @@ void runRow(const Kernel& kernel, unsigned ty, unsigned width) {
 }
 
 // Runs kernel(tx, ty) for every thread of a threads.x x threads.y grid; returns when all are done.
+// Rows are handed out a few at a time, so that a thread that loses its core to another process
+// (or to another camera's pipeline) does not hold up the frame with a fixed share of the rows.
 template <class Kernel>
 void runGrid(const Extent2& threads, const Kernel& kernel) {
     const int rows = static_cast<int>(threads.y);
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(dynamic, 4)
     for (int ty = 0; ty < rows; ++ty) runRow(kernel, static_cast<unsigned>(ty), threads.x);
 }
 
