@@ -50,15 +50,16 @@ __forceinline__ float log2Positive(float x) {
 }
 
 // 2^x: x = n + f with n the nearest integer and |f| <= 1/2; 2^f = 1 + f q(f) with q a degree-4
-// fit (relative error below 3e-7), n added to the exponent field. Results below 2^-126 flush to
-// zero, inputs above 127 saturate at 2^127.
+// fit (relative error below 3e-7), n added to the exponent field. n is found by adding 1.5 * 2^23,
+// whose sum keeps round(x) in its low mantissa bits, so no integer conversion is needed. Results
+// below 2^-126 flush to zero, inputs above 127 saturate at 2^127.
 __forceinline__ float exp2Clamped(float x) {
     const float clamped = x > 127.0f ? 127.0f : (x < -127.0f ? -127.0f : x);
-    const int n = static_cast<int>(clamped + 127.5f) - 127;  // round half up; argument is positive
-    const float f = clamped - static_cast<float>(n);
+    const float shifter = clamped + 12582912.0f;
+    const float f = clamped - (shifter - 12582912.0f);
     const float q = 6.9314718056e-01f +
                     f * (2.4022349038e-01f + f * (5.5503810138e-02f + f * (9.6663685154e-03f + f * 1.3381302537e-03f)));
-    const float scaled = bitsFloat(floatBits(1.0f + f * q) + (static_cast<uint32_t>(n) << 23));
+    const float scaled = bitsFloat(floatBits(1.0f + f * q) + (floatBits(shifter) << 23));
     return x < -126.0f ? 0.0f : scaled;
 }
 
