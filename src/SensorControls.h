@@ -68,9 +68,7 @@ inline int32_t truncateToRegister(double value) {
 }
 
 // Exposure register of a time in seconds, truncated toward zero: 1/30 s gives 74433.
-inline int32_t secondsToExposureRegister(double seconds) {
-    return truncateToRegister(secondsToExposureUnits(seconds));
-}
+inline int32_t secondsToExposureRegister(double seconds) { return truncateToRegister(secondsToExposureUnits(seconds)); }
 
 }  // namespace capture
 }  // namespace ruvo
