@@ -289,7 +289,21 @@ CUDACamera::Bucket* CUDACamera::read() {
     Bucket& bucket = _buckets[buf.index];
     bucket.status = Bucket::USED;
     bucket.timestamp = std::chrono::time_point_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now());
+    try {
+        process(bucket);
+    } catch (...) {
+        // A frame that fails on its way goes back at once, so that stop() never waits for it.
+        try {
+            release(bucket.index);
+        } catch (const std::exception&) {  // the bucket counts as back even when the driver is gone
+        }
+        throw;
+    }
+    return &bucket;
+}
 
+// Runs the pipeline on a dequeued bucket, then fills its feedback and evaluates 3A.
+void CUDACamera::process(Bucket& bucket) {
     // The output count, configuration and gammas of this frame, read together under the lock.
     size_t n;
     uint32_t configuration;
@@ -319,7 +333,6 @@ CUDACamera::Bucket* CUDACamera::read() {
     Poco::FastMutex::ScopedLock lock(_mutexControls);
     fillFeedback(bucket);
     evaluate_3A(bucket);
-    return &bucket;
 }
 
 // The SIXTEENTH skin luminance plane goes to "CapDevCUDAExp_<index>" when someone listens.

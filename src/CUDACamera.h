@@ -159,6 +159,7 @@ private:
     void init_window_weights();
 
     void allocateOutputs(Bucket& bucket, uint32_t width, uint32_t cudaHeight, uint32_t height);
+    void process(Bucket& bucket);
     void fillFeedback(Bucket& bucket);
     void sendSkinDiagnostics(const Bucket& bucket);
     void programMeteringRectangle(const std::vector<ruvo::util::WeightedRegion>& regions);

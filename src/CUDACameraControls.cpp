@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 namespace ruvo {
 namespace capture {
@@ -30,6 +31,12 @@ void validate(const Controls& c) {
     }
     if (c.outputBuffersConfIndex >= CUDA_OUTPUT_BUFFER_CONFIG.size()) {
         throw CaptureDeviceException("Output buffer configuration index out of range");
+    }
+    // Gammas, gains and targets reach per-pixel powers and register conversions: only numbers.
+    for (float v : {c.awb.gammaRed, c.awb.gammaGreen, c.awb.gammaBlue, c.awb.gammaCr, c.awb.gammaCb,
+                    c.awb.manualRedGain, c.awb.manualGreenGain, c.awb.manualBlueGain, c.ae.manualExposure,
+                    c.ae.manualGain, c.ae.ev, c.ae.targetY, c.ae.time.low(), c.ae.time.high()}) {
+        if (!std::isfinite(v)) throw CaptureDeviceException("Unsupported control value: not a finite number");
     }
 }
 

@@ -131,6 +131,7 @@ void CUDADeviceImpl::stop() {
     for (ProduceTask* task : _produceTasks) task->cancel();
     for (Poco::Thread* thread : _produceThreads) thread->join();
     _consumeTask->cancel();
+    _event.set();  // wake the consumer now rather than at the end of its 2 s wait
     _consumeThread->join();
     // Every camera is stopped even when one fails (a device that went away); the failed one is
     // torn down as far as it goes and the first failure is reported once all are done.

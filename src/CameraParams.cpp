@@ -58,6 +58,15 @@ CUDACameraParams::CUDACameraParams(Poco::AutoPtr<Poco::Util::AbstractConfigurati
     if (mode > LANCZOS_11) throw CaptureDeviceException("Unsupported CUDA demosaic configuration");
     demosaicMode = static_cast<CUDADemosaicMode>(mode);
 
+    // Bounds beyond which a value could only exhaust memory or divide by zero per frame.
+    if (bufferPoolSize > kMaxBufferPoolSize) throw CaptureDeviceException("Unsupported buffer pool size");
+    if (numSamples == 0 || numSamples > kMaxMeteringSamples) {
+        throw CaptureDeviceException("Unsupported number of metering samples");
+    }
+    if (static_cast<uint32_t>(ae.numRegions) > kMaxMeteringRegions) {
+        throw CaptureDeviceException("Unsupported number of metering regions");
+    }
+
     regionWeight = readFloat(config, "regionExposureWeight", 0.3);
     skinWeight = readFloat(config, "skinExposureWeight", 0.7);
     colorModelThreshold = readFloat(config, "colorModelThreshold", 10.0);

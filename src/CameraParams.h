@@ -13,6 +13,11 @@
 namespace ruvo {
 namespace capture {
 
+// Largest accepted values: V4L2's buffer limit, and sizes far beyond any use of the metering.
+constexpr uint32_t kMaxBufferPoolSize = 32;
+constexpr uint32_t kMaxMeteringSamples = 10000000;
+constexpr uint32_t kMaxMeteringRegions = 65536;
+
 struct CUDACameraParams {
     struct Gamma {
         float R = 0.8f, G = 0.8f, B = 0.8f, Cr = 0.8f, Cb = 0.8f;
@@ -59,7 +64,8 @@ struct CUDACameraParams {
 
     // Reads every key of the camera's configuration entry; throws Poco's NotFoundException for a
     // missing "path", its SyntaxException for an unparsable value, and CaptureDeviceException for
-    // an unsupported output configuration or demosaic mode.
+    // an unsupported output configuration or demosaic mode, or a pool size or metering count
+    // beyond the bounds above (or no metering samples at all).
     explicit CUDACameraParams(Poco::AutoPtr<Poco::Util::AbstractConfiguration> config);
 };
 

@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 using namespace ruvo::capture;
 using ruvo::test::simCameraConfig;
 using ruvo::test::uniqueSimPath;
@@ -175,5 +177,25 @@ TEST_F(Camera, StartResetsControlsAndReadsBackTheStartState) {
     EXPECT_EQ(camera.getControl(sensor::CID_HFLIP), 0);
     EXPECT_EQ(camera.getControl(sensor::CID_VFLIP), 1);
     EXPECT_EQ(camera.getControl(sensor::CID_METER_WIDTH), 10);
+    camera.stop();
+}
+
+TEST_F(Camera, NonFiniteValuesAreRefused) {
+    Controls c = camera.getControls();
+    c.awb.gammaRed = std::nanf("");
+    EXPECT_EQ(refusal(camera, c), "Unsupported control value: not a finite number");
+    c = camera.getControls();
+    c.ae.manualGain = INFINITY;
+    EXPECT_EQ(refusal(camera, c), "Unsupported control value: not a finite number");
+    EXPECT_FLOAT_EQ(camera.getControls().ae.manualGain, 1.0f);
+}
+// An interrupted control call is repeated, never reported.
+TEST_F(Camera, InterruptedControlCallsAreRepeated) {
+    camera.start();
+    sensor()->interruptNextIoctl(3);
+    camera.setControl(sensor::CID_RED_GAIN, 1500);
+    sensor()->interruptNextIoctl(2);
+    EXPECT_EQ(camera.getControl(sensor::CID_RED_GAIN), 1500);
+    EXPECT_EQ(sensor()->interruptedIoctls(), 5u);
     camera.stop();
 }

@@ -201,3 +201,24 @@ TEST(OutputBufferTable, RowSizesAndTheIrregularRows) {
 }
 
 }  // namespace
+
+// Values that could only exhaust memory or divide by zero every frame are refused up front.
+TEST(CameraParamsBounds, PoolAndMeteringSizesAreBounded) {
+    auto refused = [](const std::string& key, const std::string& value) {
+        Poco::AutoPtr<Poco::Util::MapConfiguration> config(new Poco::Util::MapConfiguration());
+        config->setString("path", "/dev/video0");
+        config->setString(key, value);
+        try {
+            ruvo::capture::CUDACameraParams params(config);
+        } catch (const ruvo::capture::CaptureDeviceException& e) {
+            return std::string(e.what());
+        }
+        return std::string();
+    };
+    EXPECT_EQ(refused("bufferPoolSize", "32"), "");
+    EXPECT_EQ(refused("bufferPoolSize", "33"), "Unsupported buffer pool size");
+    EXPECT_EQ(refused("numSamples", "0"), "Unsupported number of metering samples");
+    EXPECT_EQ(refused("numSamples", "10000001"), "Unsupported number of metering samples");
+    EXPECT_EQ(refused("ae.numRegions", "65537"), "Unsupported number of metering regions");
+    EXPECT_EQ(refused("ae.numRegions", "65536"), "");
+}

@@ -101,6 +101,11 @@ int SimulatedSensor::ioctl(int fd, unsigned long request, void* argument) {
     std::unique_lock<std::mutex> lock(_mutex);
     if (_files.find(fd) == _files.end()) return fail(EBADF);
     if (_disconnected) return fail(ENODEV);
+    if (_interruptIoctls > 0) {
+        --_interruptIoctls;
+        ++_interruptedIoctls;
+        return fail(EINTR);
+    }
     if (!argument) return fail(EFAULT);
     const int result = dispatch(lock, fd, request, argument);
     return result == 0 ? 0 : fail(result);
@@ -206,6 +211,16 @@ void SimulatedSensor::failNextQueue(int errnoValue) {
 void SimulatedSensor::failNextStreamOn(int errnoValue) {
     std::lock_guard<std::mutex> lock(_mutex);
     _streamOnErrno = errnoValue;
+}
+
+void SimulatedSensor::interruptNextIoctl(unsigned count) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _interruptIoctls = count;
+}
+
+uint64_t SimulatedSensor::interruptedIoctls() const {
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _interruptedIoctls;
 }
 
 void SimulatedSensor::interruptNextSelect() {

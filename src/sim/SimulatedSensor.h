@@ -77,6 +77,10 @@ public:
     void failNextStreamOn(int errnoValue = EIO);
     // The select in progress, or else the next one, returns -1 with EINTR.
     void interruptNextSelect();
+    // The next `count` ioctl calls return -1 with EINTR without doing anything, as a request
+    // interrupted by a signal does.
+    void interruptNextIoctl(unsigned count = 1);
+    uint64_t interruptedIoctls() const;
 
     // --- Observers. ---
     // Buffers with the driver: queued, being filled, or filled and not yet dequeued.
@@ -157,6 +161,8 @@ private:
     int _queueErrno = 0;
     int _streamOnErrno = 0;
     bool _interruptSelect = false;
+    unsigned _interruptIoctls = 0;
+    uint64_t _interruptedIoctls = 0;
     bool _disconnected = false;
 
     std::thread _clock;
