@@ -2,6 +2,9 @@
 #include <ruvo/util/Worker.h>
 
 #include <Poco/Logger.h>
+#include <Poco/Thread.h>
+
+#include <pthread.h>
 
 #include <algorithm>
 #include <exception>
@@ -105,6 +108,10 @@ void Worker::sleepBackoff() {
 }
 
 void Worker::run() {
+    // The OS thread takes the name of the Poco thread running the task (as top -H shows it).
+    const Poco::Thread* thread = Poco::Thread::current();
+    const std::string osName = (thread ? thread->getName() : _name).substr(0, 15);
+    pthread_setname_np(pthread_self(), osName.c_str());
     {
         std::lock_guard<std::mutex> lock(_mutex);
         _running = true;
