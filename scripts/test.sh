@@ -19,13 +19,27 @@ if [[ "${CI:-}" == "true" ]]; then werror=ON; fi
 
 has_stage() { [[ " $stages " == *" $1 "* ]]; }
 
+# configure_build DIR [TARGETS...] -- [CMAKE ARGS...]: configures, then builds TARGETS (all when none).
 configure_build() {
   local dir=$1; shift
+  local targets=()
+  while [[ $# -gt 0 && "$1" != "--" ]]; do targets+=(--target "$1"); shift; done
+  shift
   echo "=== ${dir}: configure ($*)"
-  cmake -S "$root" -B "$root/$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRUVO_WARNINGS_AS_ERRORS=$werror "$@" >/dev/null
-  echo "=== ${dir}: build"
-  cmake --build "$root/$dir" -j "$jobs"
+  cmake -S "$root" -B "$root/$dir" -DRUVO_WARNINGS_AS_ERRORS=$werror "$@" >/dev/null
+  echo "=== ${dir}: build ${targets[*]}"
+  cmake --build "$root/$dir" -j "$jobs" "${targets[@]}"
 }
+
+# The test programs whose tests carry the "threads" label (see tests/CMakeLists.txt).
+threaded_targets() {
+  ls "$root"/tests/test_*.cpp | xargs -n1 basename | sed 's/\.cpp$//' |
+    grep -E '^test_(worker|channel|camera_release|device|faults|soak|sim_.*|tool_run|tool_commands)$'
+}
+
+# Sanitizer builds: little optimisation and light debug information compile fastest while keeping
+# stack traces; the per-pixel code keeps its own -O3.
+sanitizer_flags=(-DCMAKE_BUILD_TYPE=Debug "-DCMAKE_CXX_FLAGS_DEBUG=-O1 -g1" -DRUVO_WITH_CUDA=OFF -DRUVO_BUILD_BENCH=OFF)
 
 run_tests() {
   local dir=$1; shift
@@ -34,13 +48,13 @@ run_tests() {
 }
 
 if has_stage host; then
-  configure_build build/host -DRUVO_WITH_CUDA=OFF
+  configure_build build/host -- -DCMAKE_BUILD_TYPE=Release -DRUVO_WITH_CUDA=OFF
   run_tests build/host
 fi
 
 if has_stage cuda; then
   if command -v nvcc >/dev/null 2>&1 || [[ -x /usr/local/cuda/bin/nvcc ]]; then
-    configure_build build/cuda -DRUVO_WITH_CUDA=ON -DRUVO_BUILD_BENCH=OFF
+    configure_build build/cuda -- -DCMAKE_BUILD_TYPE=Release -DRUVO_WITH_CUDA=ON -DRUVO_BUILD_BENCH=OFF
     run_tests build/cuda
   else
     echo "=== no nvcc: CUDA build skipped"
@@ -54,12 +68,12 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 export RUVO_SOAK_SECONDS=${RUVO_SOAK_SECONDS:-10}
 
 if has_stage asan; then
-  configure_build build/asan -DRUVO_WITH_CUDA=OFF -DRUVO_SANITIZE=address -DRUVO_BUILD_BENCH=OFF
+  configure_build build/asan -- "${sanitizer_flags[@]}" -DRUVO_SANITIZE=address
   run_tests build/asan
 fi
 
 if has_stage tsan; then
-  configure_build build/tsan -DRUVO_WITH_CUDA=OFF -DRUVO_SANITIZE=thread -DRUVO_BUILD_BENCH=OFF
+  configure_build build/tsan ruvo-capture $(threaded_targets) -- "${sanitizer_flags[@]}" -DRUVO_SANITIZE=thread
   run_tests build/tsan -L threads
 fi
 
