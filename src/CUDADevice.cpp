@@ -7,6 +7,8 @@
 #include <Poco/Exception.h>
 #include <Poco/Logger.h>
 
+#include <memory>
+
 namespace ruvo {
 namespace capture {
 
@@ -73,30 +75,50 @@ CUDADeviceImpl::CUDADeviceImpl(Poco::AutoPtr<Poco::Util::AbstractConfiguration> 
                                OnNewDataCallback onNewData) {
     if (config.isNull()) throw Poco::NullPointerException();
     init_cuda(config->createView("cuda"));
-    for (unsigned i = 0;; ++i) {
-        const std::string key = "devices[" + std::to_string(i) + "]";
-        if (!entryPresent(*config, key)) break;
-        Poco::AutoPtr<Poco::Util::AbstractConfiguration> view = config->createView(key);
-        if (!view->getBool("enabled", false)) continue;
-        auto* camera = new CUDACamera(view, static_cast<int>(i));
-        auto* task = new ProduceTask("ProduceTask-" + std::to_string(i), camera, _event);
-        auto* thread = new Poco::Thread("ProduceThread-" + std::to_string(i));
-        _cameras.push_back(camera);
-        _produceTasks.push_back(task);
-        _produceThreads.push_back(thread);
+    try {
+        addCameras(*config);
+        _consumeTask = new ConsumeTask("ConsumeTask", _cameras, onNewData, _mutexControls, _event, _produceTasks);
+        _consumeThread = new Poco::Thread("ConsumeThread");
+    } catch (...) {
+        release();  // a camera that fails to construct leaves nothing behind
+        throw;
     }
-    _consumeTask = new ConsumeTask("ConsumeTask", _cameras, onNewData, _mutexControls, _event, _produceTasks);
-    _consumeThread = new Poco::Thread("ConsumeThread");
 }
 
-CUDADeviceImpl::~CUDADeviceImpl() {
+// Walks "devices[0]", "devices[1]", ... up to the first missing entry; every enabled entry
+// becomes a camera with its reader task and thread.
+void CUDADeviceImpl::addCameras(Poco::Util::AbstractConfiguration& config) {
+    for (unsigned i = 0;; ++i) {
+        const std::string key = "devices[" + std::to_string(i) + "]";
+        if (!entryPresent(config, key)) break;
+        Poco::AutoPtr<Poco::Util::AbstractConfiguration> view = config.createView(key);
+        if (!view->getBool("enabled", false)) continue;
+        auto camera = std::make_unique<CUDACamera>(view, static_cast<int>(i));
+        auto task = std::make_unique<ProduceTask>("ProduceTask-" + std::to_string(i), camera.get(), _event);
+        auto thread = std::make_unique<Poco::Thread>("ProduceThread-" + std::to_string(i));
+        _cameras.push_back(camera.release());
+        _produceTasks.push_back(task.release());
+        _produceThreads.push_back(thread.release());
+    }
+}
+
+void CUDADeviceImpl::release() {
     for (size_t i = 0; i < _cameras.size(); ++i) {
         delete _cameras[i];
         delete _produceTasks[i];
         delete _produceThreads[i];
     }
+    _cameras.clear();
+    _produceTasks.clear();
+    _produceThreads.clear();
     delete _consumeTask;
     delete _consumeThread;
+    _consumeTask = nullptr;
+    _consumeThread = nullptr;
+}
+
+CUDADeviceImpl::~CUDADeviceImpl() {
+    release();
     deinit_cuda();
 }
 

@@ -94,6 +94,8 @@ public:
 
 private:
     void init_cuda(Poco::AutoPtr<Poco::Util::AbstractConfiguration> view);
+    void addCameras(Poco::Util::AbstractConfiguration& config);
+    void release();  // deletes cameras, tasks and threads
     void deinit_cuda();
     template <typename Change>
     auto changeControls(uint32_t cameraId, Change change) -> decltype(change(std::declval<CUDACamera&>()));

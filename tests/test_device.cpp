@@ -225,3 +225,17 @@ TEST(DeviceCuda, NoDeviceIsRefused) {
     EXPECT_THROW(CUDADevice device(nullptr), Poco::NullPointerException);
 }
 #endif
+
+// A camera that fails to construct ends the device's construction with its message; the
+// cameras already made are destroyed with it (the address sanitizer stage checks for leaks).
+TEST_F(Device, AFailingCameraEndsConstructionCleanly) {
+    const std::string path = uniqueSimPath("first");
+    try {
+        CUDADevice device(properties(simEntry(0, true, path) + simEntry(1, true, uniqueSimPath("bad"),
+                                                                          "devices[1].outputBufferFormats=12\n")));
+        FAIL() << "constructed";
+    } catch (const CaptureDeviceException& e) {
+        EXPECT_STREQ(e.what(), "Unsupported CUDA output configuration");
+    }
+    EXPECT_EQ(sim::findSensor(path), nullptr);
+}
