@@ -55,9 +55,10 @@ Controls decode(Bytes& in, Controls c) {
     if (list >= 200) {
         c.outputBuffers.clear();
         for (int i = in.take<uint8_t>() % 10; i > 0; --i) {
-            c.outputBuffers.push_back({static_cast<Frame::Format>(in.take<int8_t>()),
-                                       static_cast<Frame::OutputType>(in.take<int8_t>() % 10),
-                                       static_cast<Frame::OutputLevel>(in.take<int8_t>() % 5)});
+            // Any value each enumeration can hold, in or out of the table's combinations.
+            c.outputBuffers.push_back({static_cast<Frame::Format>(in.take<uint8_t>() % 8),
+                                       static_cast<Frame::OutputType>(in.take<uint8_t>() % 10),
+                                       static_cast<Frame::OutputLevel>(in.take<uint8_t>() % 7 - 2)});
         }
     }
     c.outputBuffersConfIndex = in.take<uint8_t>() < 230 ? list % 12 : in.take<uint32_t>();
