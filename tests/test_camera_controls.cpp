@@ -5,6 +5,7 @@
 #include "SensorControls.h"
 #include "sim/SimulatedSensor.h"
 #include "support/LogCapture.h"
+#include "support/GpuPresence.h"
 #include "support/SimCamera.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
@@ -29,6 +30,7 @@ std::string refusal(CUDACamera& camera, const Controls& controls) {
 }
 
 struct Camera : ::testing::Test {
+    void SetUp() override { RUVO_REQUIRE_CUDA_DEVICE(); }
     std::string path = uniqueSimPath("controls");
     CUDACamera camera{simCameraConfig(path), 0};
     std::shared_ptr<sim::SimulatedSensor> sensor() { return sim::findSensor(path); }

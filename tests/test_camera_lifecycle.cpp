@@ -5,6 +5,7 @@
 #include "OutputBufferConfig.h"
 #include "sim/SimulatedSensor.h"
 #include "support/CameraTestAccess.h"
+#include "support/GpuPresence.h"
 #include "support/SimCamera.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
@@ -74,6 +75,7 @@ class CameraCycle : public ::testing::TestWithParam<std::tuple<int, SizeCase>> {
 
 // Every configuration at every size: one frame in, every output out and back, stop frees all.
 TEST_P(CameraCycle, StartReadReleaseStop) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     const int configuration = std::get<0>(GetParam());
     const SizeCase size = std::get<1>(GetParam());
     const std::string path = uniqueSimPath("cycle");

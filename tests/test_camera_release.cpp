@@ -4,6 +4,7 @@
 #include "SensorControls.h"
 #include "sim/SimulatedSensor.h"
 #include "support/LogCapture.h"
+#include "support/GpuPresence.h"
 #include "support/SimCamera.h"
 
 #include <gtest/gtest.h>
@@ -37,6 +38,7 @@ struct StartedCamera {
 }  // namespace
 
 TEST(CameraRelease, SingleOutputRequeuesAtOnce) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     StartedCamera c;
     CUDACamera::Bucket* bucket = c.next();
     ASSERT_NE(bucket, nullptr);
@@ -47,6 +49,7 @@ TEST(CameraRelease, SingleOutputRequeuesAtOnce) {
 }
 
 TEST(CameraRelease, DoubleReleaseCountsOnce) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     StartedCamera c(ruvo::test::Keys{{"outputBufferFormats", "1"}});  // two outputs
     CUDACamera::Bucket* bucket = c.next();
     ASSERT_NE(bucket, nullptr);
@@ -62,6 +65,7 @@ TEST(CameraRelease, DoubleReleaseCountsOnce) {
 
 // Nine outputs released from nine threads at once, each twice: exactly one requeue per bucket.
 TEST(CameraRelease, ConcurrentReleasesRequeueExactlyOnce) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     StartedCamera c(ruvo::test::Keys{{"outputBufferFormats", "7"}});
     for (int round = 0; round < 8; ++round) {
         CUDACamera::Bucket* bucket = c.next();
@@ -86,6 +90,7 @@ TEST(CameraRelease, ConcurrentReleasesRequeueExactlyOnce) {
 }
 
 TEST(CameraRelease, StopWaitsForTheBufferAClientHolds) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     ruvo::test::LogCapture log("Capture.CUDACamera");
     StartedCamera c;
     CUDACamera::Bucket* held = c.next();
@@ -101,6 +106,7 @@ TEST(CameraRelease, StopWaitsForTheBufferAClientHolds) {
 
 // The sensor's metering rectangle comes back one pixel wider and taller, with weight 1.
 TEST(CameraFeedback, MeteringRectangleAndSensorState) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     StartedCamera c;
     c.camera.setControl(sensor::CID_METER_ENABLE, 1);
     c.camera.setControl(sensor::CID_METER_LEFT, 10);
@@ -128,6 +134,7 @@ TEST(CameraFeedback, MeteringRectangleAndSensorState) {
 }
 
 TEST(CameraRead, NothingQueuedTimesOutWithNull) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     StartedCamera c;
     EXPECT_EQ(c.camera.read(), nullptr);  // stepped clock, no step: the 2 s wait runs out
     EXPECT_EQ(c.sensor->queuedCount(), 4u);

@@ -2,6 +2,7 @@
 // the uniform draw matching the classic scaling method, and the centre-weighted region prior.
 #include "CUDACamera.h"
 #include "support/CameraTestAccess.h"
+#include "support/GpuPresence.h"
 #include "support/SimCamera.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +16,7 @@ using ruvo::test::simCameraConfig;
 using ruvo::test::uniqueSimPath;
 
 TEST(MeteringSamples, SeedZeroCamerasDrawIdenticalTablesThatGrowPerStart) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CUDACamera a(simCameraConfig(uniqueSimPath("sa"), {{"numSamples", "500"}}), 0);
     CUDACamera b(simCameraConfig(uniqueSimPath("sb"), {{"numSamples", "500"}}), 1);
     a.start();
@@ -41,6 +43,7 @@ TEST(MeteringSamples, SeedZeroCamerasDrawIdenticalTablesThatGrowPerStart) {
 
 // The classic scaling draw, computed independently: x first, then y, from one engine.
 TEST(MeteringSamples, DrawsFollowTheScalingMethod) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CUDACamera camera(simCameraConfig(uniqueSimPath("draw"), {{"numSamples", "64"}, {"awb.seed", "7"}}), 0);
     camera.start();
     std::mt19937 engine(7);
@@ -104,6 +107,7 @@ TEST(MeteringSamples, NonSquareRegionCountLeavesTheLastSlotsZero) {
 
 // A restart at a smaller size must not keep samples outside the new frame.
 TEST(MeteringSamples, ASizeChangeRedrawsTheTable) {
+    RUVO_REQUIRE_CUDA_DEVICE();
     CUDACamera camera(simCameraConfig(uniqueSimPath("resize"), {{"numSamples", "300"}, {"width", "2688"},
                                                                   {"height", "1520"}}),
                       0);
