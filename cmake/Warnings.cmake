@@ -1,5 +1,8 @@
 # Compiler warnings for the project's own targets.
 set(RUVO_CXX_WARNINGS -Wall -Wextra)
+if(RUVO_SANITIZE STREQUAL "thread")
+  list(APPEND RUVO_CXX_WARNINGS -Wno-unknown-pragmas)  # OpenMP is off there: its pragmas stay unread
+endif()
 if(RUVO_WARNINGS_AS_ERRORS)
   list(APPEND RUVO_CXX_WARNINGS -Werror)
 endif()
