@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
-#include <thread>
 
 namespace ruvo {
 namespace capture {
@@ -135,17 +134,6 @@ v4l2_queryctrl SimClient::query(uint32_t id) {
     query.id = id;
     if (const int error = call(VIDIOC_QUERYCTRL, &query)) failed("VIDIOC_QUERYCTRL", error);
     return query;
-}
-
-Selected selectWhile(SimClient& client, const std::function<void()>& action) {
-    Selected selected;
-    std::thread waiter([&] {
-        selected.result = client.io().select(client.fd(), nullptr);
-        selected.error = errno;
-    });
-    action();
-    waiter.join();
-    return selected;
 }
 
 double channelMean(const uint16_t* frame, int width, int channel, int x0, int y0, int x1, int y1, int shift) {

@@ -12,7 +12,6 @@
 #include <linux/videodev2.h>
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -84,14 +83,6 @@ private:
     v4l2_pix_format _format{};
     std::vector<std::vector<uint16_t>> _memory;
 };
-
-// The result of a select without time limit made on another thread while `action` runs on
-// this one: what it returned and errno.
-struct Selected {
-    int result = 0;
-    int error = 0;
-};
-Selected selectWhile(SimClient& client, const std::function<void()>& action);
 
 // Mean 10-bit value (stored sample >> shift) of the sites of one Bayer channel (0 red, 1 green,
 // 2 blue; BGGR layout) inside [x0, x1) x [y0, y1) of a width-wide frame, by a direct loop.
