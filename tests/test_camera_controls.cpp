@@ -4,8 +4,8 @@
 #include "OutputBufferConfig.h"
 #include "SensorControls.h"
 #include "sim/SimulatedSensor.h"
-#include "support/LogCapture.h"
 #include "support/GpuPresence.h"
+#include "support/LogCapture.h"
 #include "support/SimCamera.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
@@ -38,23 +38,6 @@ struct Camera : ::testing::Test {
 
 }  // namespace
 
-TEST_F(Camera, ConstructionDefaults) {
-    const Controls c = camera.getControls();
-    EXPECT_EQ(c.width, 1280u);
-    EXPECT_EQ(c.height, 720u);
-    EXPECT_TRUE(c.hFlip);
-    EXPECT_TRUE(c.vFlip);
-    EXPECT_FLOAT_EQ(c.awb.gammaCb, 0.78f);
-    EXPECT_FLOAT_EQ(c.ae.manualExposure, 0.033333335f);
-    EXPECT_FLOAT_EQ(c.ae.time.low(), 0.000166667f);
-    EXPECT_EQ(c.ae.manualMode, "default");
-    EXPECT_EQ(c.outputBuffers, CUDA_OUTPUT_BUFFER_CONFIG[0]);
-    const Capabilities caps = camera.getCapabilities();
-    ASSERT_EQ(caps.resolutions.size(), 4u);
-    EXPECT_EQ(caps.resolutions[0], ruvo::util::Dimensions(672, 380));
-    EXPECT_EQ(caps.resolutions[3], ruvo::util::Dimensions(2688, 1520));
-}
-
 TEST_F(Camera, ValidationRefusesAndChangesNothing) {
     const Controls before = camera.getControls();
     Controls c = before;
@@ -66,36 +49,37 @@ TEST_F(Camera, ValidationRefusesAndChangesNothing) {
     EXPECT_EQ(refusal(camera, c), "Unsupported output buffer configuration");
     c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[1];
     EXPECT_EQ(refusal(camera, c), "Output buffer configuration index out of range");
+    c = before;
+    c.awb.gammaRed = std::nanf("");
+    EXPECT_EQ(refusal(camera, c), "Unsupported control value: not a finite number");
+    c = before;
+    c.ae.manualGain = INFINITY;
+    EXPECT_EQ(refusal(camera, c), "Unsupported control value: not a finite number");
     const Controls after = camera.getControls();
     EXPECT_EQ(after.height, before.height);
     EXPECT_EQ(after.outputBuffers, before.outputBuffers);
+    EXPECT_FLOAT_EQ(after.ae.manualGain, before.ae.manualGain);
     // Index and list are independent: a list of row 1 with index 3 is accepted.
+    c = before;
+    c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[1];
     c.outputBuffersConfIndex = 3;
     EXPECT_EQ(refusal(camera, c), "");
 }
 
-TEST_F(Camera, FlipsAloneDoNotRestart) {
+// Flips apply to the running sensor; a size change restarts it and keeps the sensor's values.
+TEST_F(Camera, FlipsApplyLiveAndASizeChangeRestartsKeepingSensorValues) {
     camera.start();
-    auto s = sensor();
+    const uint32_t ids[] = {sensor::CID_RED_GAIN, sensor::CID_GREEN_GAIN, sensor::CID_BLUE_GAIN, sensor::CID_EXPOSURE,
+                            sensor::CID_GAIN};
+    const int32_t values[] = {1500, 900, 700, 4321, 600};
+    for (int i = 0; i < 5; ++i) camera.setControl(ids[i], values[i]);
     Controls c = camera.getControls();
     c.hFlip = false;
     c.vFlip = false;
-    camera.setControl(sensor::CID_EXPOSURE, 1234);
     camera.setControls(c);
     EXPECT_EQ(camera.getControl(sensor::CID_HFLIP), 0);
     EXPECT_EQ(camera.getControl(sensor::CID_VFLIP), 0);
-    EXPECT_EQ(camera.getControl(sensor::CID_EXPOSURE), 1234);  // a restart would have reset it
-    EXPECT_TRUE(s->streaming());
-    camera.stop();
-}
-
-TEST_F(Camera, SizeChangeRestartsAndKeepsTheSensorValues) {
-    camera.start();
-    const int32_t values[] = {1500, 900, 700, 4321, 600};
-    const uint32_t ids[] = {sensor::CID_RED_GAIN, sensor::CID_GREEN_GAIN, sensor::CID_BLUE_GAIN,
-                            sensor::CID_EXPOSURE, sensor::CID_GAIN};
-    for (int i = 0; i < 5; ++i) camera.setControl(ids[i], values[i]);
-    Controls c = camera.getControls();
+    EXPECT_EQ(camera.getControl(sensor::CID_EXPOSURE), 4321) << "a restart at start would have reset it";
     c.width = 672;
     c.height = 380;
     camera.setControls(c);
@@ -111,41 +95,25 @@ TEST_F(Camera, SizeChangeRestartsAndKeepsTheSensorValues) {
     camera.stop();
 }
 
-TEST_F(Camera, ConfigurationChangeWhileStoppedAppliesAtStart) {
-    Controls c = camera.getControls();
-    c.outputBuffersConfIndex = 2;
-    c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[2];
-    camera.setControls(c);
-    camera.start();
-    sensor()->step();
-    CUDACamera::Bucket* bucket = camera.read();
-    ASSERT_NE(bucket, nullptr);
-    EXPECT_EQ(bucket->buffers.size(), 7u);
-    for (unsigned k = 0; k < 7; ++k) camera.release(bucket->index, k);
-    camera.stop();
-}
-
 TEST_F(Camera, MeteringRectangleFollowsTheExposureRegions) {
     camera.start();
+    const auto meter = [&] {
+        std::vector<int32_t> values;
+        for (uint32_t id : {sensor::CID_METER_ENABLE, sensor::CID_METER_LEFT, sensor::CID_METER_TOP,
+                            sensor::CID_METER_WIDTH, sensor::CID_METER_HEIGHT})
+            values.push_back(camera.getControl(id));
+        return values;
+    };
     Controls c = camera.getControls();
     c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(10, 20, 109, 69), 0.5f)};
     camera.setControls(c);
-    EXPECT_EQ(camera.getControl(sensor::CID_METER_ENABLE), 1);
-    EXPECT_EQ(camera.getControl(sensor::CID_METER_LEFT), 10);
-    EXPECT_EQ(camera.getControl(sensor::CID_METER_TOP), 20);
-    EXPECT_EQ(camera.getControl(sensor::CID_METER_WIDTH), 100);
-    EXPECT_EQ(camera.getControl(sensor::CID_METER_HEIGHT), 50);
+    EXPECT_EQ(meter(), (std::vector<int32_t>{1, 10, 20, 100, 50}));
     c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(50, 20, 10, 69), 1.0f)};  // right < left
     camera.setControls(c);
-    EXPECT_EQ(camera.getControl(sensor::CID_METER_ENABLE), 1);
-    EXPECT_EQ(camera.getControl(sensor::CID_METER_WIDTH), 0);
-    EXPECT_EQ(camera.getControl(sensor::CID_METER_HEIGHT), 0);
+    EXPECT_EQ(meter(), (std::vector<int32_t>{1, 50, 20, 0, 0}));
     c.ae.regions.clear();
     camera.setControls(c);
-    for (uint32_t id : {sensor::CID_METER_ENABLE, sensor::CID_METER_LEFT, sensor::CID_METER_TOP,
-                        sensor::CID_METER_WIDTH, sensor::CID_METER_HEIGHT}) {
-        EXPECT_EQ(camera.getControl(id), 0) << std::hex << id;
-    }
+    EXPECT_EQ(meter(), (std::vector<int32_t>{0, 0, 0, 0, 0}));
     camera.stop();
 }
 
@@ -166,11 +134,14 @@ TEST_F(Camera, Presets) {
     EXPECT_EQ(camera.getControls().ae.manualMode, "default");
 }
 
-// Start resets the sensor to its defaults, then applies flips and the exposure region.
-TEST_F(Camera, StartResetsControlsAndReadsBackTheStartState) {
+// Changes made while stopped apply at start, which resets the sensor to its defaults and then
+// applies flips and the exposure region.
+TEST_F(Camera, ChangesWhileStoppedApplyAtStartAfterASensorReset) {
     Controls c = camera.getControls();
     c.hFlip = false;
     c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(0, 0, 9, 9), 1.0f)};
+    c.outputBuffersConfIndex = 2;
+    c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[2];
     camera.setControls(c);
     camera.start();
     for (uint32_t id : {sensor::CID_EXPOSURE, sensor::CID_GAIN, sensor::CID_RED_GAIN, sensor::CID_BLUE_GAIN}) {
@@ -179,18 +150,14 @@ TEST_F(Camera, StartResetsControlsAndReadsBackTheStartState) {
     EXPECT_EQ(camera.getControl(sensor::CID_HFLIP), 0);
     EXPECT_EQ(camera.getControl(sensor::CID_VFLIP), 1);
     EXPECT_EQ(camera.getControl(sensor::CID_METER_WIDTH), 10);
+    sensor()->step();
+    CUDACamera::Bucket* bucket = camera.read();
+    ASSERT_NE(bucket, nullptr);
+    EXPECT_EQ(bucket->buffers.size(), 7u);
+    for (unsigned k = 0; k < 7; ++k) camera.release(bucket->index, k);
     camera.stop();
 }
 
-TEST_F(Camera, NonFiniteValuesAreRefused) {
-    Controls c = camera.getControls();
-    c.awb.gammaRed = std::nanf("");
-    EXPECT_EQ(refusal(camera, c), "Unsupported control value: not a finite number");
-    c = camera.getControls();
-    c.ae.manualGain = INFINITY;
-    EXPECT_EQ(refusal(camera, c), "Unsupported control value: not a finite number");
-    EXPECT_FLOAT_EQ(camera.getControls().ae.manualGain, 1.0f);
-}
 // An interrupted control call is repeated, never reported.
 TEST_F(Camera, InterruptedControlCallsAreRepeated) {
     camera.start();

@@ -1,10 +1,11 @@
 // Returning buffers: a bucket goes back to the driver only with its last distinct buffer, also
-// when buffers come back concurrently, and stop() waits for buffers that clients still hold.
+// when buffers come back concurrently, and stop() waits for buffers that clients still hold;
+// the feedback a frame carries; a read with nothing queued.
 #include "CUDACamera.h"
 #include "SensorControls.h"
 #include "sim/SimulatedSensor.h"
-#include "support/LogCapture.h"
 #include "support/GpuPresence.h"
+#include "support/LogCapture.h"
 #include "support/SimCamera.h"
 
 #include <gtest/gtest.h>
@@ -37,17 +38,6 @@ struct StartedCamera {
 
 }  // namespace
 
-TEST(CameraRelease, SingleOutputRequeuesAtOnce) {
-    RUVO_REQUIRE_CUDA_DEVICE();
-    StartedCamera c;
-    CUDACamera::Bucket* bucket = c.next();
-    ASSERT_NE(bucket, nullptr);
-    EXPECT_EQ(c.sensor->queuedCount(), 3u);
-    c.camera.release(bucket->index, 0);
-    EXPECT_EQ(c.sensor->queuedCount(), 4u);
-    c.camera.stop();
-}
-
 TEST(CameraRelease, DoubleReleaseCountsOnce) {
     RUVO_REQUIRE_CUDA_DEVICE();
     StartedCamera c(ruvo::test::Keys{{"outputBufferFormats", "1"}});  // two outputs
@@ -70,14 +60,13 @@ TEST(CameraRelease, ConcurrentReleasesRequeueExactlyOnce) {
     for (int round = 0; round < 8; ++round) {
         CUDACamera::Bucket* bucket = c.next();
         ASSERT_NE(bucket, nullptr);
-        const size_t outputs = bucket->buffers.size();
-        ASSERT_EQ(outputs, 9u);
+        ASSERT_EQ(bucket->buffers.size(), 9u);
         std::atomic<int> ready{0};
         std::vector<std::thread> threads;
-        for (unsigned k = 0; k < outputs; ++k) {
+        for (unsigned k = 0; k < 9; ++k) {
             threads.emplace_back([&, k] {
                 ++ready;
-                while (ready.load() < static_cast<int>(outputs)) std::this_thread::yield();
+                while (ready.load() < 9) std::this_thread::yield();
                 c.camera.release(bucket->index, k);
                 c.camera.release(bucket->index, k);
             });
@@ -108,14 +97,11 @@ TEST(CameraRelease, StopWaitsForTheBufferAClientHolds) {
 TEST(CameraFeedback, MeteringRectangleAndSensorState) {
     RUVO_REQUIRE_CUDA_DEVICE();
     StartedCamera c;
-    c.camera.setControl(sensor::CID_METER_ENABLE, 1);
-    c.camera.setControl(sensor::CID_METER_LEFT, 10);
-    c.camera.setControl(sensor::CID_METER_TOP, 20);
-    c.camera.setControl(sensor::CID_METER_WIDTH, 100);
-    c.camera.setControl(sensor::CID_METER_HEIGHT, 50);
-    c.camera.setControl(sensor::CID_RED_GAIN, 2048);
-    c.camera.setControl(sensor::CID_GAIN, 376);
-    c.camera.setControl(sensor::CID_EXPOSURE, 22330);
+    for (const auto& [id, value] : {std::pair{sensor::CID_METER_ENABLE, 1}, std::pair{sensor::CID_METER_LEFT, 10},
+                                    std::pair{sensor::CID_METER_TOP, 20}, std::pair{sensor::CID_METER_WIDTH, 100},
+                                    std::pair{sensor::CID_METER_HEIGHT, 50}, std::pair{sensor::CID_RED_GAIN, 2048},
+                                    std::pair{sensor::CID_GAIN, 376}, std::pair{sensor::CID_EXPOSURE, 22330}})
+        c.camera.setControl(id, value);
     CUDACamera::Bucket* bucket = c.next();  // 3A may move exposure and gain after the feedback is taken
     ASSERT_NE(bucket, nullptr);
     const Feedback& fb = bucket->feedback;
@@ -125,9 +111,7 @@ TEST(CameraFeedback, MeteringRectangleAndSensorState) {
     EXPECT_EQ(fb.autoWhiteBalanceGains[0], 2.0f);
     EXPECT_EQ(fb.autoWhiteBalanceGains[1], 1.0f);
     EXPECT_EQ(fb.autoExposureGain, 2.0f);
-    const auto range = c.camera.queryControl(sensor::CID_AVG_LUMINANCE);
-    EXPECT_FLOAT_EQ(fb.luminance, static_cast<float>(c.camera.getControl(sensor::CID_AVG_LUMINANCE)) /
-                                      static_cast<float>(range.maximum - range.minimum));
+    EXPECT_FLOAT_EQ(fb.luminance, static_cast<float>(c.camera.getControl(sensor::CID_AVG_LUMINANCE)) / 1023.0f);
     EXPECT_FLOAT_EQ(fb.autoExposureTime, 22330 * 0.44782403f / 1e6f);
     c.camera.release(bucket->index, 0);
     c.camera.stop();
