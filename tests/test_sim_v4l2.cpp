@@ -69,7 +69,7 @@ std::pair<int, int> selectWhile(SimClient& c, const std::function<void()>& actio
     return selected;
 }
 
-TEST(SimV4l2, SetFormatRoundsToTheNearestSupportedSize) {
+TEST(SimV4l2, SetFormatRoundsToTheNearestSupportedSizeAndIsBusyWhileStreaming) {
     SimClient c;
     struct Case {
         uint32_t w, h, expectW, expectH;
@@ -85,13 +85,10 @@ TEST(SimV4l2, SetFormatRoundsToTheNearestSupportedSize) {
         EXPECT_EQ(f.sizeimage, 2 * f.width * f.height);
         EXPECT_EQ(f.field, uint32_t{V4L2_FIELD_NONE});
     }
-    v4l2_format f = captureFormat(1920, 1080, V4L2_PIX_FMT_SBGGR10);
-    f.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
-    EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), EINVAL);
-}
-
-TEST(SimV4l2, WhileStreamingTheOwnerHoldsFormatAndQueue) {
-    SimClient c;
+    v4l2_format output = captureFormat(1920, 1080, V4L2_PIX_FMT_SBGGR10);
+    output.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    EXPECT_EQ(c.call(VIDIOC_S_FMT, &output), EINVAL);
+    // While streaming, format and queue are the owner's and busy.
     c.start(672, 380);
     v4l2_format f = captureFormat(1280, 720, V4L2_PIX_FMT_SBGGR10);
     EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), EBUSY);
@@ -147,9 +144,14 @@ TEST(SimV4l2, BuffersAreUserPointersCheckedWhenQueued) {
     EXPECT_EQ(c.call(VIDIOC_STREAMON, &type), EINVAL);
 }
 
-TEST(SimV4l2, DequeueGivesFramesInOrderAndDropsCountInTheSequence) {
+// A stream's life: frames in order with sequence and monotonic timestamps, written exactly into
+// the queued user memory; drops counted in the sequence; STREAMOFF returning every buffer.
+TEST(SimV4l2, DequeueGivesFramesInOrderDropsCountAndStreamOffReturnsEveryBuffer) {
     SimClient c;
-    c.start(672, 380, 3);
+    c.setFormat(672, 380);
+    c.requestBuffers(3, 64);
+    c.queueAll();
+    c.streamOn();
     EXPECT_FALSE(c.dequeue().has_value()) << "EAGAIN before any frame";
     ASSERT_TRUE(c.sensor().step(3));
     timeval previous{0, 0};
@@ -157,6 +159,7 @@ TEST(SimV4l2, DequeueGivesFramesInOrderAndDropsCountInTheSequence) {
         const std::optional<v4l2_buffer> b = c.dequeue();
         ASSERT_TRUE(b.has_value());
         EXPECT_EQ(b->index, i);
+        EXPECT_EQ(b->m.userptr, reinterpret_cast<unsigned long>(c.samples(i)));
         EXPECT_EQ(b->sequence, i);
         EXPECT_EQ(b->bytesused, kFrameBytes);
         EXPECT_TRUE(b->flags & V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC);
@@ -167,37 +170,21 @@ TEST(SimV4l2, DequeueGivesFramesInOrderAndDropsCountInTheSequence) {
         EXPECT_LE(b->timestamp.tv_sec, now.tv_sec);
         previous = b->timestamp;
     }
+    const uint16_t* memory = c.samples(0);
+    size_t poisoned = 0;
+    for (size_t i = 0; i < c.sampleCount(); ++i) poisoned += memory[i] == SimClient::kGuard;
+    EXPECT_EQ(poisoned, 0u) << "every sample of the frame is written";
+    for (size_t i = c.sampleCount(); i < c.sampleCount() + 64; ++i) ASSERT_EQ(memory[i], SimClient::kGuard) << i;
     EXPECT_FALSE(c.dequeue().has_value());
     EXPECT_FALSE(c.sensor().step(2)) << "nothing queued: two frames dropped";
     EXPECT_EQ(c.sensor().framesDropped(), 2u);
     ASSERT_EQ(c.queue(0), 0);
     EXPECT_EQ(c.stepAndDequeue().sequence, 5u);
     EXPECT_EQ(c.sensor().framesProduced(), 4u);
-}
-
-TEST(SimV4l2, TheSensorWritesExactlyTheQueuedUserMemory) {
-    SimClient c;
-    c.setFormat(672, 380);
-    c.requestBuffers(2, 64);
     c.queueAll();
-    c.streamOn();
-    const v4l2_buffer b = c.stepAndDequeue();
-    const uint16_t* memory = c.samples(b.index);
-    EXPECT_EQ(b.m.userptr, reinterpret_cast<unsigned long>(memory));
-    size_t poisoned = 0;
-    for (size_t i = 0; i < c.sampleCount(); ++i) poisoned += memory[i] == SimClient::kGuard;
-    EXPECT_EQ(poisoned, 0u) << "every sample of the frame is written";
-    for (size_t i = c.sampleCount(); i < c.sampleCount() + 64; ++i) ASSERT_EQ(memory[i], SimClient::kGuard) << i;
-    EXPECT_EQ(c.samples(1 - b.index)[0], SimClient::kGuard) << "the other buffer is still queued and empty";
-}
-
-TEST(SimV4l2, StreamOffReturnsEveryBufferAndDiscardsFilledFrames) {
-    SimClient c;
-    c.start(672, 380, 3);
-    ASSERT_TRUE(c.sensor().step(2));
-    EXPECT_EQ(c.sensor().queuedCount(), 3u);
+    ASSERT_TRUE(c.sensor().step());
     c.streamOff();
-    EXPECT_EQ(c.sensor().queuedCount(), 0u);
+    EXPECT_EQ(c.sensor().queuedCount(), 0u) << "filled frames are discarded";
     v4l2_buffer b = userptrBuffer(0);
     EXPECT_EQ(c.call(VIDIOC_DQBUF, &b), EINVAL) << "not streaming";
     EXPECT_FALSE(c.sensor().step());
@@ -208,7 +195,7 @@ TEST(SimV4l2, StreamOffReturnsEveryBufferAndDiscardsFilledFrames) {
     EXPECT_EQ(c.stepAndDequeue().sequence, 0u);
 }
 
-TEST(SimV4l2, SelectReportsFilledBuffersAndTimesOut) {
+TEST(SimV4l2, SelectReportsFilledBuffersTimesOutAndWakes) {
     SimClient c;
     c.start(672, 380);
     timeval zero{0, 0};
@@ -223,19 +210,14 @@ TEST(SimV4l2, SelectReportsFilledBuffersAndTimesOut) {
     timeval bad{0, -1};
     EXPECT_EQ(c.io().select(c.fd(), &bad), -1);
     EXPECT_EQ(errno, EINVAL);
+    ASSERT_TRUE(c.dequeue().has_value());
+    EXPECT_EQ(selectWhile(c, [&] { c.sensor().step(); }).first, 1) << "a waiting select wakes";
     c.streamOff();
     EXPECT_EQ(c.io().select(c.fd(), &zero), 1) << "a stopped queue polls as an error";
-}
-
-TEST(SimV4l2, ASelectWaitingWakesWhenAFrameArrivesAndClosingStopsTheStream) {
-    SimClient c;
-    c.start(672, 380);
-    EXPECT_EQ(selectWhile(c, [&] { c.sensor().step(); }).first, 1);
-    ASSERT_TRUE(c.dequeue().has_value());
-    // Closing the owner while it streams stops the stream and frees its buffers.
+    // Closing the owner stops its stream and frees its buffers.
+    c.streamOn();
     EXPECT_EQ(c.io().close(c.fd()), 0);
     EXPECT_FALSE(c.sensor().streaming());
-    EXPECT_EQ(c.sensor().queuedCount(), 0u);
     EXPECT_EQ(c.io().close(c.fd()), -1);
     EXPECT_EQ(errno, EBADF);
 }
@@ -268,45 +250,27 @@ TEST(SimClock, FreeAndRealTimeDeliverUnsteppedUntilStreamOff) {
     }
 }
 
-TEST(SimFaults, AStalledSensorExposesNothingUntilTheStallEnds) {
+// A stall exposes nothing, on a stepped or a free-running clock, and is no drop: the sequence
+// goes on. Regression: a free-running clock woke only when the stall's time ran out.
+TEST(SimFaults, AStalledSensorExposesNothingUntilTheStallIsLifted) {
     SimClient c;
     c.start(672, 380);
     c.sensor().stall(std::chrono::hours(1));
     EXPECT_FALSE(c.sensor().step(3));
     EXPECT_EQ(c.sensor().framesProduced() + c.sensor().framesDropped(), 0u);
     EXPECT_EQ(c.sensor().queuedCount(), 2u);
-    timeval zero{0, 0};
-    EXPECT_EQ(c.io().select(c.fd(), &zero), 0);
     c.sensor().stall(std::chrono::milliseconds(0));
     EXPECT_TRUE(c.sensor().step());
-    EXPECT_EQ(c.dequeue()->sequence, 0u) << "a stall is no drop: the sequence goes on";
-}
-
-// Regression: a free-running clock waiting out a stall woke only when the stall's time ran out.
-TEST(SimFaults, AFreeRunningSensorResumesWhenTheStallIsLifted) {
-    SimClient c({{"sim.clock", "free"}});
-    c.sensor().stall(std::chrono::hours(1));
-    c.start(672, 380);
+    EXPECT_EQ(c.dequeue()->sequence, 0u);
+    SimClient free({{"sim.clock", "free"}});
+    free.sensor().stall(std::chrono::hours(1));
+    free.start(672, 380);
     timeval shortWait{0, 20000};
-    EXPECT_EQ(c.io().select(c.fd(), &shortWait), 0);
-    c.sensor().stall(std::chrono::milliseconds(0));
+    EXPECT_EQ(free.io().select(free.fd(), &shortWait), 0);
+    free.sensor().stall(std::chrono::milliseconds(0));
     timeval wait{10, 0};
-    EXPECT_EQ(c.io().select(c.fd(), &wait), 1);
-    EXPECT_TRUE(c.dequeue().has_value());
-}
-
-TEST(SimFaults, FailingDequeueReportsTheErrorUntilCleared) {
-    SimClient c;
-    c.start(672, 380);
-    c.sensor().failDequeue(EIO);
-    timeval zero{0, 0};
-    EXPECT_EQ(c.io().select(c.fd(), &zero), 1) << "an error polls readable";
-    v4l2_buffer b = userptrBuffer(0);
-    EXPECT_EQ(c.call(VIDIOC_DQBUF, &b), EIO);
-    c.sensor().step();
-    EXPECT_EQ(c.call(VIDIOC_DQBUF, &b), EIO) << "also with a frame waiting";
-    c.sensor().failDequeue(0);
-    ASSERT_TRUE(c.dequeue().has_value());
+    EXPECT_EQ(free.io().select(free.fd(), &wait), 1);
+    EXPECT_EQ(free.dequeue()->sequence, 0u);
 }
 
 TEST(SimFaults, ADisconnectedDeviceAnswersEveryCallWithNoDevice) {

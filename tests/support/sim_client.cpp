@@ -129,13 +129,6 @@ int32_t SimClient::set(uint32_t id, int32_t value) {
     return control.value;
 }
 
-v4l2_queryctrl SimClient::query(uint32_t id) {
-    v4l2_queryctrl query{};
-    query.id = id;
-    if (const int error = call(VIDIOC_QUERYCTRL, &query)) failed("VIDIOC_QUERYCTRL", error);
-    return query;
-}
-
 double channelMean(const uint16_t* frame, int width, int channel, int x0, int y0, int x1, int y1, int shift) {
     double sum = 0.0;
     long count = 0;

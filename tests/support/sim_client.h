@@ -67,11 +67,9 @@ public:
 
     int32_t get(uint32_t id);
     int32_t set(uint32_t id, int32_t value);  // returns the value the driver stored
-    v4l2_queryctrl query(uint32_t id);
 
     uint16_t* samples(uint32_t index) { return _memory.at(index).data(); }
     size_t sampleCount() const { return _format.width * _format.height; }
-    const v4l2_pix_format& format() const { return _format; }
 
     static constexpr uint16_t kGuard = 0xA5A5;
 
