@@ -14,36 +14,12 @@
 namespace ruvo::capture {
 namespace {
 
+using testing::captureFormat;
 using testing::SimClient;
+using testing::userptrBuffer;
+using testing::userptrRequest;
 
 constexpr uint32_t kFrameBytes = 672 * 380 * 2;
-
-v4l2_buffer userptrBuffer(uint32_t index, const void* memory = nullptr, uint32_t length = 0) {
-    v4l2_buffer b{};
-    b.index = index;
-    b.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    b.memory = V4L2_MEMORY_USERPTR;
-    b.m.userptr = reinterpret_cast<unsigned long>(memory);
-    b.length = length;
-    return b;
-}
-
-v4l2_format captureFormat(uint32_t width, uint32_t height, uint32_t pixelFormat) {
-    v4l2_format f{};
-    f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    f.fmt.pix.width = width;
-    f.fmt.pix.height = height;
-    f.fmt.pix.pixelformat = pixelFormat;
-    return f;
-}
-
-v4l2_requestbuffers userptrRequest(uint32_t count) {
-    v4l2_requestbuffers r{};
-    r.count = count;
-    r.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    r.memory = V4L2_MEMORY_USERPTR;
-    return r;
-}
 
 // Waits in select (bounded generously; a frame normally comes in milliseconds), dequeues the
 // frame and queues its buffer again.
@@ -85,12 +61,12 @@ TEST(SimV4l2, SetFormatRoundsToTheNearestSupportedSizeAndIsBusyWhileStreaming) {
         EXPECT_EQ(f.sizeimage, 2 * f.width * f.height);
         EXPECT_EQ(f.field, uint32_t{V4L2_FIELD_NONE});
     }
-    v4l2_format output = captureFormat(1920, 1080, V4L2_PIX_FMT_SBGGR10);
+    v4l2_format output = captureFormat(1920, 1080);
     output.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
     EXPECT_EQ(c.call(VIDIOC_S_FMT, &output), EINVAL);
     // While streaming, format and queue are the owner's and busy.
     c.start(672, 380);
-    v4l2_format f = captureFormat(1280, 720, V4L2_PIX_FMT_SBGGR10);
+    v4l2_format f = captureFormat(1280, 720);
     EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), EBUSY);
     v4l2_requestbuffers r = userptrRequest(2);
     EXPECT_EQ(c.call(VIDIOC_REQBUFS, &r), EBUSY);

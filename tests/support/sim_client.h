@@ -30,6 +30,11 @@ Poco::AutoPtr<Poco::Util::MapConfiguration> cameraEntry(const SimKeys& keys);
 // A "sim:" path not used before in this process, so that tests never share a sensor.
 std::string uniqueSimPath(const std::string& stem);
 
+// The V4L2 records of a capture queue with user-pointer memory.
+v4l2_format captureFormat(uint32_t width, uint32_t height, uint32_t pixelFormat = V4L2_PIX_FMT_SBGGR10);
+v4l2_requestbuffers userptrRequest(uint32_t count);
+v4l2_buffer userptrBuffer(uint32_t index, const void* memory = nullptr, uint32_t length = 0);
+
 class SimClient {
 public:
     // Makes the io for a fresh "sim:" path (stepped clock unless `keys` says otherwise) and
@@ -56,8 +61,8 @@ public:
     void requestBuffers(uint32_t count, size_t guardSamples = 0);
     int queue(uint32_t index);  // 0 or errno
     void queueAll();
-    void streamOn();
-    void streamOff();
+    void streamOn() { stream(VIDIOC_STREAMON); }
+    void streamOff() { stream(VIDIOC_STREAMOFF); }
     // The next filled buffer, or nothing when DQBUF answers EAGAIN; throws on other failures.
     std::optional<v4l2_buffer> dequeue();
     // Steps the sensor once and dequeues the frame it filled; throws when there is none.
@@ -74,6 +79,8 @@ public:
     static constexpr uint16_t kGuard = 0xA5A5;
 
 private:
+    void stream(unsigned long request);
+
     std::string _path;
     std::shared_ptr<DeviceIo> _io;
     std::shared_ptr<sim::SimulatedSensor> _sensor;
