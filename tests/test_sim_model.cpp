@@ -239,16 +239,6 @@ TEST(SimModel, FlipsMirrorTheReadout) {
     }
 }
 
-TEST(SimModel, SamplesAreTenBitValuesTimesSixteenOrPlain) {
-    Stream msb(SimKeys{{"sim.scene", "chart"}});
-    Stream lsb({{"sim.scene", "chart"}, {"sim.samples", "lsb10"}});
-    const uint16_t* a = msb.capture();
-    const uint16_t* b = lsb.capture();
-    int mismatches = 0;
-    for (int i = 0; i < kW * kH; ++i) mismatches += a[i] != b[i] * 16 || b[i] > 1023;
-    EXPECT_EQ(mismatches, 0);
-}
-
 TEST(SimModel, NoiseFollowsShotAndReadNoiseAndIsReproducibleFromTheSeed) {
     // A noisy stream drawing from `seed`, with 400 codes of signal at unity gain.
     const auto stream = [](const char* seed) {

@@ -1,12 +1,16 @@
-// The simulated sensor as a V4L2 capture driver, all through DeviceIo: capability, formats,
-// user-pointer buffers, streaming and select; its frame clocks (stepped, free-running, real
-// time); and the faults it injects on request (stall, failing dequeue, disconnect, a failing
-// QBUF or STREAMON, an interrupted select).
+// DeviceIo: the kernel select's bounds, the sim keys a simulated sensor refuses, and the
+// simulated sensor as a V4L2 capture driver through DeviceIo: formats, user-pointer buffers,
+// streaming and select; its frame clocks (stepped, free-running, real time); and the faults it
+// injects on request (stall, disconnect, a failing QBUF or STREAMON, an interrupted select).
 #include "support/sim_client.h"
+
+#include <ruvo/capture/CaptureDeviceException.h>
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/select.h>
+#include <unistd.h>
 
 #include <functional>
 #include <thread>
@@ -43,6 +47,36 @@ std::pair<int, int> selectWhile(SimClient& c, const std::function<void()>& actio
     action();
     waiter.join();
     return selected;
+}
+
+TEST(SystemDeviceIo, SelectWaitsForReadabilityWithinItsBounds) {
+    DeviceIo& io = *systemDeviceIo();
+    int pipeFds[2];
+    ASSERT_EQ(::pipe(pipeFds), 0);
+    timeval zero{0, 0};
+    EXPECT_EQ(io.select(pipeFds[0], &zero), 0);
+    ASSERT_EQ(::write(pipeFds[1], "x", 1), 1);
+    timeval wait{5, 0};
+    EXPECT_EQ(io.select(pipeFds[0], &wait), 1);
+    ::close(pipeFds[0]);
+    ::close(pipeFds[1]);
+    EXPECT_EQ(io.select(FD_SETSIZE, &zero), -1);
+    EXPECT_EQ(errno, EINVAL) << "beyond what select can watch";
+    EXPECT_EQ(io.select(-1, &zero), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST(MakeDeviceIo, RejectsSimKeysItCannotUse) {
+    for (const std::string entry : {"sim.clock=fast", "sim.fps=0", "sim.samples=msb16", "sim.level=1.5",
+                                    "sim.noise=maybe", "sim.scene=stripes", "sim.scene=", "sim.scene=image.jpg",
+                                    "sim.script=10:brightness=2", "sim.script=x:illuminance=2", "sim.pedestal=2000"}) {
+        const size_t equals = entry.find('=');
+        const std::string path = testing::uniqueSimPath("bad");
+        EXPECT_THROW(makeDeviceIo(path, testing::cameraEntry({{entry.substr(0, equals), entry.substr(equals + 1)}})),
+                     CaptureDeviceException)
+            << entry;
+        EXPECT_EQ(sim::findSensor(path), nullptr);
+    }
 }
 
 TEST(SimV4l2, SetFormatRoundsToTheNearestSupportedSizeAndIsBusyWhileStreaming) {

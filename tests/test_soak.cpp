@@ -77,7 +77,7 @@ void randomChange(CUDADeviceImpl& device, uint32_t camera, std::mt19937& rng) {
     static const char* presets[] = {"default", "barcode", "oru", "night"};
     std::uniform_real_distribution<float> unit(0.0f, 1.0f);
     Controls c = device.getControls(camera);
-    switch (rng() % 8) {
+    switch (rng() % 6) {
         case 0: {
             const auto& size = sizes[unit(rng) < 0.8f ? 0 : 1 + rng() % 3];
             c.width = size.width;
@@ -91,23 +91,19 @@ void randomChange(CUDADeviceImpl& device, uint32_t camera, std::mt19937& rng) {
         case 2:
             c.hFlip = !c.hFlip;
             c.vFlip = unit(rng) < 0.5f;
-            break;
-        case 3:
             c.awb.gammaRed = 0.5f + unit(rng);
             c.awb.gammaCb = 0.5f + unit(rng);
             break;
-        case 4:
+        case 3:
             c.ae.manual = !c.ae.manual;
+            c.ae.lock = unit(rng) < 0.5f;
             c.ae.manualGain = 16 * unit(rng);
             c.ae.manualExposure = 0.03f * unit(rng);
             break;
-        case 5:
+        case 4:
             c.awb.manual = !c.awb.manual;
-            c.awb.manualRedGain = 2 * unit(rng);
-            break;
-        case 6:
-            c.ae.lock = !c.ae.lock;
             c.awb.lock = unit(rng) < 0.5f;
+            c.awb.manualRedGain = 2 * unit(rng);
             break;
         default:
             device.setControls(camera, std::string(presets[rng() % 4]));
