@@ -120,28 +120,6 @@ TEST_F(Camera, FlipsApplyLiveAndASizeChangeRestartsKeepingSensorValues) {
     camera->stop();
 }
 
-TEST_F(Camera, MeteringRectangleFollowsTheExposureRegions) {
-    camera->start();
-    const auto meter = [&] {
-        std::vector<int32_t> values;
-        for (uint32_t id : {sensor::CID_METER_ENABLE, sensor::CID_METER_LEFT, sensor::CID_METER_TOP,
-                            sensor::CID_METER_WIDTH, sensor::CID_METER_HEIGHT})
-            values.push_back(camera->getControl(id));
-        return values;
-    };
-    Controls c = camera->getControls();
-    c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(10, 20, 109, 69), 0.5f)};
-    camera->setControls(c);
-    EXPECT_EQ(meter(), (std::vector<int32_t>{1, 10, 20, 100, 50}));
-    c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(50, 20, 10, 69), 1.0f)};  // right < left
-    camera->setControls(c);
-    EXPECT_EQ(meter(), (std::vector<int32_t>{1, 50, 20, 0, 0}));
-    c.ae.regions.clear();
-    camera->setControls(c);
-    EXPECT_EQ(meter(), (std::vector<int32_t>{0, 0, 0, 0, 0}));
-    camera->stop();
-}
-
 TEST_F(Camera, Presets) {
     ruvo::test::LogCapture log("Capture.CUDACamera");
     EXPECT_TRUE(camera->setControls(std::string("barcode")));
@@ -237,13 +215,24 @@ TEST_F(Camera, StopWaitsForTheBufferAClientHolds) {
     EXPECT_TRUE(log.contains("CUDACamera(CUDACamera) All buffers returned"));
 }
 
-// The sensor's metering rectangle comes back one pixel wider and taller, with weight 1.
-TEST_F(Camera, FeedbackCarriesTheMeteringRectangleAndSensorState) {
+// The exposure region becomes the sensor's metering rectangle; the feedback of a frame carries
+// it back one pixel wider and taller with weight 1, and the sensor's gains, exposure and
+// luminance statistic.
+TEST_F(Camera, MeteringRectangleAndFeedback) {
     camera->start();
-    for (const auto& [id, value] : {std::pair{sensor::CID_METER_ENABLE, 1}, std::pair{sensor::CID_METER_LEFT, 10},
-                                    std::pair{sensor::CID_METER_TOP, 20}, std::pair{sensor::CID_METER_WIDTH, 100},
-                                    std::pair{sensor::CID_METER_HEIGHT, 50}, std::pair{sensor::CID_RED_GAIN, 2048},
-                                    std::pair{sensor::CID_GAIN, 376}, std::pair{sensor::CID_EXPOSURE, 22330}})
+    const auto meter = [&] {
+        std::vector<int32_t> values;
+        for (uint32_t id : {sensor::CID_METER_ENABLE, sensor::CID_METER_LEFT, sensor::CID_METER_TOP,
+                            sensor::CID_METER_WIDTH, sensor::CID_METER_HEIGHT})
+            values.push_back(camera->getControl(id));
+        return values;
+    };
+    Controls c = camera->getControls();
+    c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(10, 20, 109, 69), 0.5f)};
+    camera->setControls(c);
+    EXPECT_EQ(meter(), (std::vector<int32_t>{1, 10, 20, 100, 50}));
+    for (const auto& [id, value] : {std::pair{sensor::CID_RED_GAIN, 2048}, std::pair{sensor::CID_GAIN, 376},
+                                    std::pair{sensor::CID_EXPOSURE, 22330}})
         camera->setControl(id, value);
     CUDACamera::Bucket* bucket = next();  // 3A may move exposure and gain after the feedback is taken
     ASSERT_NE(bucket, nullptr);
@@ -257,6 +246,12 @@ TEST_F(Camera, FeedbackCarriesTheMeteringRectangleAndSensorState) {
     EXPECT_FLOAT_EQ(fb.luminance, static_cast<float>(camera->getControl(sensor::CID_AVG_LUMINANCE)) / 1023.0f);
     EXPECT_FLOAT_EQ(fb.autoExposureTime, 22330 * 0.44782403f / 1e6f);
     camera->release(bucket->index, 0);
+    c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(50, 20, 10, 69), 1.0f)};  // right < left
+    camera->setControls(c);
+    EXPECT_EQ(meter(), (std::vector<int32_t>{1, 50, 20, 0, 0}));
+    c.ae.regions.clear();
+    camera->setControls(c);
+    EXPECT_EQ(meter(), (std::vector<int32_t>{0, 0, 0, 0, 0}));
     camera->stop();
 }
 
