@@ -38,33 +38,23 @@ std::string startError(CUDACamera& camera) {
 
 }  // namespace
 
-TEST(CameraOpen, MissingPathNamesErrnoAndItsText) {
-    CUDACamera camera(simCameraConfig("/nonexistent/ruvo-video99"), 0);
-    EXPECT_EQ(startError(camera), "Cannot identify \"/nonexistent/ruvo-video99\" (2): No such file or directory");
-}
-
-TEST(CameraOpen, RegularFileIsNotADevice) {
-    const std::string path = ::testing::TempDir() + "ruvo-not-a-device";
-    std::ofstream(path) << "x";
-    CUDACamera camera(simCameraConfig(path), 0);
-    EXPECT_EQ(startError(camera), "Not a device: \"" + path + "\"");
-    std::remove(path.c_str());
-}
-
-TEST(CameraOpen, SizeTheDriverChangesIsRefused) {
-    CUDACamera camera(simCameraConfig(uniqueSimPath("fmt"), {{"width", "1281"}}), 0);
-    EXPECT_EQ(startError(camera), "Unsupported resolution: 1281x720");
-}
-
-TEST(CameraOpen, ConstructionTouchesNoDevice) {
-    const std::string path = uniqueSimPath("idle");
-    {
-        CUDACamera camera(simCameraConfig(path), 0);
-        auto sensor = sim::findSensor(path);
-        ASSERT_NE(sensor, nullptr);
-        EXPECT_FALSE(sensor->streaming());
-        EXPECT_EQ(sensor->queuedCount(), 0u);
+TEST(CameraOpen, FailuresNameTheCause) {
+    const std::string file = ::testing::TempDir() + "ruvo-not-a-device";
+    std::ofstream(file) << "x";
+    struct Case {
+        std::string path;
+        ruvo::test::Keys keys;
+        std::string message;
+    };
+    for (const Case& k : {Case{"/nonexistent/ruvo-video99",
+                               {},
+                               "Cannot identify \"/nonexistent/ruvo-video99\" (2): No such file or directory"},
+                          Case{file, {}, "Not a device: \"" + file + "\""},
+                          Case{uniqueSimPath("fmt"), {{"width", "1281"}}, "Unsupported resolution: 1281x720"}}) {
+        CUDACamera camera(simCameraConfig(k.path, k.keys), 0);
+        EXPECT_EQ(startError(camera), k.message);
     }
+    std::remove(file.c_str());
 }
 
 struct SizeCase {
@@ -87,9 +77,10 @@ TEST_P(CameraCycle, StartReadReleaseStop) {
     const size_t allocationsBefore = ruvo::hostrt::liveAllocations();
     const size_t streamsBefore = ruvo::hostrt::liveStreams();
 #endif
-    camera.start();
     auto sensor = sim::findSensor(path);
     ASSERT_NE(sensor, nullptr);
+    EXPECT_EQ(sensor->openCount(), 0u) << "construction touches no device";
+    camera.start();
     EXPECT_EQ(sensor->queuedCount(), 4u);
     ASSERT_TRUE(sensor->step());
     CUDACamera::Bucket* bucket = camera.read();
@@ -126,8 +117,7 @@ TEST_P(CameraCycle, StartReadReleaseStop) {
 INSTANTIATE_TEST_SUITE_P(AllConfigurationsAndSizes, CameraCycle,
                          ::testing::Combine(::testing::Range(0, 12),
                                             ::testing::Values(SizeCase{672, 380, 384}, SizeCase{1280, 720, 720},
-                                                              SizeCase{1920, 1080, 1152},
-                                                              SizeCase{2688, 1520, 1520})));
+                                                              SizeCase{1920, 1080, 1152}, SizeCase{2688, 1520, 1520})));
 
 #ifdef RUVO_HOST_BUILD
 // The byte counts of the layout: 1280x720 YUV_ONLY and the seven outputs of the histogram row.

@@ -1,6 +1,8 @@
-// The device front end to end with simulated cameras: the device list from properties and XML
-// configurations, start and stop with reader and delivery threads, control routing and its
-// refusals, and clients holding frames across stop().
+// The device front end to end with simulated cameras: the device list from properties and XML,
+// delivery in batches with every buffer lent out coming back, control routing and its refusals;
+// and faults from the sensor and the CUDA runtime (a stalled camera, a failing dequeue, a
+// disconnect, failures while starting, an interrupted frame wait), after which the healthy
+// camera keeps delivering, a failure is logged once, nothing spins and everything is freed.
 #include "CUDADeviceImpl.h"
 #include "sim/SimulatedSensor.h"
 #include "support/CameraTestAccess.h"
@@ -9,18 +11,28 @@
 #include "support/SimCamera.h"
 
 #include <ruvo/capture/CUDADevice.h>
+#include <ruvo/capture/CaptureDeviceException.h>
 
 #include <Poco/Util/PropertyFileConfiguration.h>
 #include <Poco/Util/XMLConfiguration.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <future>
+#include <map>
 #include <mutex>
 #include <sstream>
+#include <thread>
+
+#ifdef RUVO_HOST_BUILD
+#include "host/HostRuntimeControl.h"
+#endif
 
 using namespace ruvo::capture;
+using namespace std::chrono_literals;
 using ruvo::test::uniqueSimPath;
 
 namespace {
@@ -30,157 +42,162 @@ Poco::AutoPtr<Poco::Util::AbstractConfiguration> properties(const std::string& t
     return new Poco::Util::PropertyFileConfiguration(in);
 }
 
-Poco::AutoPtr<Poco::Util::AbstractConfiguration> xml(const std::string& text) {
-    std::istringstream in(text);
-    return new Poco::Util::XMLConfiguration(in);
+// The properties of camera entry `i`: enabled, at `path`, with a stepped clock unless `keys` say otherwise.
+std::string entry(int i, const std::string& path, std::map<std::string, std::string> keys = {}) {
+    keys.insert({{"enabled", "true"}, {"path", path}, {"sim.clock", "stepped"}});
+    std::string text;
+    for (const auto& [key, value] : keys) text += "devices[" + std::to_string(i) + "]." + key + "=" + value + "\n";
+    return text;
 }
 
-std::string simEntry(int i, bool enabled, const std::string& path, const std::string& extra = "") {
-    const std::string p = "devices[" + std::to_string(i) + "].";
-    return p + "enabled=" + (enabled ? "true" : "false") + "\n" + p + "path=" + path + "\n" + p +
-           "sim.clock=stepped\n" + extra;
-}
-
-// Collects batches delivered on the consumer thread.
+// What the device delivered on its delivery thread: batches, frames per camera, and the frames
+// themselves while `keep` is set.
 struct Client {
     std::mutex mutex;
     std::condition_variable cond;
-    std::vector<std::vector<std::shared_ptr<Frame>>> batches;
-    bool keep = false;
+    size_t batches = 0;
+    uint64_t frames[2] = {0, 0};
+    std::vector<std::shared_ptr<Frame>> kept;
+    std::atomic<bool> keep{false};
 
     OnNewDataCallback callback() {
         return [this](const std::vector<std::shared_ptr<Frame>>& batch) {
             std::lock_guard<std::mutex> lock(mutex);
-            batches.push_back(keep ? batch : std::vector<std::shared_ptr<Frame>>{});
-            if (!keep) batches.back().resize(batch.size());  // count only
+            ++batches;
+            for (const auto& f : batch) ++frames[f->cameraId];
+            if (keep) kept.insert(kept.end(), batch.begin(), batch.end());
             cond.notify_all();
         };
     }
-    bool waitForBatches(size_t n) {
+    bool waitFor(const std::function<bool()>& condition, std::chrono::seconds timeout = 10s) {
         std::unique_lock<std::mutex> lock(mutex);
-        return cond.wait_for(lock, std::chrono::seconds(10), [&] { return batches.size() >= n; });
+        return cond.wait_for(lock, timeout, condition);
+    }
+    // Waits until camera `c` delivered `n` more frames than now.
+    bool waitForFrames(int c, uint64_t n, std::chrono::seconds timeout = 10s) {
+        const uint64_t target = delivered(c) + n;
+        return waitFor([&] { return frames[c] >= target; }, timeout);
+    }
+    uint64_t delivered(int c) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return frames[c];
     }
 };
 
 struct Device : ::testing::Test {
     void SetUp() override { RUVO_REQUIRE_CUDA_DEVICE(); }
+    Client client;
+};
+
+// Two free-running small cameras named cam0 and cam1.
+struct TwoCameras : ::testing::Test {
+    void SetUp() override {
+        RUVO_REQUIRE_CUDA_DEVICE();
+        std::string text;
+        for (int i = 0; i < 2; ++i) {
+            text += entry(
+                i, paths[i],
+                {{"sim.clock", "free"}, {"width", "672"}, {"height", "380"}, {"name", "cam" + std::to_string(i)}});
+        }
+        impl = std::make_unique<CUDADeviceImpl>(properties(text), client.callback());
+    }
+    void TearDown() override {
+        if (impl && impl->isRunning()) {  // a failed assertion must not leave threads behind
+            try {
+                impl->stop();
+            } catch (const std::exception&) {
+            }
+        }
+    }
+    std::string startError() {
+        try {
+            impl->start();
+        } catch (const std::exception& e) {
+            return e.what();
+        }
+        return "";
+    }
+    std::shared_ptr<sim::SimulatedSensor> sensor(int c) { return sim::findSensor(paths[c]); }
+
+    std::string paths[2] = {uniqueSimPath("fault"), uniqueSimPath("fault")};
+    Client client;
+    std::unique_ptr<CUDADeviceImpl> impl;
 };
 
 }  // namespace
 
-TEST_F(Device, DisabledEntryKeepsNumbersButNotPositions) {
+// A disabled entry keeps its number but takes no position; a gap ends the list.
+TEST_F(Device, TheCameraListFromPropertiesAndXml) {
     const std::string path = uniqueSimPath("dev");
-    CUDADeviceImpl impl(properties(simEntry(0, false, uniqueSimPath("off")) + simEntry(1, true, path)), nullptr);
+    CUDADeviceImpl impl(properties(entry(0, uniqueSimPath("off"), {{"enabled", "false"}}) + entry(1, path) +
+                                   entry(3, uniqueSimPath("gap"))),
+                        nullptr);
     ASSERT_EQ(impl.numDevices(), 1u);
     EXPECT_EQ(impl.produceThreadName(0), "ProduceThread-1");
     EXPECT_EQ(CUDACameraTestAccess::index(impl.camera(0)), 1);
     EXPECT_EQ(impl.camera(0).getParams().path, path);
+    EXPECT_EQ(CUDADevice(properties(entry(0, uniqueSimPath("x"), {{"enabled", "false"}}))).numDevices(), 0u);
+    EXPECT_EQ(CUDADevice(properties("cuda.unused=1\n")).numDevices(), 0u);
+    std::istringstream xml("<config><devices><enabled>true</enabled><path>" + uniqueSimPath("xa") +
+                           "</path></devices><devices><enabled>true</enabled><path>" + uniqueSimPath("xb") +
+                           "</path><width>672</width><height>380</height></devices></config>");
+    CUDADeviceImpl fromXml(new Poco::Util::XMLConfiguration(xml), nullptr);
+    ASSERT_EQ(fromXml.numDevices(), 2u);
+    EXPECT_EQ(fromXml.camera(1).getParams().width, 672u);
 }
 
-TEST_F(Device, AGapEndsTheList) {
-    CUDADeviceImpl impl(properties(simEntry(0, true, uniqueSimPath("a")) + simEntry(2, true, uniqueSimPath("c"))),
-                        nullptr);
-    EXPECT_EQ(impl.numDevices(), 1u);
-}
-
-TEST_F(Device, NoEnabledEntryMeansNoCamerasAndNoError) {
-    CUDADevice device(properties(simEntry(0, false, uniqueSimPath("x"))));
-    EXPECT_EQ(device.numDevices(), 0u);
-    CUDADevice empty(properties("cuda.unused=1\n"));
-    EXPECT_EQ(empty.numDevices(), 0u);
-}
-
-TEST_F(Device, XmlEntriesAreWalkedToo) {
-    const std::string a = uniqueSimPath("xa"), b = uniqueSimPath("xb");
-    CUDADeviceImpl impl(xml("<config><devices><enabled>true</enabled><path>" + a +
-                            "</path></devices><devices><enabled>true</enabled><path>" + b +
-                            "</path><width>672</width><height>380</height></devices></config>"),
-                        nullptr);
-    ASSERT_EQ(impl.numDevices(), 2u);
-    EXPECT_EQ(impl.camera(1).getParams().width, 672u);
-}
-
-TEST_F(Device, DeliversBatchesAndReturnsEveryBuffer) {
+// Every buffer lent out comes back: stop() waits for a frame a client holds and returns once
+// another thread drops it. Frame ids run on across stop and start.
+TEST_F(Device, DeliversBatchesAndEveryBufferLentOutComesBack) {
     const std::string path = uniqueSimPath("run");
-    CUDADevice device(properties(simEntry(0, true, path)));
-    Client client;
+    CUDADevice device(properties(entry(0, path)));
     device.setCallback(client.callback());
-    EXPECT_FALSE(device.isRunning());
     device.start();
     EXPECT_TRUE(device.isRunning());
     auto sensor = sim::findSensor(path);
     for (size_t n = 1; n <= 5; ++n) {
         sensor->step();
-        ASSERT_TRUE(client.waitForBatches(n));
+        ASSERT_TRUE(client.waitFor([&] { return client.batches == n; }));
     }
-    device.stop();
-    EXPECT_FALSE(device.isRunning());
-    EXPECT_FALSE(sensor->streaming());
-}
-
-TEST_F(Device, FrameIdsRunOnAcrossStopAndStart) {
-    const std::string path = uniqueSimPath("ids");
-    CUDADevice device(properties(simEntry(0, true, path)));
-    Client client;
-    client.keep = true;
-    device.setCallback(client.callback());
-    device.start();
-    sim::findSensor(path)->step();
-    ASSERT_TRUE(client.waitForBatches(1));
-    const uint32_t first = client.batches[0][0]->frameId;
-    client.batches.clear();  // give the frames back before stopping
-    device.stop();
-    device.start();
-    sim::findSensor(path)->step();
-    ASSERT_TRUE(client.waitForBatches(1));
-    EXPECT_GT(client.batches[0][0]->frameId, first);
-    client.batches.clear();
-    device.stop();
-}
-
-TEST_F(Device, StopWaitsForFramesHeldOnAnotherThread) {
-    const std::string path = uniqueSimPath("hold");
-    CUDADevice device(properties(simEntry(0, true, path)));
-    Client client;
-    client.keep = true;
-    device.setCallback(client.callback());
-    device.start();
-    sim::findSensor(path)->step();
-    ASSERT_TRUE(client.waitForBatches(1));
-    std::shared_ptr<Frame> held = client.batches[0][0];
-    client.batches.clear();
+    client.keep = true;  // no batch is under way
+    sensor->step();
+    ASSERT_TRUE(client.waitFor([&] { return client.kept.size() == 1; }));
+    std::shared_ptr<Frame> held = std::move(client.kept[0]);
+    client.kept.clear();
+    const uint32_t firstId = held->frameId;
     ruvo::test::LogCapture log("Capture.CUDACamera");
     auto stopped = std::async(std::launch::async, [&] { device.stop(); });
     ASSERT_TRUE(log.waitFor("waiting for buffers to be returned: 3/4 free"));
-    EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
+    EXPECT_EQ(stopped.wait_for(0ms), std::future_status::timeout);
     std::thread([held = std::move(held)]() mutable { held.reset(); }).join();
     stopped.get();
+    EXPECT_FALSE(device.isRunning());
+    EXPECT_FALSE(sensor->streaming());
+    device.start();
+    sensor->step();
+    ASSERT_TRUE(client.waitFor([&] { return client.kept.size() == 1; }));
+    EXPECT_GT(client.kept[0]->frameId, firstId);
+    client.kept.clear();
+    device.stop();
 }
 
-TEST_F(Device, ControlRouting) {
-    const std::string path = uniqueSimPath("route");
-    CUDADevice device(properties(simEntry(0, true, path)));
+TEST_F(Device, ControlRoutingAndRefusals) {
+    CUDADevice device(properties(entry(0, uniqueSimPath("route"))));
+    device.start();
     ruvo::test::LogCapture log("Capture.CUDADevice");
-    Controls c = device.getControls(0);
-    c.hFlip = !c.hFlip;
+    const Controls before = device.getControls(0);
+    Controls c = before;
+    c.vFlip = !c.vFlip;
     device.setControls(1, c);
     EXPECT_TRUE(log.contains("Invalid cameraId (1) requested for setControls."));
-    EXPECT_EQ(device.getControls(0).hFlip, !c.hFlip);
+    EXPECT_EQ(device.getControls(0).vFlip, before.vFlip);
     EXPECT_FALSE(device.setNamedControls(1, "barcode"));
     EXPECT_EQ(log.count("Invalid cameraId (1) requested for setControls."), 2u);
     EXPECT_THROW(device.getControls(1), std::out_of_range);
     EXPECT_THROW(device.getCapabilities(1), std::out_of_range);
-    EXPECT_FALSE(device.setNamedControls(0, "night"));
     EXPECT_TRUE(device.setNamedControls(0, "barcode"));
     EXPECT_EQ(device.getControls(0).ae.manualMode, "AVGY");
-}
-
-TEST_F(Device, RefusedChangeRestoresAndThrowsTheCamerasMessage) {
-    const std::string path = uniqueSimPath("refuse");
-    CUDADevice device(properties(simEntry(0, true, path)));
-    device.start();
-    const Controls before = device.getControls(0);
-    Controls c = before;
+    // A refused change throws the camera's message, restores the controls and unpauses the readers.
     c.width = 1281;
     try {
         device.setControls(0, c);
@@ -189,9 +206,7 @@ TEST_F(Device, RefusedChangeRestoresAndThrowsTheCamerasMessage) {
         EXPECT_STREQ(e.what(), "Unsupported resolution");
     }
     EXPECT_EQ(device.getControls(0).width, 1280u);
-    // The readers were unpaused: frames still flow.
-    c = before;
-    c.vFlip = !c.vFlip;
+    c.width = 1280;
     device.setControls(0, c);
     EXPECT_EQ(device.getControls(0).vFlip, c.vFlip);
     device.stop();
@@ -204,7 +219,6 @@ TEST_F(Device, DescriptionsOfTheOutputConfigurations) {
 }
 
 #ifdef RUVO_HOST_BUILD
-#include "host/HostRuntimeControl.h"
 TEST(DeviceCuda, NoDeviceIsRefused) {
     ruvo::hostrt::setDeviceCount(0);
     try {
@@ -226,16 +240,96 @@ TEST(DeviceCuda, NoDeviceIsRefused) {
 }
 #endif
 
-// A camera that fails to construct ends the device's construction with its message; the
-// cameras already made are destroyed with it (the address sanitizer stage checks for leaks).
+// Regression: a camera that fails to construct ends the device's construction with its message;
+// the cameras already made are destroyed with it (the address sanitizer stage checks for leaks).
 TEST_F(Device, AFailingCameraEndsConstructionCleanly) {
     const std::string path = uniqueSimPath("first");
     try {
-        CUDADevice device(properties(simEntry(0, true, path) + simEntry(1, true, uniqueSimPath("bad"),
-                                                                          "devices[1].outputBufferFormats=12\n")));
+        CUDADevice device(properties(entry(0, path) + entry(1, uniqueSimPath("bad"), {{"outputBufferFormats", "12"}})));
         FAIL() << "constructed";
     } catch (const CaptureDeviceException& e) {
         EXPECT_STREQ(e.what(), "Unsupported CUDA output configuration");
     }
     EXPECT_EQ(sim::findSensor(path), nullptr);
+}
+
+TEST_F(TwoCameras, StalledCameraDoesNotHoldBackTheOtherAndResumes) {
+    impl->start();
+    ASSERT_TRUE(client.waitForFrames(0, 3));
+    sensor(0)->stall(2500ms);  // past the reader's 2 s wait
+    const uint64_t stalledAt = client.delivered(0);
+    ASSERT_TRUE(client.waitForFrames(1, 20));
+    EXPECT_LE(client.delivered(0), stalledAt + 4);  // at most what was already in flight
+    ASSERT_TRUE(client.waitForFrames(0, 5, 15s));   // resumes once frames come again
+    impl->stop();
+}
+
+TEST_F(TwoCameras, DequeueFailureIsLoggedOnceWithoutSpinningAndRecovers) {
+    ruvo::test::LogCapture log("Util.Worker");
+    impl->start();
+    ASSERT_TRUE(client.waitForFrames(0, 2));
+    sensor(0)->failDequeue(EIO);
+    ASSERT_TRUE(log.waitFor("VIDIOC_DQBUF: Input/output error"));
+    const uint64_t failedBefore = impl->produceTask(0).failedSteps();
+    ASSERT_TRUE(client.waitForFrames(1, 30));  // the other camera keeps delivering meanwhile
+    std::this_thread::sleep_for(1500ms);       // a window in which a spinning reader would fail thousands of times
+    EXPECT_LT(impl->produceTask(0).failedSteps() - failedBefore, 12u);
+    EXPECT_EQ(log.count("VIDIOC_DQBUF: Input/output error"), 1u);
+    sensor(0)->failDequeue(0);
+    ASSERT_TRUE(client.waitForFrames(0, 3));
+    impl->stop();
+}
+
+// An interrupted frame wait is a failed step: logged, then reading goes on.
+TEST_F(TwoCameras, InterruptedFrameWaitIsLoggedAndReadingGoesOn) {
+    ruvo::test::LogCapture log("Util.Worker");
+    impl->start();
+    ASSERT_TRUE(client.waitForFrames(0, 2));
+    sensor(0)->interruptNextSelect();
+    ASSERT_TRUE(log.waitFor(": select"));
+    ASSERT_TRUE(client.waitForFrames(0, 3));
+    impl->stop();
+}
+
+TEST_F(TwoCameras, DisconnectEndsInACompletedStop) {
+    ruvo::test::LogCapture log("Util.Worker");
+#ifdef RUVO_HOST_BUILD
+    const size_t allocations = ruvo::hostrt::liveAllocations();
+#endif
+    impl->start();
+    ASSERT_TRUE(client.waitForFrames(0, 2));
+    sensor(0)->disconnect();
+    ASSERT_TRUE(log.waitFor("ProduceTask-0: select"));  // the frame wait fails first on a vanished node
+    ASSERT_TRUE(client.waitForFrames(1, 10));
+    try {
+        impl->stop();
+        FAIL() << "stop() reported nothing for the disconnected camera";
+    } catch (const CaptureDeviceException& e) {
+        EXPECT_NE(std::string(e.what()).find("cam0"), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(log.count("ProduceTask-0: select"), 1u);
+    EXPECT_EQ(sensor(0)->openCount(), 0u);
+    EXPECT_FALSE(sensor(1)->streaming());
+    impl.reset();
+#ifdef RUVO_HOST_BUILD
+    EXPECT_EQ(ruvo::hostrt::liveAllocations(), allocations);
+#endif
+}
+
+TEST_F(TwoCameras, QueueFailureAtStartReachesTheCallerAndNothingLeaks) {
+#ifdef RUVO_HOST_BUILD
+    const size_t allocations = ruvo::hostrt::liveAllocations();
+#endif
+    sensor(1)->failNextQueue(EIO);
+    EXPECT_EQ(startError(), "Start Capturing: VIDIOC_QBUF: Input/output error");
+    impl.reset();
+    EXPECT_EQ(sim::findSensor(paths[0]), nullptr);
+#ifdef RUVO_HOST_BUILD
+    EXPECT_EQ(ruvo::hostrt::liveAllocations(), allocations);
+#endif
+}
+
+TEST_F(TwoCameras, StreamOnFailureAtStart) {
+    sensor(0)->failNextStreamOn(EIO);
+    EXPECT_EQ(startError(), "VIDIOC_STREAMON");
 }

@@ -16,9 +16,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <deque>
 #include <future>
 #include <mutex>
 #include <random>
@@ -35,95 +33,83 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Frames kept by the client until a random moment, dropped by several threads in any order.
+// Frames the client keeps; several threads drop them after random times in any order.
 class Holders {
 public:
     explicit Holders(int threads) {
         for (int i = 0; i < threads; ++i) _threads.emplace_back([this, i] { run(i); });
     }
     ~Holders() { finish(); }
-    void keep(std::shared_ptr<Frame> frame, std::chrono::milliseconds for_) {
+    void keep(std::shared_ptr<Frame> frame) {
         std::lock_guard<std::mutex> lock(_mutex);
-        if (_done) return;  // after finish() frames are dropped at once
-        _held.push_back({std::move(frame), Clock::now() + for_});
-        _cond.notify_one();
+        if (!_done) _held.push_back(std::move(frame));  // after finish() frames are dropped at once
     }
     void finish() {
-        {
-            std::lock_guard<std::mutex> lock(_mutex);
-            if (_done) return;
-            _done = true;
-            _held.clear();
-        }
-        _cond.notify_all();
+        if (_done.exchange(true)) return;
         for (auto& t : _threads) t.join();
+        std::lock_guard<std::mutex> lock(_mutex);
+        _held.clear();
     }
 
 private:
-    struct Held {
-        std::shared_ptr<Frame> frame;
-        Clock::time_point until;
-    };
     void run(int seed) {
         std::mt19937 rng(seed);
-        std::unique_lock<std::mutex> lock(_mutex);
         while (!_done) {
-            if (_held.empty()) {
-                _cond.wait_for(lock, 20ms);
-                continue;
-            }
-            const size_t pick = std::uniform_int_distribution<size_t>(0, _held.size() - 1)(rng);
-            if (_held[pick].until > Clock::now()) {
-                _cond.wait_for(lock, 2ms);
-                continue;
-            }
-            std::shared_ptr<Frame> frame = std::move(_held[pick].frame);
+            std::this_thread::sleep_for(std::chrono::milliseconds(rng() % 20));
+            std::shared_ptr<Frame> frame;  // the buffer goes back on this thread, outside the lock
+            std::lock_guard<std::mutex> lock(_mutex);
+            if (_held.empty()) continue;
+            const size_t pick = rng() % _held.size();
+            frame = std::move(_held[pick]);
             _held.erase(_held.begin() + static_cast<std::ptrdiff_t>(pick));
-            lock.unlock();
-            frame.reset();  // the buffer goes back on this thread
-            lock.lock();
         }
     }
     std::mutex _mutex;
-    std::condition_variable _cond;
-    std::deque<Held> _held;
-    bool _done = false;
+    std::vector<std::shared_ptr<Frame>> _held;
+    std::atomic<bool> _done{false};
     std::vector<std::thread> _threads;
 };
 
-const ruvo::util::Dimensions kSizes[] = {{672, 380}, {1280, 720}, {1920, 1080}, {2688, 1520}};
-
-// One random change of the controls; returns whether it needs a restart.
-bool randomChange(Controls& c, std::mt19937& rng, std::string& preset) {
-    std::uniform_int_distribution<int> kind(0, 7);
+// One random change of camera `camera`'s controls, sizes mostly small so that the soak keeps its
+// pace on two cores. Every change is valid: none may be refused.
+void randomChange(CUDADeviceImpl& device, uint32_t camera, std::mt19937& rng) {
+    static const ruvo::util::Dimensions sizes[] = {{672, 380}, {1280, 720}, {1920, 1080}, {2688, 1520}};
+    static const char* presets[] = {"default", "barcode", "oru", "night"};
     std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-    preset.clear();
-    switch (kind(rng)) {
-        case 0: {  // size, mostly small so that the soak keeps its pace on two cores
-            const auto& s = kSizes[unit(rng) < 0.8f ? 0 : std::uniform_int_distribution<int>(1, 3)(rng)];
-            const bool restart = c.width != s.width || c.height != s.height;
-            c.width = s.width;
-            c.height = s.height;
-            return restart;
+    Controls c = device.getControls(camera);
+    switch (rng() % 6) {
+        case 0: {
+            const auto& size = sizes[unit(rng) < 0.8f ? 0 : 1 + rng() % 3];
+            c.width = size.width;
+            c.height = size.height;
+            break;
         }
-        case 1: {
-            const uint32_t index = std::uniform_int_distribution<uint32_t>(0, 11)(rng);
-            const bool restart = c.outputBuffers != CUDA_OUTPUT_BUFFER_CONFIG[index];
-            c.outputBuffersConfIndex = index;
-            c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[index];
-            return restart;
-        }
-        case 2: c.hFlip = !c.hFlip; c.vFlip = unit(rng) < 0.5f; return false;
-        case 3: c.awb.gammaRed = 0.5f + unit(rng); c.awb.gammaCb = 0.5f + unit(rng); return false;
-        case 4: c.ae.manual = !c.ae.manual; c.ae.manualGain = 16 * unit(rng); c.ae.manualExposure = 0.03f * unit(rng); return false;
-        case 5: c.awb.manual = !c.awb.manual; c.awb.manualRedGain = 2 * unit(rng); return false;
-        case 6: c.ae.lock = !c.ae.lock; c.awb.lock = unit(rng) < 0.5f; return false;
-        default: {
-            static const char* names[] = {"default", "barcode", "oru", "night"};
-            preset = names[std::uniform_int_distribution<int>(0, 3)(rng)];
-            return false;
-        }
+        case 1:
+            c.outputBuffersConfIndex = rng() % 12;
+            c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[c.outputBuffersConfIndex];
+            break;
+        case 2:
+            c.hFlip = !c.hFlip;
+            c.vFlip = unit(rng) < 0.5f;
+            c.awb.gammaRed = 0.5f + unit(rng);
+            c.awb.gammaCb = 0.5f + unit(rng);
+            break;
+        case 3:
+            c.ae.manual = !c.ae.manual;
+            c.ae.lock = unit(rng) < 0.5f;
+            c.ae.manualGain = 16 * unit(rng);
+            c.ae.manualExposure = 0.03f * unit(rng);
+            break;
+        case 4:
+            c.awb.manual = !c.awb.manual;
+            c.awb.lock = unit(rng) < 0.5f;
+            c.awb.manualRedGain = 2 * unit(rng);
+            break;
+        default:
+            device.setControls(camera, std::string(presets[rng() % 4]));
+            return;
     }
+    EXPECT_NO_THROW(device.setControls(camera, c));
 }
 
 }  // namespace
@@ -148,59 +134,35 @@ TEST(Soak, RandomControlsAndClientsLoseNoBuffer) {
     std::atomic<uint64_t> frames{0};
     std::atomic<bool> idsRose{true};
     uint32_t lastFrameId = 0;
-    bool first = true;
     std::mt19937 clientRng(1);
-    auto holders = std::make_unique<Holders>(3);
+    Holders holders(3);
     CUDADeviceImpl device(config, [&](const std::vector<std::shared_ptr<Frame>>& batch) {
         for (const auto& f : batch) {  // called on the one delivery thread: no lock needed
-            if (!first && f->frameId <= lastFrameId) idsRose = false;
-            first = false;
+            if (frames > 0 && f->frameId <= lastFrameId) idsRose = false;
             lastFrameId = f->frameId;
-            if (std::uniform_int_distribution<int>(0, 3)(clientRng) == 0) {
-                holders->keep(f, std::chrono::milliseconds(std::uniform_int_distribution<int>(0, 60)(clientRng)));
-            }
+            ++frames;
+            if (clientRng() % 4 == 0) holders.keep(f);
         }
-        frames += batch.size();
     });
     device.start();
-
     std::mt19937 rng(7);
-    uint64_t changes = 0, restarts = 0, refusals = 0;
+    uint64_t changes = 0;
     const auto end = Clock::now() + std::chrono::seconds(seconds);
-    while (Clock::now() < end) {
+    for (; Clock::now() < end; ++changes) {
         const uint64_t target = frames + 24 + rng() % 48;  // every few dozen frames
         while (frames < target && Clock::now() < end) std::this_thread::sleep_for(5ms);
-        const uint32_t camera = rng() % 2;
-        Controls c = device.getControls(camera);
-        std::string preset;
-        const bool restart = randomChange(c, rng, preset);
-        if (!preset.empty()) {
-            device.setControls(camera, preset);
-        } else {
-            try {
-                device.setControls(camera, c);
-            } catch (const CUDADeviceException&) {
-                ++refusals;
-            }
-        }
-        ++changes;
-        restarts += restart ? 1 : 0;
+        randomChange(device, rng() % 2, rng);
     }
-    holders->finish();
-    const auto stopStart = Clock::now();
+    holders.finish();
     auto stopped = std::async(std::launch::async, [&] { device.stop(); });
     ASSERT_EQ(stopped.wait_for(60s), std::future_status::ready) << "stop() did not return: a buffer was lost";
     stopped.get();
-    const double stopMs = std::chrono::duration<double, std::milli>(Clock::now() - stopStart).count();
-
     EXPECT_TRUE(idsRose.load());
     EXPECT_GT(frames.load(), 0u);
-    EXPECT_EQ(refusals, 0u);
     EXPECT_FALSE(device.isRunning());
 #ifdef RUVO_HOST_BUILD
     EXPECT_EQ(ruvo::hostrt::liveAllocations(), allocations);
 #endif
-    std::printf("soak: %d s, %llu frames delivered, %llu control changes, %llu restarts, stop() %.1f ms, 0 buckets lost\n",
-                seconds, static_cast<unsigned long long>(frames.load()), static_cast<unsigned long long>(changes),
-                static_cast<unsigned long long>(restarts), stopMs);
+    std::printf("soak: %d s, %llu frames delivered, %llu control changes, 0 buckets lost\n", seconds,
+                static_cast<unsigned long long>(frames.load()), static_cast<unsigned long long>(changes));
 }

@@ -25,10 +25,8 @@ public:
     static float& aeGain(CUDACamera& camera) { return camera._aeState.gain; }
     static bool& aeNeedsUpdate(CUDACamera& camera) { return camera._aeState.controlNeedsUpdate; }
     static int32_t& awbBlueGain(CUDACamera& camera) { return camera._awbState.blueGain; }
-    static int32_t& awbRedGain(CUDACamera& camera) { return camera._awbState.redGain; }
     static bool& awbNeedsUpdate(CUDACamera& camera) { return camera._awbState.controlNeedsUpdate; }
     static bool isRunning(const CUDACamera& camera) { return camera._isRunning; }
-    static int fd(const CUDACamera& camera) { return camera._fd; }
     static int index(const CUDACamera& camera) { return camera._index; }
     static std::mt19937& prng(CUDACamera& camera) { return camera._prng; }
 };

@@ -2,10 +2,8 @@
 // camera and device tests decide exactly when a frame arrives.
 #pragma once
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Util/MapConfiguration.h>
+#include "support/sim_client.h"
 
-#include <atomic>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,18 +14,13 @@ namespace test {
 using Keys = std::vector<std::pair<std::string, std::string>>;
 
 // A fresh simulator path per call, so tests never share a sensor.
-inline std::string uniqueSimPath(const std::string& stem) {
-    static std::atomic<int> counter{0};
-    return "sim:" + stem + "-" + std::to_string(++counter);
-}
+using capture::testing::uniqueSimPath;
 
 // One camera entry: the path, a stepped clock, then `keys` (which may override either).
 inline Poco::AutoPtr<Poco::Util::MapConfiguration> simCameraConfig(const std::string& path, const Keys& keys = {}) {
-    Poco::AutoPtr<Poco::Util::MapConfiguration> config(new Poco::Util::MapConfiguration());
-    config->setString("path", path);
-    config->setString("sim.clock", "stepped");
-    for (const auto& kv : keys) config->setString(kv.first, kv.second);
-    return config;
+    capture::testing::SimKeys entry{{"path", path}, {"sim.clock", "stepped"}};
+    for (const auto& [key, value] : keys) entry[key] = value;
+    return capture::testing::cameraEntry(entry);
 }
 
 }  // namespace test

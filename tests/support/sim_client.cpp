@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
-#include <thread>
 
 namespace ruvo {
 namespace capture {
@@ -31,6 +30,34 @@ std::string uniqueSimPath(const std::string& stem) {
     return "sim:" + stem + "-" + std::to_string(counter.fetch_add(1));
 }
 
+v4l2_format captureFormat(uint32_t width, uint32_t height, uint32_t pixelFormat) {
+    v4l2_format format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    format.fmt.pix.width = width;
+    format.fmt.pix.height = height;
+    format.fmt.pix.pixelformat = pixelFormat;
+    format.fmt.pix.field = V4L2_FIELD_NONE;
+    return format;
+}
+
+v4l2_requestbuffers userptrRequest(uint32_t count) {
+    v4l2_requestbuffers request{};
+    request.count = count;
+    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    request.memory = V4L2_MEMORY_USERPTR;
+    return request;
+}
+
+v4l2_buffer userptrBuffer(uint32_t index, const void* memory, uint32_t length) {
+    v4l2_buffer buffer{};
+    buffer.index = index;
+    buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buffer.memory = V4L2_MEMORY_USERPTR;
+    buffer.m.userptr = reinterpret_cast<unsigned long>(memory);
+    buffer.length = length;
+    return buffer;
+}
+
 SimClient::SimClient(SimKeys keys, const std::string& stem) : _path(uniqueSimPath(stem)) {
     keys.emplace("sim.clock", "stepped");
     _io = makeDeviceIo(_path, cameraEntry(keys));
@@ -49,33 +76,20 @@ int SimClient::call(unsigned long request, void* argument) {
 }
 
 v4l2_pix_format SimClient::setFormat(uint32_t width, uint32_t height) {
-    v4l2_format format{};
-    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    format.fmt.pix.width = width;
-    format.fmt.pix.height = height;
-    format.fmt.pix.pixelformat = V4L2_PIX_FMT_SBGGR10;
-    format.fmt.pix.field = V4L2_FIELD_NONE;
+    v4l2_format format = captureFormat(width, height);
     if (const int error = call(VIDIOC_S_FMT, &format)) failed("VIDIOC_S_FMT", error);
     _format = format.fmt.pix;
     return _format;
 }
 
 void SimClient::requestBuffers(uint32_t count, size_t guardSamples) {
-    v4l2_requestbuffers request{};
-    request.count = count;
-    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    request.memory = V4L2_MEMORY_USERPTR;
+    v4l2_requestbuffers request = userptrRequest(count);
     if (const int error = call(VIDIOC_REQBUFS, &request)) failed("VIDIOC_REQBUFS", error);
     _memory.assign(request.count, std::vector<uint16_t>(_format.sizeimage / 2 + guardSamples, kGuard));
 }
 
 int SimClient::queue(uint32_t index) {
-    v4l2_buffer buffer{};
-    buffer.index = index;
-    buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buffer.memory = V4L2_MEMORY_USERPTR;
-    buffer.m.userptr = reinterpret_cast<unsigned long>(_memory.at(index).data());
-    buffer.length = _format.sizeimage;
+    v4l2_buffer buffer = userptrBuffer(index, _memory.at(index).data(), _format.sizeimage);
     return call(VIDIOC_QBUF, &buffer);
 }
 
@@ -84,20 +98,14 @@ void SimClient::queueAll() {
         if (const int error = queue(i)) failed("VIDIOC_QBUF", error);
 }
 
-void SimClient::streamOn() {
+void SimClient::stream(unsigned long request) {
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (const int error = call(VIDIOC_STREAMON, &type)) failed("VIDIOC_STREAMON", error);
-}
-
-void SimClient::streamOff() {
-    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (const int error = call(VIDIOC_STREAMOFF, &type)) failed("VIDIOC_STREAMOFF", error);
+    if (const int error = call(request, &type))
+        failed(request == VIDIOC_STREAMON ? "VIDIOC_STREAMON" : "VIDIOC_STREAMOFF", error);
 }
 
 std::optional<v4l2_buffer> SimClient::dequeue() {
-    v4l2_buffer buffer{};
-    buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buffer.memory = V4L2_MEMORY_USERPTR;
+    v4l2_buffer buffer = userptrBuffer(0);
     const int error = call(VIDIOC_DQBUF, &buffer);
     if (error == EAGAIN) return std::nullopt;
     if (error) failed("VIDIOC_DQBUF", error);
@@ -128,24 +136,6 @@ int32_t SimClient::set(uint32_t id, int32_t value) {
     v4l2_control control{id, value};
     if (const int error = call(VIDIOC_S_CTRL, &control)) failed("VIDIOC_S_CTRL", error);
     return control.value;
-}
-
-v4l2_queryctrl SimClient::query(uint32_t id) {
-    v4l2_queryctrl query{};
-    query.id = id;
-    if (const int error = call(VIDIOC_QUERYCTRL, &query)) failed("VIDIOC_QUERYCTRL", error);
-    return query;
-}
-
-Selected selectWhile(SimClient& client, const std::function<void()>& action) {
-    Selected selected;
-    std::thread waiter([&] {
-        selected.result = client.io().select(client.fd(), nullptr);
-        selected.error = errno;
-    });
-    action();
-    waiter.join();
-    return selected;
 }
 
 double channelMean(const uint16_t* frame, int width, int channel, int x0, int y0, int x1, int y1, int shift) {

@@ -12,7 +12,6 @@
 #include <linux/videodev2.h>
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -30,6 +29,11 @@ Poco::AutoPtr<Poco::Util::MapConfiguration> cameraEntry(const SimKeys& keys);
 
 // A "sim:" path not used before in this process, so that tests never share a sensor.
 std::string uniqueSimPath(const std::string& stem);
+
+// The V4L2 records of a capture queue with user-pointer memory.
+v4l2_format captureFormat(uint32_t width, uint32_t height, uint32_t pixelFormat = V4L2_PIX_FMT_SBGGR10);
+v4l2_requestbuffers userptrRequest(uint32_t count);
+v4l2_buffer userptrBuffer(uint32_t index, const void* memory = nullptr, uint32_t length = 0);
 
 class SimClient {
 public:
@@ -57,8 +61,8 @@ public:
     void requestBuffers(uint32_t count, size_t guardSamples = 0);
     int queue(uint32_t index);  // 0 or errno
     void queueAll();
-    void streamOn();
-    void streamOff();
+    void streamOn() { stream(VIDIOC_STREAMON); }
+    void streamOff() { stream(VIDIOC_STREAMOFF); }
     // The next filled buffer, or nothing when DQBUF answers EAGAIN; throws on other failures.
     std::optional<v4l2_buffer> dequeue();
     // Steps the sensor once and dequeues the frame it filled; throws when there is none.
@@ -68,15 +72,15 @@ public:
 
     int32_t get(uint32_t id);
     int32_t set(uint32_t id, int32_t value);  // returns the value the driver stored
-    v4l2_queryctrl query(uint32_t id);
 
     uint16_t* samples(uint32_t index) { return _memory.at(index).data(); }
     size_t sampleCount() const { return _format.width * _format.height; }
-    const v4l2_pix_format& format() const { return _format; }
 
     static constexpr uint16_t kGuard = 0xA5A5;
 
 private:
+    void stream(unsigned long request);
+
     std::string _path;
     std::shared_ptr<DeviceIo> _io;
     std::shared_ptr<sim::SimulatedSensor> _sensor;
@@ -84,14 +88,6 @@ private:
     v4l2_pix_format _format{};
     std::vector<std::vector<uint16_t>> _memory;
 };
-
-// The result of a select without time limit made on another thread while `action` runs on
-// this one: what it returned and errno.
-struct Selected {
-    int result = 0;
-    int error = 0;
-};
-Selected selectWhile(SimClient& client, const std::function<void()>& action);
 
 // Mean 10-bit value (stored sample >> shift) of the sites of one Bayer channel (0 red, 1 green,
 // 2 blue; BGGR layout) inside [x0, x1) x [y0, y1) of a width-wide frame, by a direct loop.

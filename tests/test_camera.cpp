@@ -1,0 +1,348 @@
+// A camera against the simulated sensor: runtime controls (validation order and messages, which
+// changes restart the device and what survives a restart, the metering rectangle, presets,
+// interrupted calls); returning buffers (a bucket goes back to the driver only with its last
+// distinct buffer, also concurrently, and stop() waits for buffers clients hold); the feedback a
+// frame carries; and the metering sample table and region prior.
+#include "CUDACamera.h"
+#include "OutputBufferConfig.h"
+#include "SensorControls.h"
+#include "sim/SimulatedSensor.h"
+#include "support/CameraTestAccess.h"
+#include "support/GpuPresence.h"
+#include "support/LogCapture.h"
+#include "support/SimCamera.h"
+
+#include <ruvo/capture/CaptureDeviceException.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <future>
+#include <random>
+#include <thread>
+#include <vector>
+
+using namespace ruvo::capture;
+using ruvo::test::simCameraConfig;
+using ruvo::test::uniqueSimPath;
+
+namespace {
+
+std::string refusal(CUDACamera& camera, const Controls& controls) {
+    try {
+        camera.setControls(controls);
+    } catch (const CaptureDeviceException& e) {
+        return e.what();
+    }
+    return "";
+}
+
+// A camera on its own simulated sensor with a stepped clock.
+struct Camera : ::testing::Test {
+    void SetUp() override { RUVO_REQUIRE_CUDA_DEVICE(); }
+    // Replaces the camera by one configured with `keys`.
+    void configure(const ruvo::test::Keys& keys) {
+        path = uniqueSimPath("camera");
+        camera = std::make_unique<CUDACamera>(simCameraConfig(path, keys), 0);
+    }
+    std::shared_ptr<sim::SimulatedSensor> sensor() { return sim::findSensor(path); }
+    // Steps the sensor once and reads the frame.
+    CUDACamera::Bucket* next() {
+        sensor()->step();
+        return camera->read();
+    }
+    std::string path = uniqueSimPath("camera");
+    std::unique_ptr<CUDACamera> camera = std::make_unique<CUDACamera>(simCameraConfig(path), 0);
+};
+
+}  // namespace
+
+TEST_F(Camera, ValidationRefusesAndChangesNothing) {
+    const Controls before = camera->getControls();
+    Controls c = before;
+    c.height = 721;
+    c.outputBuffersConfIndex = 12;  // checked later than the size
+    EXPECT_EQ(refusal(*camera, c), "Unsupported resolution");
+    c.height = 720;
+    c.outputBuffers.pop_back();
+    EXPECT_EQ(refusal(*camera, c), "Unsupported output buffer configuration");
+    c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[1];
+    EXPECT_EQ(refusal(*camera, c), "Output buffer configuration index out of range");
+    c = before;
+    c.awb.gammaRed = std::nanf("");
+    EXPECT_EQ(refusal(*camera, c), "Unsupported control value: not a finite number");
+    c = before;
+    c.ae.manualGain = INFINITY;
+    EXPECT_EQ(refusal(*camera, c), "Unsupported control value: not a finite number");
+    const Controls after = camera->getControls();
+    EXPECT_EQ(after.height, before.height);
+    EXPECT_EQ(after.outputBuffers, before.outputBuffers);
+    EXPECT_FLOAT_EQ(after.ae.manualGain, before.ae.manualGain);
+    // Index and list are independent: a list of row 1 with index 3 is accepted.
+    c = before;
+    c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[1];
+    c.outputBuffersConfIndex = 3;
+    EXPECT_EQ(refusal(*camera, c), "");
+}
+
+// Flips apply to the running sensor; a size change restarts it and keeps the sensor's values.
+// Interrupted control calls are repeated, never reported.
+TEST_F(Camera, FlipsApplyLiveAndASizeChangeRestartsKeepingSensorValues) {
+    camera->start();
+    sensor()->interruptNextIoctl(3);
+    const uint32_t ids[] = {sensor::CID_RED_GAIN, sensor::CID_GREEN_GAIN, sensor::CID_BLUE_GAIN, sensor::CID_EXPOSURE,
+                            sensor::CID_GAIN};
+    const int32_t values[] = {1500, 900, 700, 4321, 600};
+    for (int i = 0; i < 5; ++i) camera->setControl(ids[i], values[i]);
+    EXPECT_EQ(sensor()->interruptedIoctls(), 3u);
+    Controls c = camera->getControls();
+    c.hFlip = false;
+    c.vFlip = false;
+    camera->setControls(c);
+    EXPECT_EQ(camera->getControl(sensor::CID_HFLIP), 0);
+    EXPECT_EQ(camera->getControl(sensor::CID_VFLIP), 0);
+    EXPECT_EQ(camera->getControl(sensor::CID_EXPOSURE), 4321) << "a restart at start would have reset it";
+    c.width = 672;
+    c.height = 380;
+    camera->setControls(c);
+    auto s = sensor();
+    EXPECT_TRUE(s->streaming());
+    EXPECT_EQ(s->format().width, 672u);
+    sensor()->interruptNextIoctl(2);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(camera->getControl(ids[i]), values[i]) << std::hex << ids[i];
+    EXPECT_EQ(sensor()->interruptedIoctls(), 5u);
+    s->step();
+    CUDACamera::Bucket* bucket = camera->read();
+    ASSERT_NE(bucket, nullptr);
+    EXPECT_EQ(bucket->cuda_height, 384u);
+    camera->release(bucket->index, 0);
+    camera->stop();
+}
+
+TEST_F(Camera, Presets) {
+    ruvo::test::LogCapture log("Capture.CUDACamera");
+    EXPECT_TRUE(camera->setControls(std::string("barcode")));
+    EXPECT_FLOAT_EQ(camera->getControls().ae.targetY, 0.2f);
+    EXPECT_EQ(camera->getControls().ae.manualMode, "AVGY");
+    EXPECT_TRUE(log.contains("controls set to barcode"));
+    EXPECT_TRUE(camera->setControls(std::string("oru")));
+    EXPECT_EQ(camera->getControls().ae.manualMode, "oru");
+    EXPECT_FLOAT_EQ(camera->getControls().ae.targetY, 0.2f);
+    EXPECT_TRUE(camera->setControls(std::string("default")));
+    EXPECT_FLOAT_EQ(camera->getControls().ae.targetY, 0.3f);
+    EXPECT_EQ(camera->getControls().ae.manualMode, "default");
+    EXPECT_FALSE(camera->setControls(std::string("night")));
+    EXPECT_TRUE(log.contains("controls attempting to set to night but it is not implemented!"));
+    EXPECT_EQ(camera->getControls().ae.manualMode, "default");
+}
+
+// Changes made while stopped apply at start, which resets the sensor to its defaults and then
+// applies flips and the exposure region.
+TEST_F(Camera, ChangesWhileStoppedApplyAtStartAfterASensorReset) {
+    Controls c = camera->getControls();
+    c.hFlip = false;
+    c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(0, 0, 9, 9), 1.0f)};
+    c.outputBuffersConfIndex = 2;
+    c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[2];
+    camera->setControls(c);
+    camera->start();
+    for (uint32_t id : {sensor::CID_EXPOSURE, sensor::CID_GAIN, sensor::CID_RED_GAIN, sensor::CID_BLUE_GAIN}) {
+        EXPECT_EQ(camera->getControl(id), camera->queryControl(id).default_value) << std::hex << id;
+    }
+    EXPECT_EQ(camera->getControl(sensor::CID_HFLIP), 0);
+    EXPECT_EQ(camera->getControl(sensor::CID_VFLIP), 1);
+    EXPECT_EQ(camera->getControl(sensor::CID_METER_WIDTH), 10);
+    sensor()->step();
+    CUDACamera::Bucket* bucket = camera->read();
+    ASSERT_NE(bucket, nullptr);
+    EXPECT_EQ(bucket->buffers.size(), 7u);
+    for (unsigned k = 0; k < 7; ++k) camera->release(bucket->index, k);
+    camera->stop();
+}
+
+TEST_F(Camera, DoubleReleaseCountsOnce) {
+    configure({{"outputBufferFormats", "1"}});  // two outputs
+    camera->start();
+    CUDACamera::Bucket* bucket = next();
+    ASSERT_NE(bucket, nullptr);
+    camera->release(bucket->index, 0);
+    camera->release(bucket->index, 0);
+    EXPECT_EQ(bucket->status, CUDACamera::Bucket::USED);
+    EXPECT_EQ(sensor()->queuedCount(), 3u);
+    camera->release(bucket->index, 1);
+    EXPECT_EQ(bucket->status, CUDACamera::Bucket::FREE);
+    EXPECT_EQ(sensor()->queuedCount(), 4u);
+    camera->stop();
+}
+
+// Nine outputs released from nine threads at once, each twice: exactly one requeue per bucket.
+TEST_F(Camera, ConcurrentReleasesRequeueExactlyOnce) {
+    configure({{"outputBufferFormats", "7"}});
+    camera->start();
+    for (int round = 0; round < 8; ++round) {
+        CUDACamera::Bucket* bucket = next();
+        ASSERT_NE(bucket, nullptr);
+        ASSERT_EQ(bucket->buffers.size(), 9u);
+        std::atomic<int> ready{0};
+        std::vector<std::thread> threads;
+        for (unsigned k = 0; k < 9; ++k) {
+            threads.emplace_back([&, k] {
+                ++ready;
+                while (ready.load() < 9) std::this_thread::yield();
+                camera->release(bucket->index, k);
+                camera->release(bucket->index, k);
+            });
+        }
+        for (auto& t : threads) t.join();
+        EXPECT_EQ(bucket->status, CUDACamera::Bucket::FREE);
+        EXPECT_EQ(sensor()->queuedCount(), 4u) << "round " << round;
+    }
+    camera->stop();
+}
+
+TEST_F(Camera, StopWaitsForTheBufferAClientHolds) {
+    ruvo::test::LogCapture log("Capture.CUDACamera");
+    camera->start();
+    CUDACamera::Bucket* held = next();
+    ASSERT_NE(held, nullptr);
+    auto stopped = std::async(std::launch::async, [&] { camera->stop(); });
+    ASSERT_TRUE(log.waitFor("CUDACamera(CUDACamera) waiting for buffers to be returned: 3/4 free"));
+    EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
+    camera->release(held->index, 0);
+    stopped.get();
+    EXPECT_TRUE(log.contains("CUDACamera(CUDACamera)::waitForBuffersToBeReturned"));
+    EXPECT_TRUE(log.contains("CUDACamera(CUDACamera) All buffers returned"));
+}
+
+// The exposure region becomes the sensor's metering rectangle; the feedback of a frame carries
+// it back one pixel wider and taller with weight 1, and the sensor's gains, exposure and
+// luminance statistic.
+TEST_F(Camera, MeteringRectangleAndFeedback) {
+    camera->start();
+    const auto meter = [&] {
+        std::vector<int32_t> values;
+        for (uint32_t id : {sensor::CID_METER_ENABLE, sensor::CID_METER_LEFT, sensor::CID_METER_TOP,
+                            sensor::CID_METER_WIDTH, sensor::CID_METER_HEIGHT})
+            values.push_back(camera->getControl(id));
+        return values;
+    };
+    Controls c = camera->getControls();
+    c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(10, 20, 109, 69), 0.5f)};
+    camera->setControls(c);
+    EXPECT_EQ(meter(), (std::vector<int32_t>{1, 10, 20, 100, 50}));
+    for (const auto& [id, value] : {std::pair{sensor::CID_RED_GAIN, 2048}, std::pair{sensor::CID_GAIN, 376},
+                                    std::pair{sensor::CID_EXPOSURE, 22330}})
+        camera->setControl(id, value);
+    CUDACamera::Bucket* bucket = next();  // 3A may move exposure and gain after the feedback is taken
+    ASSERT_NE(bucket, nullptr);
+    const Feedback& fb = bucket->feedback;
+    ASSERT_EQ(fb.autoExposureRegions.size(), 1u);
+    EXPECT_EQ(fb.autoExposureRegions[0].rect, dlib::rectangle(10, 20, 110, 70));
+    EXPECT_EQ(fb.autoExposureRegions[0].weight, 1.0f);
+    EXPECT_EQ(fb.autoWhiteBalanceGains[0], 2.0f);
+    EXPECT_EQ(fb.autoWhiteBalanceGains[1], 1.0f);
+    EXPECT_EQ(fb.autoExposureGain, 2.0f);
+    EXPECT_FLOAT_EQ(fb.luminance, static_cast<float>(camera->getControl(sensor::CID_AVG_LUMINANCE)) / 1023.0f);
+    EXPECT_FLOAT_EQ(fb.autoExposureTime, 22330 * 0.44782403f / 1e6f);
+    camera->release(bucket->index, 0);
+    c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(50, 20, 10, 69), 1.0f)};  // right < left
+    camera->setControls(c);
+    EXPECT_EQ(meter(), (std::vector<int32_t>{1, 50, 20, 0, 0}));
+    c.ae.regions.clear();
+    camera->setControls(c);
+    EXPECT_EQ(meter(), (std::vector<int32_t>{0, 0, 0, 0, 0}));
+    camera->stop();
+}
+
+TEST(MeteringSamples, SeedZeroCamerasDrawIdenticalTablesThatGrowPerStartAndFitTheSize) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    CUDACamera a(simCameraConfig(uniqueSimPath("sa"), {{"numSamples", "500"}}), 0);
+    CUDACamera b(simCameraConfig(uniqueSimPath("sb"), {{"numSamples", "500"}}), 1);
+    a.start();
+    b.start();
+    const auto& ta = CUDACameraTestAccess::samples(a);
+    ASSERT_EQ(ta.size(), 500u);
+    EXPECT_EQ(ta, CUDACameraTestAccess::samples(b));
+    const auto first = ta;
+    a.stop();
+    a.start();
+    const auto& grown = CUDACameraTestAccess::samples(a);
+    ASSERT_EQ(grown.size(), 1000u);
+    EXPECT_TRUE(std::equal(first.begin(), first.end(), grown.begin()));
+    EXPECT_FALSE(std::equal(first.begin(), first.end(), grown.begin() + 500));
+    // Regression: a restart at a smaller size kept samples outside the new frame.
+    Controls c = a.getControls();
+    c.width = 672;
+    c.height = 380;
+    a.setControls(c);
+    ASSERT_EQ(grown.size(), 500u) << "redrawn";
+    for (const auto& s : grown) {
+        EXPECT_LT(s.first, 672);
+        EXPECT_LT(s.second, 380);
+    }
+    a.stop();
+    b.stop();
+}
+
+// The classic scaling draw, computed independently: x first, then y, from one engine.
+TEST(MeteringSamples, DrawsFollowTheScalingMethod) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    CUDACamera camera(simCameraConfig(uniqueSimPath("draw"), {{"numSamples", "64"}, {"awb.seed", "7"}}), 0);
+    camera.start();
+    std::mt19937 engine(7);
+    auto draw = [&](uint32_t n) {
+        const uint32_t scaling = 4294967295u / n;
+        uint32_t d;
+        do d = engine();
+        while (d >= n * scaling);
+        return static_cast<int>(d / scaling);
+    };
+    for (const auto& s : CUDACameraTestAccess::samples(camera)) {
+        EXPECT_EQ(s.first, draw(1280));
+        EXPECT_EQ(s.second, draw(720));
+    }
+    camera.stop();
+}
+
+TEST(MeteringSamples, NoiseStaysWithinATenth) {
+    CUDACamera camera(simCameraConfig(uniqueSimPath("noise")), 0);
+    std::mt19937 engine(0);
+    for (int i = 0; i < 1000; ++i) {
+        const float v = camera.noise();
+        EXPECT_GE(v, -0.1f);
+        EXPECT_LE(v, 0.1f);
+        EXPECT_FLOAT_EQ(v, static_cast<float>(engine()) * 2.3283064e-10f * 0.2f - 0.1f);
+    }
+    const dlib::rectangle r(5, 10, 7, 12);
+    for (int i = 0; i < 100; ++i) {
+        const int row = camera.randRow(r);
+        const int col = camera.randCol(r);
+        EXPECT_TRUE(row >= 10 && row <= 12);
+        EXPECT_TRUE(col >= 5 && col <= 7);
+    }
+}
+
+TEST(MeteringSamples, RegionPriorPeaksInTheCentre) {
+    CUDACamera camera(simCameraConfig(uniqueSimPath("grid")), 0);
+    const auto& w = CUDACameraTestAccess::winWeights(camera);
+    ASSERT_GE(w.size(), 16u);
+    const float centre = w[5], corner = w[0], edge = w[1];
+    for (int i : {5, 6, 9, 10}) EXPECT_FLOAT_EQ(w[i], centre);
+    for (int i : {0, 3, 12, 15}) EXPECT_FLOAT_EQ(w[i], corner);
+    EXPECT_GT(centre, edge);
+    EXPECT_GT(edge, corner);
+    // sigma = 4/3: centre offset (0.5, 0.5), corner (1.5, 1.5)
+    const double s = 4.0 / 3.0;
+    EXPECT_NEAR(centre, std::exp(-0.5 / (2 * s * s)) / (s * 2.5066283095076436), 1e-6);
+    EXPECT_NEAR(corner, std::exp(-4.5 / (2 * s * s)) / (s * 2.5066283095076436), 1e-6);
+    float sum = 0;
+    for (int i = 0; i < 16; ++i) sum += w[i];
+    EXPECT_FLOAT_EQ(CUDACameraTestAccess::sumWinWeights(camera), sum);
+    // A region count that is no square leaves the last slots zero.
+    CUDACamera ten(simCameraConfig(uniqueSimPath("grid10"), {{"ae.numRegions", "10"}}), 0);
+    const auto& w10 = CUDACameraTestAccess::winWeights(ten);
+    ASSERT_GE(w10.size(), 10u);
+    EXPECT_GT(w10[4], w10[0]);
+    EXPECT_EQ(w10[9], 0.0f);
+}
