@@ -4,13 +4,14 @@
 #include "test_3a_rig.h"
 
 #include "support/GpuPresence.h"
+#include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdio>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace ruvo {
 namespace capture {
@@ -36,44 +37,34 @@ std::pair<int32_t, int32_t> exposureAndGain(const CameraRig& rig) {
     return {rig.reg(sensor::CID_EXPOSURE), rig.reg(sensor::CID_GAIN)};
 }
 
-TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLines) {
+// Lock is set too: manual mode wins over it.
+TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
     RUVO_REQUIRE_CUDA_DEVICE();
     CameraRig rig({});
     CraftedFrame frame(kWidth, kHeight);
-    frame.fill(100, 128, 128);
     Access::aeExposure(*rig.camera) = 777;
     Access::aeGain(*rig.camera) = 333.0f;
-    for (const auto& [gain, reg] : {std::pair<float, int32_t>{1.0f, 128}, {3.0f, 440}, {16.0f, 2039}, {-1.0f, 0}}) {
-        rig.change([&, gain = gain](Controls& c) {
-            c.ae.manual = true;
-            c.ae.manualGain = gain;
-            c.ae.manualExposure = 0.01f;
+    // 0.01 s is 22330.2 lines; 1/30 s is 74433.99 lines: line 74433, also the frame period at 30 frames/s.
+    const struct {
+        float gain, seconds;
+        int32_t gainRegister, exposureRegister;
+    } cases[] = {{1.0f, 0.01f, 128, 22330},
+                 {3.0f, 0.01f, 440, 22330},
+                 {16.0f, 1.0f / 30.0f, 2039, 74433},
+                 {-1.0f, 0.01f, 0, 22330}};
+    for (const auto& c : cases) {
+        rig.change([&c](Controls& controls) {
+            controls.ae.manual = true;
+            controls.ae.lock = true;
+            controls.ae.manualGain = c.gain;
+            controls.ae.manualExposure = c.seconds;
         });
         rig.evaluate(frame.bucket);
-        EXPECT_EQ(rig.reg(sensor::CID_GAIN), reg) << gain;
-        EXPECT_EQ(rig.reg(sensor::CID_EXPOSURE), 22330) << "0.01 s is 22330.2 lines";
+        EXPECT_EQ(exposureAndGain(rig), std::make_pair(c.exposureRegister, c.gainRegister)) << c.gain;
     }
-    // 1/30 s is 74433.99 lines: line 74433, also the frame period at 30 frames/s.
-    rig.change([](Controls& c) { c.ae.manualExposure = 1.0f / 30.0f; });
-    rig.evaluate(frame.bucket);
-    EXPECT_EQ(rig.reg(sensor::CID_EXPOSURE), 74433);
     EXPECT_TRUE(Access::aeNeedsUpdate(*rig.camera));
     EXPECT_EQ(Access::aeExposure(*rig.camera), 777) << "manual mode keeps the automatic memory";
     EXPECT_EQ(Access::aeGain(*rig.camera), 333.0f);
-}
-
-TEST(ManualExposure, WinsOverLock) {
-    RUVO_REQUIRE_CUDA_DEVICE();
-    CameraRig rig({});
-    CraftedFrame frame(kWidth, kHeight);
-    rig.change([](Controls& c) {
-        c.ae.manual = true;
-        c.ae.lock = true;
-        c.ae.manualGain = 3.0f;
-        c.ae.manualExposure = 0.01f;
-    });
-    rig.evaluate(frame.bucket);
-    EXPECT_EQ(exposureAndGain(rig), std::make_pair(22330, 440));
 }
 
 TEST(LockedExposure, WritesBackTheLastAutomaticValuesOnce) {
@@ -126,16 +117,6 @@ TEST(AutoExposure, DeadBandWritesNothingAndLeavesTheFlag) {
     }
 }
 
-// One automatic step from exposure 20000 and gain 2.0, worked out from the control law.
-std::pair<double, double> expectedStep(int32_t statistic, float targetY) {
-    const double avgY = statistic / 1023.0;
-    const double err = targetY - avgY;
-    const double t = (20000.0 - 1.0) / (74433.0 - 1.0);
-    const double exposure = 1.0 + (t + err * 0.05 * t / avgY) * (74433.0 - 1.0);
-    const double gain = 0.6 + ((2.0 - 0.6) / 15.4 + err * 0.02) * 15.4;
-    return {exposure, gain};
-}
-
 // Exposure and gain written from exposure 20000 and gain 2.0 for `frame`.
 std::pair<int32_t, int32_t> stepFrom20000(CameraRig& rig, const CraftedFrame& frame) {
     rig.resetExposure(20000, 2.0f);
@@ -143,55 +124,54 @@ std::pair<int32_t, int32_t> stepFrom20000(CameraRig& rig, const CraftedFrame& fr
     return exposureAndGain(rig);
 }
 
-TEST(AutoExposure, DriverStatisticAloneWithoutSkinHistogramOrInAvgYMode) {
+// The driver's statistic drives the step without a skin histogram, in AVGY mode and past the
+// too-bright threshold (which logs why); otherwise region metering of the image does.
+TEST(AutoExposure, WhichLuminanceDrivesTheStep) {
     RUVO_REQUIRE_CUDA_DEVICE();
     CraftedFrame dark(kWidth, kHeight, 7);
     CraftedFrame bright(kWidth, kHeight, 7);
     fillTextured(dark, 20);
     fillTextured(bright, 150);
-    for (const char* configuration : {"0", "2"}) {
-        CameraRig rig({{"outputBufferFormats", configuration}});
-        if (std::string(configuration) == "2") rig.change([](Controls& c) { c.ae.manualMode = "AVGY"; });
+    const std::string failsafe = "Luminance auto-exposure: too bright failsafe, 0.01 < avgY = ";
+    const struct {
+        const char* name;
+        testing::SimKeys keys;
+        bool avgYMode;
+        bool regionMetering;
+    } cases[] = {{"no skin histogram", {{"outputBufferFormats", "0"}}, false, false},
+                 {"AVGY mode", {{"outputBufferFormats", "2"}}, true, false},
+                 {"too bright", {{"outputBufferFormats", "2"}, {"ae.avgYThreshold", "0.01"}}, false, false},
+                 {"region metering", {{"outputBufferFormats", "2"}}, false, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        CameraRig rig(c.keys);
+        if (c.avgYMode) rig.change([](Controls& controls) { controls.ae.manualMode = "AVGY"; });
         const int32_t statistic = rig.exposeForStatistic();
-        const auto written = stepFrom20000(rig, dark);
-        const auto [exposure, gain] = expectedStep(statistic, 0.3f);
-        EXPECT_NEAR(written.first, exposure, 1.5) << configuration;
-        EXPECT_NEAR(written.second, gainToRegister(static_cast<float>(gain)), 1.0) << configuration;
-        EXPECT_EQ(stepFrom20000(rig, bright), written) << "the image plays no part, configuration " << configuration;
+        ruvo::test::LogCapture log("Capture.CUDACamera");
+        const auto fromDark = stepFrom20000(rig, dark);
+        const auto fromBright = stepFrom20000(rig, bright);
+        std::vector<std::string> failsafeLines;
+        for (const std::string& line : log.lines())
+            if (line.rfind(failsafe, 0) == 0) failsafeLines.push_back(line);
+        if (c.regionMetering) {
+            EXPECT_GT(fromDark.first, 20000) << "a dark image asks for more light";
+            EXPECT_LT(fromBright.first, 20000) << "a bright image asks for less";
+            EXPECT_GT(fromDark.second, fromBright.second);
+            EXPECT_TRUE(failsafeLines.empty());
+            continue;
+        }
+        // One step of the control law from the statistic on 0..1 (exposure range 1..74433, gain 0.6..16).
+        const double avgY = statistic / 1023.0;
+        const double err = 0.3 - avgY;
+        const double t = (20000.0 - 1.0) / (74433.0 - 1.0);
+        EXPECT_NEAR(fromDark.first, 1.0 + (t + err * 0.05 * t / avgY) * (74433.0 - 1.0), 1.5);
+        const double gain = 0.6 + ((2.0 - 0.6) / 15.4 + err * 0.02) * 15.4;
+        EXPECT_NEAR(fromDark.second, gainToRegister(static_cast<float>(gain)), 1.0);
+        EXPECT_EQ(fromBright, fromDark) << "the image plays no part";
+        ASSERT_EQ(failsafeLines.size(), std::string(c.name) == "too bright" ? 2u : 0u);
+        for (const std::string& line : failsafeLines)
+            EXPECT_NEAR(std::stod(line.substr(failsafe.size())), avgY, 1e-5) << line;
     }
-}
-
-TEST(AutoExposure, RegionMeteringMetersTheImageWhenTheSkinHistogramIsThere) {
-    RUVO_REQUIRE_CUDA_DEVICE();
-    CameraRig rig({{"outputBufferFormats", "2"}});
-    CraftedFrame dark(kWidth, kHeight, 7);
-    CraftedFrame bright(kWidth, kHeight, 7);
-    fillTextured(dark, 20);
-    fillTextured(bright, 150);
-    rig.exposeForStatistic();
-    const auto fromDark = stepFrom20000(rig, dark);
-    const auto fromBright = stepFrom20000(rig, bright);
-    EXPECT_GT(fromDark.first, 20000) << "a dark image asks for more light";
-    EXPECT_LT(fromBright.first, 20000) << "a bright image asks for less";
-    EXPECT_GT(fromDark.second, fromBright.second);
-}
-
-TEST(AutoExposure, TooBrightFailsafeLogsAndUsesTheDriverStatistic) {
-    RUVO_REQUIRE_CUDA_DEVICE();
-    CameraRig rig({{"outputBufferFormats", "2"}, {"ae.avgYThreshold", "0.01"}});
-    CraftedFrame dark(kWidth, kHeight, 7);
-    CraftedFrame bright(kWidth, kHeight, 7);
-    fillTextured(dark, 20);
-    fillTextured(bright, 150);
-    const int32_t statistic = rig.exposeForStatistic();
-    testing::LogCapture log("Capture.CUDACamera");
-    const auto written = stepFrom20000(rig, dark);
-    EXPECT_EQ(stepFrom20000(rig, bright), written);
-    const auto [exposure, gain] = expectedStep(statistic, 0.3f);
-    EXPECT_NEAR(written.first, exposure, 1.5);
-    const auto lines = log.startingWith("Luminance auto-exposure: too bright failsafe, 0.01 < avgY = ");
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_NEAR(std::stod(lines[0].substr(lines[0].rfind(' '))), statistic / 1023.0, 1e-5);
 }
 
 TEST(AutoExposure, GainStaysWithinRegisters76And2039) {
