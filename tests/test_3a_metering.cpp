@@ -1,14 +1,17 @@
 // The arithmetic of auto exposure and white balance that the camera tests cannot reach through
 // the sensor, checked against values worked out by hand or computed here by direct loops:
 // register conversions, sampling and region statistics, contrast and skin weights, skin
-// statistics and blend, the gray test, exposure limits and the not-a-number fallbacks.
+// statistics and blend, the gray test, exposure limits and the not-a-number fallbacks; and what
+// the diagnostics records print for values a camera rarely makes.
 #include "Metering.h"
+#include "MeteringDiagnostics.h"
 #include "SensorControls.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
+#include <string>
 #include <vector>
 
 namespace ruvo {
@@ -263,6 +266,36 @@ TEST(ControllerSteps, NotANumberFallsBack) {
     EXPECT_EQ(metering::nextGain(15.0f, nan, 0.02f, 2.5f), 2.5f);
     // An empty channel range divides zero by zero: its minimum.
     EXPECT_EQ(metering::nextChannelGain(100.0f, 100.0f, 100.0f, 0.1f, 0.15f), 100.0f);
+}
+
+// ---- diagnostics records (the camera tests check them byte for byte) ----
+
+TEST(ExpStatRecord, SixDecimalsAndNotANumber) {
+    std::vector<metering::Region> regions(3);
+    regions[0].weight = 1.0f;
+    regions[1].weight = 0.0000004f;
+    regions[2].weight = std::numeric_limits<float>::quiet_NaN();
+    EXPECT_EQ(metering::expStatRecord(1, 12, regions),
+              "{ \"width\": 1, \"height\": 1, \"cameraIndex\": \"12\", \"data\": [1.000000,0.000000,nan]}");
+}
+
+// Levels that are no pyramid level (NOT_APPLICABLE, or level 0 where the output list has fewer
+// than seven entries) give the full size; counts print as unsigned and signed.
+TEST(ExpMetaRecord, LevelsThatAreNoPyramidLevelReadAsZero) {
+    metering::ExpMeta meta;
+    meta.cameraName = "left";
+    meta.cameraIndex = 1;
+    meta.width = 1920;
+    meta.cudaHeight = 1152;
+    for (int level : {-2, 0}) {
+        meta.level = level;
+        EXPECT_NE(metering::expMetaRecord(meta).find("\"bufferDims\": { \"width\":1920, \"height\":1152} }"),
+                  std::string::npos);
+    }
+    meta.skinPixels = 4294967295u;  // a wrapped count
+    meta.sumLuminance = -5;
+    const std::string text = metering::expMetaRecord(meta);
+    EXPECT_NE(text.find("\"numPixelsCount\": 4294967295, \"sumPixelsLuminance\": -5, "), std::string::npos) << text;
 }
 
 }  // namespace
