@@ -1,6 +1,6 @@
 // What the 3A tests share: a started camera on a fresh stepped simulated sensor whose control
 // registers the tests read back, frames crafted byte by byte for its evaluation, exact placement
-// of the metering samples, and capture of the camera's debug log.
+// of the metering samples, and the texts sent on a diagnostics channel.
 #pragma once
 
 #include "CUDACamera.h"
@@ -11,16 +11,10 @@
 
 #include <ruvo/util/Channel.h>
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
-#include <Poco/Logger.h>
-#include <Poco/Message.h>
-
 #include <cstdlib>
 #include <functional>
 #include <initializer_list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -103,8 +97,6 @@ public:
     }
 
     uint8_t& y(uint32_t x, uint32_t row) { return yuv[static_cast<size_t>(row) * width() + x]; }
-    uint8_t& u(uint32_t x, uint32_t row) { return yuv[lumaBytes() + chroma(x, row)]; }
-    uint8_t& v(uint32_t x, uint32_t row) { return yuv[lumaBytes() + lumaBytes() / 4 + chroma(x, row)]; }
 
     void fill(uint8_t Y, uint8_t U, uint8_t V) {
         std::fill(yuv.begin(), yuv.begin() + lumaBytes(), Y);
@@ -132,7 +124,6 @@ public:
 
 private:
     size_t lumaBytes() const { return static_cast<size_t>(width()) * height(); }
-    size_t chroma(uint32_t x, uint32_t row) const { return static_cast<size_t>(row / 2) * (width() / 2) + x / 2; }
 };
 
 // Makes sample i of the next evaluation fall on positions[i]: seeds rand() so that the frame's
@@ -164,49 +155,6 @@ public:
 private:
     std::shared_ptr<ruvo::util::Channel> _channel;
     ruvo::util::Channel::ListenerId _id = 0;
-};
-
-// Collects the messages of one logger at debug level while it lives.
-class LogCapture {
-public:
-    explicit LogCapture(const std::string& logger)
-        : _logger(Poco::Logger::get(logger)),
-          _channel(new Collector),
-          _previousChannel(_logger.getChannel()),
-          _previousLevel(_logger.getLevel()) {
-        _logger.setChannel(_channel);
-        _logger.setLevel(Poco::Message::PRIO_DEBUG);
-    }
-    ~LogCapture() {
-        _logger.setChannel(_previousChannel);
-        _logger.setLevel(_previousLevel);
-    }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    // Messages that begin with `prefix`.
-    std::vector<std::string> startingWith(const std::string& prefix) {
-        std::lock_guard<std::mutex> lock(_channel->mutex);
-        std::vector<std::string> found;
-        for (const std::string& m : _channel->messages)
-            if (m.rfind(prefix, 0) == 0) found.push_back(m);
-        return found;
-    }
-
-private:
-    struct Collector : Poco::Channel {
-        void log(const Poco::Message& message) override {
-            std::lock_guard<std::mutex> lock(mutex);
-            messages.push_back(message.getText());
-        }
-        std::mutex mutex;
-        std::vector<std::string> messages;
-    };
-
-    Poco::Logger& _logger;
-    Poco::AutoPtr<Collector> _channel;
-    Poco::Channel::Ptr _previousChannel;
-    int _previousLevel;
 };
 
 }  // namespace testing

@@ -1,13 +1,21 @@
-// The bookkeeping side of ruvo-capture: the command line, configuration layering and camera
+// The parts of ruvo-capture. Bookkeeping: the command line, configuration layering and camera
 // entries, error texts traced to their key, the recorder's rows and buffer hand-back, statistics,
-// status texts, the plot's data and script, and the diagnostics files.
+// status texts, the plot's data and script, and the diagnostics files. Images: colour conversion
+// against the pipeline's forward transform, frame copies with padded and pixel-unit strides, the
+// histogram chart, scaling into tiles, the contact sheet layout, the bitmap font, and PNG files
+// read back through libpng.
 #ifdef RUVO_CAPTURE_TOOL
 
+#include "BitmapFont.h"
 #include "Configuration.h"
+#include "ContactSheet.h"
 #include "DiagnosticsLog.h"
+#include "FrameCopy.h"
+#include "ImageConvert.h"
 #include "ImageExport.h"
 #include "Options.h"
 #include "Plot.h"
+#include "PngWriter.h"
 #include "Recorder.h"
 #include "Stats.h"
 #include "StatusReport.h"
@@ -20,6 +28,7 @@
 
 #include <gtest/gtest.h>
 
+#include <bitset>
 #include <sstream>
 
 using namespace ruvo::tool;
@@ -38,18 +47,11 @@ Poco::AutoPtr<Poco::Util::AbstractConfiguration> properties(const std::string& t
 }
 
 TEST(ToolParts, OptionsTakeEveryFormOfValue) {
-    const Options defaults = parse({"run"});
-    EXPECT_EQ(defaults.command, Options::Command::Run);
-    EXPECT_EQ(defaults.frames, 300u);
-    EXPECT_EQ(defaults.seconds, 0.0);
-    EXPECT_EQ(defaults.outputDir, "ruvo-capture-out");
-    EXPECT_EQ(defaults.configFile, "");
     const Options o =
         parse({"run", "--set", "a=1", "b.c=x=y", "--set=d=", "--frames=12", "--output", "o", "--config", "c.json"});
-    ASSERT_EQ(o.sets.size(), 3u);
-    EXPECT_EQ(o.sets[0], std::make_pair(std::string("a"), std::string("1")));
-    EXPECT_EQ(o.sets[1], std::make_pair(std::string("b.c"), std::string("x=y"))) << "split at the first '='";
-    EXPECT_EQ(o.sets[2], std::make_pair(std::string("d"), std::string("")));
+    EXPECT_EQ(o.command, Options::Command::Run);
+    // Split at the first '='.
+    EXPECT_EQ(o.sets, (std::vector<std::pair<std::string, std::string>>{{"a", "1"}, {"b.c", "x=y"}, {"d", ""}}));
     EXPECT_EQ(o.frames, 12u);
     EXPECT_EQ(o.outputDir, "o");
     EXPECT_EQ(o.configFile, "c.json");
@@ -80,42 +82,18 @@ TEST(ToolParts, EnabledCamerasAreTheDenseListsEnabledEntries) {
         "devices[2].enabled=true\ndevices[2].path=sim:c\ndevices[2].name=third\n"
         "devices[4].enabled=true\ndevices[4].path=sim:after-gap\n");
     const std::vector<CameraEntry> cameras = enabledCameras(*config);
+    // The info tests check entry numbers, names and paths from a file.
     ASSERT_EQ(cameras.size(), 2u);
-    EXPECT_EQ(cameras[0].entry, 0u);
     EXPECT_EQ(cameras[0].name, "CUDACamera");
     EXPECT_EQ(cameras[1].entry, 2u);
-    EXPECT_EQ(cameras[1].name, "third");
-    EXPECT_EQ(cameras[1].path, "sim:c");
     EXPECT_THROW(enabledCameras(*properties("devices[0].enabled=true\n")), ToolError);
     EXPECT_THROW(enabledCameras(*properties("devices[0].enabled=true\ndevices[0].path=\n")), ToolError);
     EXPECT_TRUE(enabledCameras(*properties("devices[0].path=sim:off\n")).empty()) << "enabled defaults to false";
 }
 
-TEST(ToolParts, TheBuiltInConfigurationStartsDarkOnTwoChartCameras) {
-    const auto config = defaultConfiguration();
-    const std::vector<CameraEntry> cameras = enabledCameras(*config);
-    ASSERT_EQ(cameras.size(), 2u);
-    EXPECT_NE(cameras[0].path, cameras[1].path) << "each camera its own simulated sensor";
-    EXPECT_EQ(config->getInt("devices[0].outputBufferFormats"), 2);
-    EXPECT_EQ(config->getInt("devices[1].outputBufferFormats"), 7);
-    for (const char* entry : {"devices[0]", "devices[1]"}) {
-        const std::string key = entry;
-        EXPECT_EQ(config->getString(key + ".sim.scene"), "chart");
-        EXPECT_EQ(config->getString(key + ".sim.clock"), "realtime");
-        EXPECT_DOUBLE_EQ(config->getDouble(key + ".sim.fps"), 30.0);
-        EXPECT_LT(config->getDouble(key + ".sim.illuminance"), 0.5) << "below the target at the start";
-    }
-}
-
-TEST(ToolParts, ParseFailuresNameTheKeyThatHoldsTheValue) {
+// The run tests check the text for values that a key holds; other errors keep their own text.
+TEST(ToolParts, ErrorsThatNoKeyHoldsKeepTheirText) {
     const auto config = properties("devices[0].path=sim:a\ndevices[1].path=sim:b\ndevices[1].ae.gainP=fast\n");
-    try {
-        config->getDouble("devices[1].ae.gainP");
-        FAIL() << "no syntax error";
-    } catch (const Poco::SyntaxException& e) {
-        EXPECT_EQ(describeConfigurationError(e, *config),
-                  "devices[1].ae.gainP = \"fast\": Not a valid floating-point number");
-    }
     const Poco::NotFoundException notFound("path");
     EXPECT_EQ(describeConfigurationError(notFound, *config), notFound.displayText());
     const Poco::SyntaxException elsewhere("Not a valid unsigned integer", "zzz");
@@ -123,9 +101,9 @@ TEST(ToolParts, ParseFailuresNameTheKeyThatHoldsTheValue) {
 }
 
 TEST(ToolParts, PercentilesAreNearestRank) {
+    // The summary test checks the median and p99 of eleven latencies.
     std::vector<double> values;
     for (int i = 100; i >= 1; --i) values.push_back(i);
-    EXPECT_EQ(percentile(values, 50), 50);
     EXPECT_EQ(percentile(values, 99), 99);
     EXPECT_EQ(percentile(values, 100), 100);
     EXPECT_EQ(percentile(values, 0), 1);
@@ -156,10 +134,7 @@ TEST(ToolParts, SamplesTakeTheFirstFrameAndTheRedGreenBlueGains) {
     int released = 0;
     const auto f = frame(1, 7, 3, &released);
     const FeedbackSample s = sampleOf(*f, f->timestamp + std::chrono::milliseconds(5));
-    EXPECT_DOUBLE_EQ(s.latencyMs, 5.0);
-    EXPECT_DOUBLE_EQ(s.wbRed, 1.5);
-    EXPECT_DOUBLE_EQ(s.wbGreen, 1.0);
-    EXPECT_DOUBLE_EQ(s.wbBlue, 0.75) << "gains are stored red, green, green, blue";
+    // Gains are stored red, green, green, blue; latency 5 ms.
     EXPECT_EQ(csvRow(s), "1,7,3,4000000000,0.0199999996,2,1.5,1,0.75,0.25,5.000");
 }
 
@@ -261,7 +236,8 @@ TEST(ToolParts, PlotDataHasOneBlockPerCameraWithSamples) {
     EXPECT_EQ(script.find("index 2"), std::string::npos);
 }
 
-TEST(ToolParts, ImageNamesAndLabelsSayCameraBufferTypeLevelAndSize) {
+// The file names are read back by the run test.
+TEST(ToolParts, TileLabelsSayCameraBufferTypeLevelAndSize) {
     FrameCopy copy;
     copy.cameraId = 1;
     copy.batchIndex = 5;
@@ -270,7 +246,6 @@ TEST(ToolParts, ImageNamesAndLabelsSayCameraBufferTypeLevelAndSize) {
     copy.outputLevel = Frame::HALF;
     copy.width = 336;
     copy.height = 190;
-    EXPECT_EQ(imageFileName(copy), "cam1-buf5-gradient_x-half.png");
     EXPECT_EQ(tileLabel(copy, {1, "right", "sim:right"}),
               (std::vector<std::string>{"camera 1 right, buffer 5", "Gradient X", "HALF, 336x190"}));
     copy.format = Frame::HISTOGRAM8;
@@ -295,6 +270,239 @@ TEST(ToolParts, DiagnosticsAreWrittenOneRecordPerLineWhileAttached) {
     EXPECT_EQ(ruvo::test::readText(scratch / (name + ".jsonl")), "{ \"a\": 1 }\n{ \"b\": 2 }\n");
     EXPECT_THROW(DiagnosticsLog(scratch / "missing-dir", {name}), ToolError);
     EXPECT_EQ(ruvo::util::Channel::attached(name), nullptr) << "a failed log attaches nothing";
+}
+
+// ---- images ----
+
+// The pipeline's colour conversion at unit chroma gamma, r, g, b in 0..1, rounded to bytes.
+void forwardYuv(float r, float g, float b, uint8_t* y, uint8_t* u, uint8_t* v) {
+    const float cb = 2.0f * (-0.1687f * r - 0.3313f * g + 0.5f * b);
+    const float cr = 2.0f * (0.5f * r - 0.4187f * g - 0.0813f * b);
+    *y = clampToByte(255.0f * (0.299f * r + 0.587f * g + 0.114f * b));
+    *u = clampToByte(255.0f * (0.5f * cb + 0.5f));
+    *v = clampToByte(255.0f * (0.5f * cr + 0.5f));
+}
+
+FrameCopy packedCopy(Frame::Format format, uint32_t w, uint32_t h, std::vector<uint8_t> plane0) {
+    FrameCopy copy;
+    copy.format = format;
+    copy.width = w;
+    copy.height = h;
+    copy.planes[0] = std::move(plane0);
+    return copy;
+}
+
+TEST(ToolParts, YuvToRgbInvertsThePipelineConversion) {
+    int worst = 0;
+    for (int r = 0; r <= 255; r += 15) {
+        for (int g = 0; g <= 255; g += 15) {
+            for (int b = 0; b <= 255; b += 15) {
+                uint8_t y, u, v;
+                forwardYuv(r / 255.0f, g / 255.0f, b / 255.0f, &y, &u, &v);
+                const Rgb back = yuvToRgb(y, u, v);
+                worst = std::max({worst, std::abs(back.r - r), std::abs(back.g - g), std::abs(back.b - b)});
+            }
+        }
+    }
+    EXPECT_LE(worst, 2) << "only byte rounding separates the round trip";
+    const Rgb gray = yuvToRgb(90, 128, 127);  // chroma centred on 127.5
+    EXPECT_NEAR(gray.r, 90, 1);
+    EXPECT_NEAR(gray.g, 90, 1);
+    EXPECT_NEAR(gray.b, 90, 1);
+    const Rgb clipped = yuvToRgb(250, 255, 255);
+    EXPECT_EQ(clipped.r, 255);
+    EXPECT_EQ(clipped.b, 255);
+}
+
+TEST(ToolParts, Yuv420ChromaCoversTwoByTwoBlocks) {
+    FrameCopy copy = packedCopy(Frame::YUV420p, 4, 4, std::vector<uint8_t>(16, 100));
+    copy.planes[1] = {128, 200, 128, 128};  // U per 2 x 2 block, row-major
+    copy.planes[2] = {128, 128, 60, 128};   // V
+    const Image image = toViewable(copy);
+    std::vector<uint8_t> expected;
+    for (uint32_t y = 0; y < 4; ++y) {
+        for (uint32_t x = 0; x < 4; ++x) {
+            const size_t block = (y / 2) * 2 + x / 2;
+            const Rgb rgb = yuvToRgb(100, copy.planes[1][block], copy.planes[2][block]);
+            expected.insert(expected.end(), {rgb.r, rgb.g, rgb.b});
+        }
+    }
+    EXPECT_EQ(image.channels, 3u);
+    EXPECT_EQ(image.pixels, expected);
+    EXPECT_GT(image.at(2, 0).b, image.at(0, 0).b) << "more blue where U is high";
+}
+
+TEST(ToolParts, GrayAndRgbFormatsKeepTheirSamples) {
+    const Image gray = toViewable(packedCopy(Frame::Y8, 3, 1, {0, 128, 255}));
+    EXPECT_EQ(gray.channels, 1u);
+    EXPECT_EQ(gray.pixels, (std::vector<uint8_t>{0, 128, 255}));
+    const Image rgb = toViewable(packedCopy(Frame::RGB24, 2, 1, {1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(rgb.pixels, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6}));
+    const Image bgr = toViewable(packedCopy(Frame::BGR24, 2, 1, {1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(bgr.pixels, (std::vector<uint8_t>{3, 2, 1, 6, 5, 4}));
+    EXPECT_THROW(toViewable(packedCopy(Frame::YUYV, 2, 1, {0, 0, 0, 0})), ToolError);
+    EXPECT_THROW(toViewable(packedCopy(Frame::SBGGR10, 2, 1, {0, 0, 0, 0})), ToolError);
+}
+
+TEST(ToolParts, FrameCopiesFollowEachPlanesStride) {
+    // Y8, 3 x 2 in rows of 5 bytes: the padding must not reach the copy.
+    std::vector<uint8_t> y8 = {1, 2, 3, 99, 99, 4, 5, 6, 99, 99};
+    Frame frame;
+    frame.format = Frame::Y8;
+    frame.width = 3;
+    frame.height = 2;
+    frame.planes[0] = {y8.data(), 3, 2, 5};
+    EXPECT_EQ(copyFrame(frame).planes[0], (std::vector<uint8_t>{1, 2, 3, 4, 5, 6}));
+    // RGB24 buffers give their stride in pixels.
+    std::vector<uint8_t> rgb = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    frame.format = Frame::RGB24;
+    frame.width = 2;
+    frame.planes[0] = {rgb.data(), 2, 2, 2};
+    EXPECT_EQ(copyFrame(frame).planes[0], rgb);
+    // YUV420p: three planes, chroma at half size.
+    std::vector<uint8_t> yuv(4 * 2 + 2 * 2, 7);
+    frame.format = Frame::YUV420p;
+    frame.width = 4;
+    frame.height = 2;
+    frame.planes[0] = {yuv.data(), 4, 2, 4};
+    frame.planes[1] = {yuv.data() + 8, 2, 1, 2};
+    frame.planes[2] = {yuv.data() + 10, 2, 1, 2};
+    const FrameCopy copy = copyFrame(frame);
+    EXPECT_EQ(copy.planes[0].size(), 8u);
+    EXPECT_EQ(copy.planes[1].size(), 2u);
+    EXPECT_EQ(copy.planes[2].size(), 2u);
+    // The histogram has no image size: 256 counters of 4 bytes.
+    std::vector<int32_t> counters(256, 3);
+    frame.format = Frame::HISTOGRAM8;
+    frame.width = frame.height = 0;
+    frame.planes[0] = {reinterpret_cast<uint8_t*>(counters.data()), 0, 0, 0};
+    EXPECT_EQ(histogramCounts(copyFrame(frame))[255], 3);
+    frame.planes[0].data = nullptr;
+    EXPECT_THROW(copyFrame(frame), ToolError);
+}
+
+TEST(ToolParts, HistogramBarsRiseWithTheirCounts) {
+    EXPECT_EQ(barHeight(0, 1000, 200), 0u);
+    EXPECT_EQ(barHeight(-5, 1000, 200), 0u);
+    EXPECT_EQ(barHeight(1000, 1000, 200), 200u);
+    EXPECT_GE(barHeight(1, 1000000, 200), 1u) << "a single count stays visible";
+    uint32_t previous = 0;
+    for (int64_t count = 1; count <= 1000; count *= 10) {
+        EXPECT_GT(barHeight(count, 1000, 200), previous);
+        previous = barHeight(count, 1000, 200);
+    }
+    Histogram counts{};
+    counts[10] = 500;  // a single bin: one full-height bar two pixels wide
+    const Image chart = histogramChart(counts);
+    auto inkInColumn = [&](uint32_t x) {
+        uint32_t ink = 0;
+        for (uint32_t y = 0; y < chart.height; ++y) ink += chart.at(x, y).r < 128 ? 1 : 0;
+        return ink;
+    };
+    const uint32_t left = (chart.width - 512) / 2;  // the plot is centred between equal margins
+    EXPECT_GE(inkInColumn(left + 20), 200u);
+    EXPECT_GE(inkInColumn(left + 21), 200u);
+    EXPECT_LE(inkInColumn(left + 22), 1u) << "only the axis below the empty bin";
+    EXPECT_LE(inkInColumn(left + 18), 1u);
+}
+
+Image solid(uint32_t w, uint32_t h, Rgb colour) {
+    Image image(w, h, 3);
+    image.fill(colour);
+    return image;
+}
+
+TEST(ToolParts, FittingAveragesWhenReducingAndRepeatsWhenEnlarging) {
+    Image halves(4, 2, 1);
+    for (uint32_t y = 0; y < 2; ++y) {
+        for (uint32_t x = 0; x < 4; ++x) halves.pixels[halves.offset(x, y)] = x < 2 ? 0 : 200;
+    }
+    const Image reduced = fitInto(halves, 2, 2);
+    ASSERT_EQ(reduced.width, 2u);
+    ASSERT_EQ(reduced.height, 1u);
+    EXPECT_EQ(reduced.at(0, 0).g, 0);
+    EXPECT_EQ(reduced.at(1, 0).g, 200);
+    const Image mixed = fitInto(halves, 1, 1);
+    EXPECT_EQ(mixed.at(0, 0).r, 100);
+    Image dots(2, 1, 3);
+    dots.set(1, 0, {10, 20, 30});
+    const Image enlarged = fitInto(dots, 7, 5);
+    ASSERT_EQ(enlarged.width, 6u) << "a whole factor of 3";
+    ASSERT_EQ(enlarged.height, 3u);
+    EXPECT_EQ(enlarged.at(2, 2).r, 0);
+    EXPECT_EQ(enlarged.at(3, 0).g, 20);
+}
+
+TEST(ToolParts, ContactSheetStartsEveryCameraOnANewRow) {
+    SheetLayout layout;
+    layout.columns = 2;
+    layout.tileWidth = 20;
+    layout.tileHeight = 10;
+    layout.labelLines = 1;
+    layout.textScale = 1;
+    layout.padding = 4;
+    const Rgb red{200, 0, 0}, green{0, 200, 0}, blue{0, 0, 200}, white{255, 255, 255};
+    const std::vector<SheetTile> tiles = {{0, solid(20, 10, red), {"A"}},
+                                          {0, solid(20, 10, green), {}},
+                                          {0, solid(20, 10, blue), {}},
+                                          {1, solid(20, 10, white), {}}};
+    const Image sheet = makeContactSheet(tiles, layout);
+    const uint32_t cellW = 24, cellH = 10 + kLineHeight + 4;
+    EXPECT_EQ(sheet.width, 2 * cellW + 4);
+    EXPECT_EQ(sheet.height, 3 * cellH + 4) << "camera 0 takes two rows, camera 1 a third";
+    auto centre = [&](uint32_t column, uint32_t row) { return sheet.at(4 + column * cellW + 10, 4 + row * cellH + 5); };
+    EXPECT_EQ(centre(0, 0).r, 200);
+    EXPECT_EQ(centre(1, 0).g, 200);
+    EXPECT_EQ(centre(0, 1).b, 200);
+    EXPECT_EQ(centre(1, 1).r, centre(1, 1).b) << "nothing beside the third tile";
+    EXPECT_EQ(centre(0, 2).g, 255);
+    bool labelInk = false;  // the label "A" under the first tile
+    for (uint32_t y = 4 + 10; y < 4 + 10 + kLineHeight; ++y) {
+        for (uint32_t x = 4; x < 4 + kGlyphWidth; ++x) labelInk |= sheet.at(x, y).g > 200;
+    }
+    EXPECT_TRUE(labelInk);
+    EXPECT_THROW(makeContactSheet({}, layout), ToolError);
+}
+
+TEST(ToolParts, TextDrawsTheGlyphBitsAtScale) {
+    EXPECT_EQ(glyphRows('A')[0], 0x0E);
+    EXPECT_EQ(&glyphRows('\x01'), &glyphRows('?'));
+    EXPECT_EQ(&glyphRows('\x7f'), &glyphRows('?'));
+    EXPECT_EQ(textWidth("ab", 2), 22u);
+    EXPECT_EQ(textWidth(""), 0u);
+    Image image(20, 20, 3);
+    drawText(image, 1, 1, "H", {255, 255, 255}, 2);
+    size_t bits = 0;
+    for (uint8_t row : glyphRows('H')) bits += std::bitset<8>(row).count();
+    size_t lit = 0;
+    for (uint32_t y = 0; y < 20; ++y) {
+        for (uint32_t x = 0; x < 20; ++x) lit += image.at(x, y).r == 255 ? 1 : 0;
+    }
+    EXPECT_EQ(lit, bits * 4) << "every glyph bit is a 2 x 2 block";
+    EXPECT_EQ(image.at(1, 1).r, 255) << "top-left bit of H";
+    EXPECT_EQ(image.at(3, 1).r, 0);
+    drawText(image, 15, 15, "WWW", {255, 0, 0}, 3);  // clipped at the edges, not written beyond
+    EXPECT_EQ(image.pixels.size(), 20u * 20 * 3);
+}
+
+TEST(ToolParts, PngFilesReadBackThroughLibpng) {
+    ruvo::test::ScratchDir scratch;
+    Image gray(3, 2, 1);
+    gray.pixels = {0, 50, 100, 150, 200, 250};
+    Image rgb(2, 3, 3);
+    for (size_t i = 0; i < rgb.pixels.size(); ++i) rgb.pixels[i] = static_cast<uint8_t>(i * 13);
+    for (const Image* image : {&gray, &rgb}) {
+        const std::string path = scratch / (std::to_string(image->channels) + ".png");
+        writePng(path, *image);
+        const ruvo::test::PngInfo png = ruvo::test::readPng(path);
+        ASSERT_TRUE(png.ok) << png.error;
+        EXPECT_EQ(png.width, image->width);
+        EXPECT_EQ(png.height, image->height);
+        EXPECT_EQ(png.channels, image->channels);
+        EXPECT_EQ(png.pixels, image->pixels);
+    }
+    EXPECT_THROW(writePng(scratch / "no/such/dir.png", rgb), ToolError);
+    EXPECT_THROW(writePng(scratch / "empty.png", Image()), ToolError);
 }
 
 }  // namespace

@@ -1,17 +1,25 @@
-// ruvo-capture run end to end on its built-in configuration (two simulated cameras, made
-// free-running and small for speed): the exit, the summary, every promised file read back
-// (PNG through libpng, CSV rows and columns, JSON lines through the POCO parser, the plot), and
-// auto exposure visibly converging in the recorded feedback.
+// ruvo-capture from the outside. A run on its built-in configuration (two simulated cameras, made
+// free-running and small for speed): the exit, the summary, every promised file read back (PNG
+// through libpng, CSV rows and columns, JSON lines through the POCO parser, the plot), and auto
+// exposure visibly converging in the recorded feedback. Then its commands: info on every
+// configuration file format and on the built-in configuration, a run from a file without gnuplot,
+// a run stopped with Ctrl-C, and every mistake a user can make ending in one error line with the
+// right exit status.
 #ifdef RUVO_CAPTURE_TOOL
 
 #include "support/GpuPresence.h"
 #include "test_tool_support.h"
+
+#include <ruvo/capture/CUDADevice.h>
 
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <set>
@@ -22,11 +30,8 @@ namespace {
 
 constexpr int kFrames = 200;
 
-struct CsvRow {
-    uint32_t camera = 0, frameId = 0, batchId = 0;
-    int64_t timestampNs = 0;
-    double exposureS = 0, gain = 0, wbR = 0, wbG = 0, wbB = 0, luminance = 0, latencyMs = 0;
-};
+// Columns of feedback.csv.
+enum Column { kCamera, kFrameId, kBatchId, kTimestampNs, kExposureS, kGain, kWbR, kWbG, kWbB, kLuminance, kLatencyMs };
 
 class ToolRun : public ::testing::Test {
 protected:
@@ -34,10 +39,9 @@ protected:
         if (!cudaDeviceAvailable(&skipReason)) return;
         scratch = std::make_unique<ScratchDir>();
         outDir = *scratch / "out";
-        result = runProgram(RUVO_CAPTURE_TOOL,
-                            {"run", "--set", "devices[*].sim.clock=free", "devices[*].width=672",
-                             "devices[*].height=380", "--frames", std::to_string(kFrames), "--output", outDir},
-                            *scratch);
+        result = runTool({"run", "--set", "devices[*].sim.clock=free", "devices[*].width=672", "devices[*].height=380",
+                          "--frames", std::to_string(kFrames), "--output", outDir},
+                         *scratch);
     }
     static void TearDownTestSuite() { scratch.reset(); }
     void SetUp() override {
@@ -45,15 +49,13 @@ protected:
         ASSERT_EQ(result.status, 0) << result.err;
     }
 
-    static std::vector<CsvRow> csvRows() {
-        std::vector<CsvRow> rows;
+    // The rows of feedback.csv after its header, every field read as a number.
+    static std::vector<std::vector<double>> csvRows() {
+        std::vector<std::vector<double>> rows;
         const std::vector<std::string> lines = splitLines(readText(outDir + "/feedback.csv"));
         for (size_t i = 1; i < lines.size(); ++i) {
-            const std::vector<std::string> f = splitFields(lines[i], ',');
-            if (f.size() != 11) continue;  // the column test reports these
-            rows.push_back({static_cast<uint32_t>(std::stoul(f[0])), static_cast<uint32_t>(std::stoul(f[1])),
-                            static_cast<uint32_t>(std::stoul(f[2])), std::stoll(f[3]), std::stod(f[4]), std::stod(f[5]),
-                            std::stod(f[6]), std::stod(f[7]), std::stod(f[8]), std::stod(f[9]), std::stod(f[10])});
+            rows.emplace_back();
+            for (const std::string& field : splitLines(lines[i], ',')) rows.back().push_back(std::stod(field));
         }
         return rows;
     }
@@ -83,11 +85,10 @@ TEST_F(ToolRun, EndsCleanlyWithASummaryAndTheOutputDirectory) {
 }
 
 TEST_F(ToolRun, WritesEveryOutputBufferOfTheLastBatchAsAViewablePng) {
-    struct Expected {
+    const struct {
         std::string name;
         uint32_t width, height, channels;
-    };
-    const std::vector<Expected> expected = {
+    } expected[] = {
         {"cam0-buf0-color-original", 672, 380, 3},      {"cam0-buf1-color-half", 336, 190, 3},
         {"cam0-buf2-color-quarter", 168, 95, 3},        {"cam0-buf3-skin_y-half", 336, 190, 1},
         {"cam0-buf5-skin_y-eighth", 84, 47, 1},         {"cam0-buf6-skin_y-sixteenth", 42, 23, 1},
@@ -97,7 +98,7 @@ TEST_F(ToolRun, WritesEveryOutputBufferOfTheLastBatchAsAViewablePng) {
         {"cam1-buf6-gradient_y-half", 336, 190, 1},     {"cam1-buf7-gradient_x-quarter", 168, 95, 1},
         {"cam1-buf8-gradient_y-quarter", 168, 95, 1},
     };
-    for (const Expected& e : expected) {
+    for (const auto& e : expected) {
         const PngInfo png = readPng(outDir + "/" + e.name + ".png");
         ASSERT_TRUE(png.ok) << e.name << ": " << png.error;
         EXPECT_EQ(png.width, e.width) << e.name;
@@ -109,9 +110,8 @@ TEST_F(ToolRun, WritesEveryOutputBufferOfTheLastBatchAsAViewablePng) {
     const PngInfo colour = readPng(outDir + "/cam1-buf0-color-original.png");
     double sum = 0;
     for (uint8_t v : colour.pixels) sum += v;
-    const double mean = sum / colour.pixels.size();
-    EXPECT_GT(mean, 40.0);
-    EXPECT_LT(mean, 200.0);
+    EXPECT_GT(sum / colour.pixels.size(), 40.0);
+    EXPECT_LT(sum / colour.pixels.size(), 200.0);
 }
 
 TEST_F(ToolRun, DrawsTheHistogramTheContactSheetAndThePlot) {
@@ -133,23 +133,21 @@ TEST_F(ToolRun, CsvHasOneRowPerCameraPerBatch) {
     const std::vector<std::string> lines = splitLines(readText(outDir + "/feedback.csv"));
     ASSERT_GT(lines.size(), 1u);
     EXPECT_EQ(lines[0], "camera,frame_id,batch_id,timestamp_ns,exposure_s,gain,wb_r,wb_g,wb_b,luminance,latency_ms");
-    for (size_t i = 1; i < lines.size(); ++i) ASSERT_EQ(splitFields(lines[i], ',').size(), 11u) << lines[i];
-    const std::vector<CsvRow> rows = csvRows();
-    std::set<std::pair<uint32_t, uint32_t>> cameraBatches;
-    std::map<uint32_t, CsvRow> previous;
-    std::map<uint32_t, int> count;
-    for (const CsvRow& row : rows) {
-        ASSERT_LT(row.camera, 2u);
-        EXPECT_TRUE(cameraBatches.insert({row.camera, row.batchId}).second)
-            << "camera " << row.camera << " twice in batch " << row.batchId;
-        if (previous.count(row.camera)) {
-            EXPECT_GT(row.frameId, previous[row.camera].frameId);
-            EXPECT_GT(row.batchId, previous[row.camera].batchId);
-            EXPECT_GT(row.timestampNs, previous[row.camera].timestampNs);
+    for (const std::string& line : lines) ASSERT_EQ(std::count(line.begin(), line.end(), ','), 10) << line;
+    std::set<std::pair<double, double>> cameraBatches;
+    std::map<double, std::vector<double>> previous;
+    std::map<double, int> count;
+    for (const std::vector<double>& row : csvRows()) {
+        const double camera = row[kCamera];
+        ASSERT_TRUE(camera == 0 || camera == 1) << camera;
+        EXPECT_TRUE(cameraBatches.insert({camera, row[kBatchId]}).second)
+            << "camera " << camera << " twice in batch " << row[kBatchId];
+        if (previous.count(camera)) {
+            for (Column c : {kFrameId, kBatchId, kTimestampNs}) EXPECT_GT(row[c], previous[camera][c]) << c;
         }
-        EXPECT_GE(row.latencyMs, 0.0);
-        previous[row.camera] = row;
-        ++count[row.camera];
+        EXPECT_GE(row[kLatencyMs], 0.0);
+        previous[camera] = row;
+        ++count[camera];
     }
     EXPECT_GE(count[0], kFrames);
     EXPECT_GE(count[1], kFrames);
@@ -157,52 +155,229 @@ TEST_F(ToolRun, CsvHasOneRowPerCameraPerBatch) {
 
 TEST_F(ToolRun, AutoExposureMovesExposureAndLuminanceTowardTheTarget) {
     const double targetY = 0.3;  // the cameras' default exposure target
-    for (uint32_t camera : {0u, 1u}) {
-        std::vector<CsvRow> rows;
-        for (const CsvRow& row : csvRows()) {
-            if (row.camera == camera) rows.push_back(row);
-        }
+    std::map<double, std::vector<std::vector<double>>> byCamera;
+    for (const std::vector<double>& row : csvRows()) byCamera[row[kCamera]].push_back(row);
+    for (double camera : {0, 1}) {
+        const std::vector<std::vector<double>>& rows = byCamera[camera];
         ASSERT_GE(rows.size(), 40u);
-        const CsvRow& first = rows.front();
-        const CsvRow& last = rows.back();
-        EXPECT_NEAR(first.exposureS, 0.010, 0.001) << "the sensor starts at 10 ms";
-        EXPECT_GT(last.exposureS, first.exposureS * 1.3) << "camera " << camera;
-        EXPECT_GT(last.luminance, first.luminance + 0.03) << "camera " << camera;
-        EXPECT_LT(std::abs(last.luminance - targetY), std::abs(first.luminance - targetY)) << "camera " << camera;
+        const std::vector<double>& first = rows.front();
+        const std::vector<double>& last = rows.back();
+        EXPECT_NEAR(first[kExposureS], 0.010, 0.001) << "the sensor starts at 10 ms";
+        EXPECT_GT(last[kExposureS], first[kExposureS] * 1.3) << "camera " << camera;
+        EXPECT_GT(last[kLuminance], first[kLuminance] + 0.03) << "camera " << camera;
+        EXPECT_LT(std::abs(last[kLuminance] - targetY), std::abs(first[kLuminance] - targetY)) << "camera " << camera;
     }
     // Camera 1 meters the whole frame and settles on the target itself.
-    std::vector<double> tail;
-    for (const CsvRow& row : csvRows()) {
-        if (row.camera == 1) tail.push_back(row.luminance);
-    }
-    tail.erase(tail.begin(), tail.end() - 20);
-    for (double y : tail) EXPECT_NEAR(y, targetY, 0.02);
+    for (size_t i = byCamera[1].size() - 20; i < byCamera[1].size(); ++i)
+        EXPECT_NEAR(byCamera[1][i][kLuminance], targetY, 0.02);
 }
 
+// Region metering, and with it both records, needs the skin histogram: camera 0 only. The
+// chart's skin patches are enough skin for the Meta record.
 TEST_F(ToolRun, DiagnosticsRecordsAreOneJsonObjectPerLine) {
-    Poco::JSON::Parser parser;
-    const std::vector<std::string> stat = splitLines(readText(outDir + "/CapDevCUDAExpStat.jsonl"));
+    auto records = [](const std::string& channel) {
+        std::vector<Poco::JSON::Object::Ptr> parsed;
+        for (const std::string& line : splitLines(readText(outDir + "/" + channel + ".jsonl")))
+            parsed.push_back(Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>());
+        return parsed;
+    };
+    const std::vector<Poco::JSON::Object::Ptr> stat = records("CapDevCUDAExpStat");
     ASSERT_GE(stat.size(), static_cast<size_t>(kFrames)) << "one record per metered frame";
-    std::set<std::string> cameras;
-    for (const std::string& line : stat) {
-        Poco::JSON::Object::Ptr record = parser.parse(line).extract<Poco::JSON::Object::Ptr>();
+    for (const Poco::JSON::Object::Ptr& record : stat) {
         const int side = record->getValue<int>("width");
         EXPECT_EQ(record->getValue<int>("height"), side);
         EXPECT_EQ(record->getArray("data")->size(), static_cast<size_t>(side * side));
-        cameras.insert(record->getValue<std::string>("cameraIndex"));
-        parser.reset();
+        EXPECT_EQ(record->getValue<std::string>("cameraIndex"), "0");
     }
-    // Region metering, and with it both records, needs the skin histogram: camera 0 only. The
-    // chart's skin patches are enough skin for the Meta record.
-    EXPECT_EQ(cameras, (std::set<std::string>{"0"}));
-    const std::vector<std::string> meta = splitLines(readText(outDir + "/CapDevCUDAExpMeta.jsonl"));
+    const std::vector<Poco::JSON::Object::Ptr> meta = records("CapDevCUDAExpMeta");
     EXPECT_FALSE(meta.empty());
-    for (const std::string& line : meta) {
-        Poco::JSON::Object::Ptr record = parser.parse(line).extract<Poco::JSON::Object::Ptr>();
+    for (const Poco::JSON::Object::Ptr& record : meta) {
         EXPECT_EQ(record->getValue<std::string>("type"), "Metering Metadata");
         EXPECT_EQ(record->getValue<std::string>("cameraName"), "left");
         EXPECT_EQ(record->getValue<std::string>("cameraIndex"), "0");
-        parser.reset();
+    }
+}
+
+// ---- commands ----
+
+const std::string kData = RUVO_TOOL_TEST_DATA;
+
+class ToolCommands : public ::testing::Test {
+protected:
+    ToolResult run(const std::vector<std::string>& args, const std::string& environment = "") {
+        return runTool(args, scratch, environment);
+    }
+    // Runs the tool and expects `status` with one error line, containing `fragment`, alone on stderr.
+    void expectOneErrorLine(const std::vector<std::string>& args, int status, const std::string& fragment,
+                            const std::string& environment = "") {
+        const std::string what = toolCommand(args);
+        const ToolResult r = run(args, environment);
+        EXPECT_EQ(r.status, status) << what << "\n" << r.err;
+        const std::vector<std::string> lines = splitLines(r.err);
+        ASSERT_EQ(lines.size(), 1u) << what << ":\n" << r.err;
+        EXPECT_EQ(lines[0].rfind("ruvo-capture: error: ", 0), 0u) << what << ": " << lines[0];
+        EXPECT_NE(lines[0].find(fragment), std::string::npos) << what << ": " << lines[0];
+    }
+    ScratchDir scratch;
+};
+
+TEST_F(ToolCommands, EveryFileFormatDescribesTheSameCameras) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    // The info text after its first line, which names the configuration file.
+    auto body = [this](const std::string& format) {
+        const ToolResult r = run({"info", "--config", kData + "/two-cameras." + format});
+        EXPECT_EQ(r.status, 0) << format << ": " << r.err;
+        return r.out.substr(r.out.find('\n') + 1);
+    };
+    const std::string reference = body("properties");
+    EXPECT_NE(reference.find("Cameras: 2\n"), std::string::npos) << reference;
+    // The disabled entry 1 is skipped; the second camera keeps its entry number 2.
+    EXPECT_NE(reference.find("camera 0 (devices[0]): name \"alpha\", path \"sim:alpha\""), std::string::npos);
+    EXPECT_NE(reference.find("camera 1 (devices[2]): name \"gamma\", path \"sim:gamma\""), std::string::npos);
+    EXPECT_NE(reference.find("size 672 x 380, hFlip false, vFlip true"), std::string::npos) << reference;
+    EXPECT_NE(reference.find("output configuration 11: only basic with 24-bit RGB"), std::string::npos);
+    for (const char* format : {"ini", "xml", "json"}) EXPECT_EQ(body(format), reference) << format;
+}
+
+TEST_F(ToolCommands, InfoListsCapabilitiesControlsAndEveryOutputConfiguration) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    const ToolResult r = run({"info", "--set", "devices[0].ae.targetY=0.25", "devices[1].vFlip=false"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    for (const char* text : {
+             "camera 0 (devices[0]): name \"left\", path \"sim:left\"",
+             "camera 1 (devices[1]): name \"right\", path \"sim:right\"",
+             "capabilities: 672x380 1280x720 1920x1080 2688x1520",
+             "target Y 0.250",  // --set reaches the camera
+             "hFlip true, vFlip false", "mode \"default\"", "exposure time range 0.167 .. 33.333 ms",
+             "buffer 4: HISTOGRAM8  8bit skin masked luminance histogram  NOT_APPLICABLE",
+             "buffer 2: RGB24       Raw Bayer",  // row 9 lists the Bayer view third
+         }) {
+        EXPECT_NE(r.out.find(text), std::string::npos) << text << "\n" << r.out;
+    }
+    for (const auto& row : ruvo::capture::CUDADevice::outputConfigDescriptions) {
+        const std::string line = (row.first < 10 ? "   " : "  ") + std::to_string(row.first) + "  " + row.second + "\n";
+        EXPECT_NE(r.out.find(line), std::string::npos) << line;
+    }
+}
+
+// No gnuplot on PATH: one error line, after the other files were written as they are.
+TEST_F(ToolCommands, RunFromAFileWithoutGnuplotWritesTheOtherFiles) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    const std::string out = scratch / "json-run";
+    expectOneErrorLine({"run", "--config", kData + "/two-cameras.json", "--set", "devices[*].sim.clock=free",
+                        "--frames", "20", "--output", out},
+                       1, "gnuplot not found", "PATH=" + scratch.path());
+    const PngInfo rgb = readPng(out + "/cam1-buf0-color-original.png");  // RGB_ONLY at 672 x 380
+    ASSERT_TRUE(rgb.ok) << rgb.error;
+    EXPECT_EQ(rgb.width, 672u);
+    EXPECT_EQ(rgb.height, 380u);
+    EXPECT_EQ(rgb.channels, 3u);
+    EXPECT_TRUE(readPng(out + "/cam0-buf1-color-half.png").ok);
+    EXPECT_TRUE(readPng(out + "/contact-sheet.png").ok);
+    EXPECT_FALSE(Poco::File(out + "/convergence.png").exists());
+    // No skin histogram configured: the diagnostics files exist and stay empty.
+    EXPECT_TRUE(Poco::File(out + "/CapDevCUDAExpStat.jsonl").exists());
+    EXPECT_EQ(readText(out + "/CapDevCUDAExpStat.jsonl"), "");
+}
+
+TEST_F(ToolCommands, CtrlCStopsTheRunAndStillWritesTheFiles) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    const std::string out = scratch / "interrupted";
+    // Real-time clock and a frame count it will not reach: only the signal ends this run. The
+    // shell prints its process id, which the tool keeps by replacing the shell.
+    const std::string command = "echo $$; exec " +
+                                toolCommand({"run", "--set", "devices[*].width=672", "devices[*].height=380",
+                                             "--frames", "1000000", "--output", out}) +
+                                " 2>" + shellQuoted(scratch / "stderr");
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    char line[512];
+    ASSERT_NE(fgets(line, sizeof line, pipe), nullptr);
+    const pid_t pid = std::stoi(line);
+    // A status line with a frame rate shows that the cameras are delivering.
+    std::string seen;
+    while (seen.find("fps, latency") == std::string::npos && fgets(line, sizeof line, pipe) != nullptr) seen += line;
+    EXPECT_NE(seen.find("fps, latency"), std::string::npos) << seen << readText(scratch / "stderr");
+    kill(pid, SIGINT);
+    while (fgets(line, sizeof line, pipe) != nullptr) seen += line;
+    const int status = pclose(pipe);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << readText(scratch / "stderr");
+    EXPECT_NE(seen.find("Stopped: stopped by signal."), std::string::npos) << seen;
+    EXPECT_TRUE(readPng(out + "/contact-sheet.png").ok);
+    EXPECT_GT(splitLines(readText(out + "/feedback.csv")).size(), 1u);
+}
+
+TEST_F(ToolCommands, NoCudaDeviceIsOneErrorLine) {
+    if (cudaDeviceAvailable()) GTEST_SKIP() << "this machine has a CUDA device";
+    expectOneErrorLine({"info"}, 1, "cannot build the cameras: cudaGetDeviceCount");
+}
+
+TEST_F(ToolCommands, BadCameraKeysAndASilentCameraEndInOneErrorLine) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    // A stepped clock that nobody steps: camera 1 stays silent while camera 0 runs.
+    expectOneErrorLine({"run", "--set", "devices[1].sim.clock=stepped", "devices[*].width=672", "devices[*].height=380",
+                        "--frames", "1000000", "--output", scratch / "silent"},
+                       1, "camera 1 (sim:right) delivered no frame for 10 s");
+    const std::pair<std::string, std::string> cases[] = {
+        {"devices[0].width=abc", "devices[0].width = \"abc\": Not a valid unsigned integer"},
+        {"devices[1].ae.targetY=high", "devices[1].ae.targetY = \"high\""},
+        {"devices[0].outputBufferFormats=12", "Unsupported CUDA output configuration"},
+        {"devices[1].demosaicMode=-1", "Unsupported CUDA demosaic configuration"},
+        {"devices[0].path=/dev/video99", "/dev/video99"},
+        {"devices[1].width=1281", "Unsupported resolution"},
+        {"devices[0].sim.clock=fast", "sim.clock"},
+        {"devices[1].enabled=maybe", "devices[1].enabled = \"maybe\""},
+    };
+    for (const auto& [setting, fragment] : cases)
+        expectOneErrorLine({"run", "--set", setting, "--frames", "5", "--output", scratch / "out"}, 1, fragment);
+}
+
+TEST_F(ToolCommands, ConfigurationFileAndCommandLineMistakesEndInOneErrorLine) {
+    const std::string directory = scratch / "folder.properties";
+    Poco::File(directory).createDirectories();
+    const std::string broken = scratch / "broken.json";
+    std::ofstream(broken) << "{ \"devices\": [ { \"enabled\": tru";
+    const struct {
+        std::string file;
+        int status;
+        std::string fragment;
+    } files[] = {
+        {scratch / "missing.properties", 1, "does not exist"},
+        {directory, 1, "is not a regular file"},
+        {broken, 1, "is not valid .json"},
+        {kData + "/two-cameras.yaml", 2, "unknown extension .yaml"},
+        {scratch / "noextension", 2, "no extension"},
+    };
+    for (const auto& f : files) {
+        expectOneErrorLine({"run", "--config", f.file, "--output", scratch / "out"}, f.status, f.fragment);
+        expectOneErrorLine({"info", "--config", f.file}, f.status, f.fragment);
+    }
+    const std::pair<std::vector<std::string>, std::string> usage[] = {
+        {{}, "no command given"},
+        {{"record"}, "unknown command \"record\""},
+        {{"run", "--fast"}, "unknown option --fast"},
+        {{"run", "--frames"}, "--frames needs a value"},
+        {{"run", "--frames", "0"}, "--frames needs a positive whole number"},
+        {{"run", "--frames", "12x"}, "--frames needs a positive whole number"},
+        {{"run", "--seconds", "-1"}, "--seconds needs a positive number"},
+        {{"run", "--frames", "5", "--seconds", "2"}, "cannot be used together"},
+        {{"run", "--set", "width"}, "--set needs key=value"},
+        {{"run", "--set", "=3"}, "needs a key"},
+        {{"info", "--output", "x"}, "apply to the run command only"},
+        {{"run", "--log", "loud"}, "unknown log level \"loud\""},
+        {{"run", "info"}, "unexpected argument \"info\""},
+    };
+    for (const auto& [args, fragment] : usage) expectOneErrorLine(args, 2, fragment);
+}
+
+TEST_F(ToolCommands, HelpPrintsTheUsage) {
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"--help"}, {"run", "-h"}, {"help"}}) {
+        const ToolResult r = run(args);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.err, "");
+        EXPECT_EQ(r.out.rfind("Usage:\n  ruvo-capture run ", 0), 0u) << r.out;
+        EXPECT_NE(r.out.find("--seconds S"), std::string::npos);
     }
 }
 

@@ -1,0 +1,428 @@
+// 3A on a started camera, checked on the simulated sensor's registers and the diagnostics
+// channels, with crafted frames: auto exposure's manual and lock branches, dead band, step and
+// limits, which luminance drives it and the skin threshold; white balance's gray-world step,
+// perturbation, tie rule, clamping, manual and lock (gain registers 0..4095, 1024 for a factor of
+// 1); the metering records byte for byte.
+#include "test_3a_rig.h"
+
+#include "support/GpuPresence.h"
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ruvo {
+namespace capture {
+namespace {
+
+using testing::CameraRig;
+using testing::CraftedFrame;
+using testing::kHeight;
+using testing::kWidth;
+using Access = CUDACameraTestAccess;
+
+// ---- auto exposure ----
+// Texture whose contrast differs from region to region, on a base level.
+void fillTextured(CraftedFrame& frame, uint8_t base) {
+    frame.fill(base, 128, 128);
+    frame.fillLuma([base](uint32_t x, uint32_t y) {
+        const uint32_t span = 10 + 20 * (x * 4 / kWidth) + 5 * (y * 4 / kHeight);
+        return static_cast<uint8_t>(base + (x * 31 + y * 17) % span);
+    });
+}
+
+std::pair<int32_t, int32_t> exposureAndGain(const CameraRig& rig) {
+    return {rig.reg(sensor::CID_EXPOSURE), rig.reg(sensor::CID_GAIN)};
+}
+
+// Lock is set too: manual mode wins over it.
+TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    CameraRig rig({});
+    CraftedFrame frame(kWidth, kHeight);
+    Access::aeExposure(*rig.camera) = 777;
+    Access::aeGain(*rig.camera) = 333.0f;
+    // 0.01 s is 22330.2 lines; 1/30 s is 74433.99 lines: line 74433, also the frame period at 30 frames/s.
+    const struct {
+        float gain, seconds;
+        int32_t gainRegister, exposureRegister;
+    } cases[] = {{1.0f, 0.01f, 128, 22330},
+                 {3.0f, 0.01f, 440, 22330},
+                 {16.0f, 1.0f / 30.0f, 2039, 74433},
+                 {-1.0f, 0.01f, 0, 22330}};
+    for (const auto& c : cases) {
+        rig.change([&c](Controls& controls) {
+            controls.ae.manual = true;
+            controls.ae.lock = true;
+            controls.ae.manualGain = c.gain;
+            controls.ae.manualExposure = c.seconds;
+        });
+        rig.evaluate(frame.bucket);
+        EXPECT_EQ(exposureAndGain(rig), std::make_pair(c.exposureRegister, c.gainRegister)) << c.gain;
+    }
+    EXPECT_TRUE(Access::aeNeedsUpdate(*rig.camera));
+    EXPECT_EQ(Access::aeExposure(*rig.camera), 777) << "manual mode keeps the automatic memory";
+    EXPECT_EQ(Access::aeGain(*rig.camera), 333.0f);
+}
+
+TEST(LockedExposure, WritesBackTheLastAutomaticValuesOnce) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    CameraRig rig({});
+    CraftedFrame frame(kWidth, kHeight);
+    frame.fill(100, 128, 128);
+    rig.exposeForStatistic();
+    rig.change([](Controls& c) { c.ae.targetY = 0.9f; });
+    rig.evaluate(frame.bucket);
+    const auto automatic = exposureAndGain(rig);
+    EXPECT_EQ(automatic.first, Access::aeExposure(*rig.camera));
+    EXPECT_EQ(automatic.second, static_cast<int32_t>(Access::aeGain(*rig.camera)));
+
+    rig.change([](Controls& c) {
+        c.ae.manual = true;
+        c.ae.manualGain = 2.0f;
+        c.ae.manualExposure = 0.01f;
+    });
+    rig.evaluate(frame.bucket);
+    ASSERT_EQ(exposureAndGain(rig), std::make_pair(22330, 376));
+
+    rig.change([](Controls& c) {
+        c.ae.manual = false;
+        c.ae.lock = true;
+    });
+    rig.evaluate(frame.bucket);
+    EXPECT_EQ(exposureAndGain(rig), automatic) << "the automatic values, not the manual ones";
+    EXPECT_FALSE(Access::aeNeedsUpdate(*rig.camera));
+
+    rig.setReg(sensor::CID_EXPOSURE, 5000);
+    rig.evaluate(frame.bucket);
+    EXPECT_EQ(rig.reg(sensor::CID_EXPOSURE), 5000) << "written back only once";
+}
+
+TEST(AutoExposure, DeadBandWritesNothingAndLeavesTheFlag) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    CameraRig rig({});
+    CraftedFrame frame(kWidth, kHeight);
+    const int32_t statistic = rig.exposeForStatistic();
+    ASSERT_GT(statistic, 0);
+    rig.change([&](Controls& c) { c.ae.targetY = static_cast<float>(statistic) / 1023.0f; });
+    rig.setReg(sensor::CID_EXPOSURE, 12345);
+    rig.setReg(sensor::CID_GAIN, 300);
+    for (bool flag : {true, false}) {
+        Access::aeNeedsUpdate(*rig.camera) = flag;
+        rig.evaluate(frame.bucket);
+        EXPECT_EQ(exposureAndGain(rig), std::make_pair(12345, 300));
+        EXPECT_EQ(Access::aeNeedsUpdate(*rig.camera), flag);
+    }
+}
+
+// Exposure and gain written from exposure 20000 and gain 2.0 for `frame`.
+std::pair<int32_t, int32_t> stepFrom20000(CameraRig& rig, const CraftedFrame& frame) {
+    rig.resetExposure(20000, 2.0f);
+    rig.evaluate(frame.bucket);
+    return exposureAndGain(rig);
+}
+
+// The driver's statistic drives the step without a skin histogram, in AVGY mode and past the
+// too-bright threshold (which logs why); otherwise region metering of the image does.
+TEST(AutoExposure, WhichLuminanceDrivesTheStep) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    CraftedFrame dark(kWidth, kHeight, 7);
+    CraftedFrame bright(kWidth, kHeight, 7);
+    fillTextured(dark, 20);
+    fillTextured(bright, 150);
+    const std::string failsafe = "Luminance auto-exposure: too bright failsafe, 0.01 < avgY = ";
+    const struct {
+        const char* name;
+        testing::SimKeys keys;
+        bool avgYMode;
+        bool regionMetering;
+    } cases[] = {{"no skin histogram", {{"outputBufferFormats", "0"}}, false, false},
+                 {"AVGY mode", {{"outputBufferFormats", "2"}}, true, false},
+                 {"too bright", {{"outputBufferFormats", "2"}, {"ae.avgYThreshold", "0.01"}}, false, false},
+                 {"region metering", {{"outputBufferFormats", "2"}}, false, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        CameraRig rig(c.keys);
+        if (c.avgYMode) rig.change([](Controls& controls) { controls.ae.manualMode = "AVGY"; });
+        const int32_t statistic = rig.exposeForStatistic();
+        ruvo::test::LogCapture log("Capture.CUDACamera");
+        const auto fromDark = stepFrom20000(rig, dark);
+        const auto fromBright = stepFrom20000(rig, bright);
+        std::vector<std::string> failsafeLines;
+        for (const std::string& line : log.lines())
+            if (line.rfind(failsafe, 0) == 0) failsafeLines.push_back(line);
+        if (c.regionMetering) {
+            EXPECT_GT(fromDark.first, 20000) << "a dark image asks for more light";
+            EXPECT_LT(fromBright.first, 20000) << "a bright image asks for less";
+            EXPECT_GT(fromDark.second, fromBright.second);
+            EXPECT_TRUE(failsafeLines.empty());
+            continue;
+        }
+        // One step of the control law from the statistic on 0..1 (exposure range 1..74433, gain 0.6..16).
+        const double avgY = statistic / 1023.0;
+        const double err = 0.3 - avgY;
+        const double t = (20000.0 - 1.0) / (74433.0 - 1.0);
+        EXPECT_NEAR(fromDark.first, 1.0 + (t + err * 0.05 * t / avgY) * (74433.0 - 1.0), 1.5);
+        const double gain = 0.6 + ((2.0 - 0.6) / 15.4 + err * 0.02) * 15.4;
+        EXPECT_NEAR(fromDark.second, gainToRegister(static_cast<float>(gain)), 1.0);
+        EXPECT_EQ(fromBright, fromDark) << "the image plays no part";
+        ASSERT_EQ(failsafeLines.size(), std::string(c.name) == "too bright" ? 2u : 0u);
+        for (const std::string& line : failsafeLines)
+            EXPECT_NEAR(std::stod(line.substr(failsafe.size())), avgY, 1e-5) << line;
+    }
+}
+
+TEST(AutoExposure, GainStaysWithinRegisters76And2039) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    CameraRig rig({});
+    CraftedFrame frame(kWidth, kHeight);
+    frame.fill(100, 128, 128);
+    rig.exposeForStatistic();
+    for (float target : {5.0f, -5.0f}) {
+        rig.change([target](Controls& c) { c.ae.targetY = target; });
+        for (int i = 0; i < 60; ++i) {
+            rig.evaluate(frame.bucket);
+            ASSERT_GE(rig.reg(sensor::CID_GAIN), 76);
+            ASSERT_LE(rig.reg(sensor::CID_GAIN), 2039);
+            ASSERT_GE(rig.reg(sensor::CID_EXPOSURE), 372) << "0.000166667 s is 372 lines";
+            ASSERT_LE(rig.reg(sensor::CID_EXPOSURE), 74433);
+        }
+        EXPECT_EQ(rig.reg(sensor::CID_GAIN), target > 0 ? 2039 : 76);
+        EXPECT_EQ(Access::currExpGain(*rig.camera), target > 0 ? 16.0f : 0.6f);
+    }
+}
+
+TEST(AutoExposure, SkinRatioExactlyAtItsThresholdChangesNothing) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    // 2304 skin pixels of the 1280 x 720 image's half-size histogram.
+    const float ratio = (2304.0f / kWidth / kHeight) * 4;
+    char threshold[32];
+    std::snprintf(threshold, sizeof threshold, "%.9g", static_cast<double>(ratio));
+    CameraRig rig({{"outputBufferFormats", "2"}, {"ae.skinRatioThreshold", threshold}});
+    ASSERT_EQ(rig.camera->getParams().ae.skinRatioThreshold, ratio);
+    testing::Listener meta("CapDevCUDAExpMeta");
+
+    CraftedFrame frame(kWidth, kHeight, 7);
+    fillTextured(frame, 60);
+    auto stepWithSkin = [&](uint32_t pixels) {
+        frame.setSkin(pixels, 230);
+        std::srand(11);  // the same sample offsets every time
+        return stepFrom20000(rig, frame);
+    };
+    const auto noSkin = stepWithSkin(0);
+    EXPECT_EQ(stepWithSkin(2304), noSkin);
+    EXPECT_TRUE(meta.texts.empty());
+    EXPECT_NE(stepWithSkin(2400), noSkin) << "just above the threshold the skin counts";
+    EXPECT_EQ(meta.texts.size(), 1u);
+}
+
+// ---- white balance ----
+
+constexpr double kStepPerError = 0.15 * 4095;  // P times the register range
+
+struct Gains {
+    int32_t red, green, blue;
+    bool operator==(const Gains& o) const { return red == o.red && green == o.green && blue == o.blue; }
+};
+
+// A camera whose exposure stays out of the way: locked with nothing to write back.
+class WhiteBalance : public ::testing::Test {
+protected:
+    void SetUp() override { RUVO_REQUIRE_CUDA_DEVICE(); }
+    void start(const testing::SimKeys& keys = {}) {
+        rig = std::make_unique<testing::CameraRig>(keys);
+        rig->change([](Controls& c) { c.ae.lock = true; });
+        Access::aeNeedsUpdate(*rig->camera) = false;
+    }
+    // Evaluates a frame of one colour and returns the gain registers.
+    Gains evaluate(uint8_t y, uint8_t u, uint8_t v) {
+        testing::CraftedFrame frame(testing::kWidth, testing::kHeight);
+        frame.fill(y, u, v);
+        rig->evaluate(frame.bucket);
+        return {rig->reg(sensor::CID_RED_GAIN), rig->reg(sensor::CID_GREEN_GAIN), rig->reg(sensor::CID_BLUE_GAIN)};
+    }
+    CUDACamera& camera() { return *rig->camera; }
+
+    std::unique_ptr<testing::CameraRig> rig;
+};
+
+TEST_F(WhiteBalance, UniformGrayMovesOnlyBlueDownward) {
+    start();
+    // avgU = avgV = 128/255: errU = 0.49 - 0.50196, errV = 0.51 - 0.50196; |errU| is larger.
+    const double blue = 1024 + (0.49 - 128.0 / 255) * kStepPerError;
+    EXPECT_EQ(evaluate(100, 128, 128), (Gains{1024, 1024, static_cast<int32_t>(blue)}));
+    EXPECT_NEAR(Access::currBlueGain(camera()), blue, 1e-3);
+    EXPECT_EQ(Access::awbBlueGain(camera()), static_cast<int32_t>(blue));
+    EXPECT_TRUE(Access::awbNeedsUpdate(camera()));
+}
+
+TEST_F(WhiteBalance, EqualErrorsMoveRed) {
+    start({{"awb.targetU", "0.5"}, {"awb.targetV", "0.5"}});
+    const double red = 1024 + (0.5 - 120.0 / 255) * kStepPerError;
+    EXPECT_EQ(evaluate(100, 120, 120), (Gains{static_cast<int32_t>(red), 1024, 1024}));  // gray measure 0.16
+}
+
+// Coloured (gray measure 2.4) and black (Y = 0 is never gray) frames: the error is minus a
+// perturbation uniform in [-0.1, 0.1], drawn from the camera's engine; the larger moves its gain.
+TEST_F(WhiteBalance, NothingGrayPerturbsExactlyOneGain) {
+    start();
+    ruvo::test::LogCapture log("Capture.CUDACamera");
+    const std::string prefix = "AWB stuck, perturbation applied ";
+    for (int i = 0; i < 4; ++i) {
+        std::mt19937 engine = Access::prng(camera());
+        const float pu = static_cast<float>(engine()) / 4294967296.0f * 0.2f - 0.1f;
+        const float pv = static_cast<float>(engine()) / 4294967296.0f * 0.2f - 0.1f;
+        const float redBefore = Access::currRedGain(camera());
+        const float blueBefore = Access::currBlueGain(camera());
+        const Gains after = i % 2 == 0 ? evaluate(100, 250, 10) : evaluate(0, 128, 128);
+        if (std::fabs(pu) > std::fabs(pv)) {
+            EXPECT_EQ(Access::currRedGain(camera()), redBefore);
+            EXPECT_EQ(after.blue, static_cast<int32_t>(Access::currBlueGain(camera())));
+            EXPECT_NEAR(Access::currBlueGain(camera()) - blueBefore, -pu * kStepPerError, 1e-2);
+        } else {
+            EXPECT_EQ(Access::currBlueGain(camera()), blueBefore);
+            EXPECT_EQ(after.red, static_cast<int32_t>(Access::currRedGain(camera())));
+            EXPECT_NEAR(Access::currRedGain(camera()) - redBefore, -pv * kStepPerError, 1e-2);
+        }
+        EXPECT_EQ(after.green, 1024);
+        std::vector<std::string> lines;
+        for (const std::string& line : log.lines())
+            if (line.rfind(prefix, 0) == 0) lines.push_back(line);
+        ASSERT_EQ(lines.size(), static_cast<size_t>(i + 1));
+        const std::string numbers = lines.back().substr(prefix.size());
+        EXPECT_NEAR(std::stof(numbers), pu, 1e-5) << numbers;
+        EXPECT_NEAR(std::stof(numbers.substr(numbers.find(", ") + 2)), pv, 1e-5) << numbers;
+    }
+}
+
+TEST_F(WhiteBalance, GainsBeyondTheDriverRangeAreWrittenAsItsLimits) {
+    start();
+    Access::currRedGain(camera()) = 4090.0f;
+    // Gray measure 0.28; errV = 0.51 - 100/255 moves red up.
+    EXPECT_EQ(evaluate(100, 128, 100).red, 4095);
+    EXPECT_EQ(Access::currRedGain(camera()), 4095.0f);
+    Access::currBlueGain(camera()) = 5.0f;
+    // Gray measure 0.22; errU = 0.49 - 150/255 moves blue down.
+    EXPECT_EQ(evaluate(100, 150, 128).blue, 0);
+    EXPECT_EQ(Access::currBlueGain(camera()), 0.0f);
+}
+
+TEST_F(WhiteBalance, ManualWritesFactorsInUnitsOf1024AndWinsOverLock) {
+    start();
+    for (uint32_t id : {sensor::CID_RED_GAIN, sensor::CID_GREEN_GAIN, sensor::CID_BLUE_GAIN}) rig->setReg(id, 700);
+    rig->change([](Controls& c) {
+        c.awb.manual = true;
+        c.awb.lock = true;
+        c.awb.manualRedGain = 0.5f;
+        c.awb.manualGreenGain = 2.0f;
+        c.awb.manualBlueGain = 1.5f;
+    });
+    EXPECT_EQ(evaluate(100, 128, 128), (Gains{512, 2048, 1536}));
+    EXPECT_TRUE(Access::awbNeedsUpdate(camera()));
+}
+
+TEST_F(WhiteBalance, LockWritesBackTheLastAutomaticRedAndBlueOnce) {
+    start();
+    evaluate(100, 128, 128);                          // blue moves
+    const Gains automatic = evaluate(100, 128, 100);  // red moves
+    ASSERT_NE(automatic.red, 1024);
+    ASSERT_NE(automatic.blue, 1024);
+    rig->change([](Controls& c) {
+        c.awb.manual = true;
+        c.awb.manualRedGain = c.awb.manualGreenGain = c.awb.manualBlueGain = 2.0f;
+    });
+    evaluate(100, 128, 128);
+    rig->change([](Controls& c) {
+        c.awb.manual = false;
+        c.awb.lock = true;
+    });
+    EXPECT_EQ(evaluate(100, 128, 128), (Gains{automatic.red, 2048, automatic.blue})) << "green is not written back";
+    EXPECT_FALSE(Access::awbNeedsUpdate(camera()));
+    rig->setReg(sensor::CID_RED_GAIN, 500);
+    EXPECT_EQ(evaluate(100, 128, 128).red, 500) << "written back only once";
+}
+
+// ---- diagnostics records ----
+
+// A camera "left" with index 1 metering a 2 x 2 grid with two samples per region: regions 0, 1
+// and 3 flat (deviation 0), region 2 (top right, column-major) at 96 and 104 (deviation 4).
+class TwoByTwo : public ::testing::Test {
+protected:
+    TwoByTwo() : frame(kWidth, kHeight, 7) {
+        frame.fill(100, 128, 128);
+        frame.fillLuma([](uint32_t x, uint32_t y) -> uint8_t {
+            if (x < kWidth / 2) return y < kHeight / 2 ? 100 : 50;
+            return y < kHeight / 2 ? 100 : 200;
+        });
+        frame.y(700, 100) = 96;
+        frame.y(900, 200) = 104;
+    }
+    void SetUp() override {
+        RUVO_REQUIRE_CUDA_DEVICE();
+        rig = std::make_unique<testing::CameraRig>(testing::SimKeys{{"name", "left"},
+                                                                    {"outputBufferFormats", "2"},
+                                                                    {"ae.numRegions", "4"},
+                                                                    {"numSamples", "8"},
+                                                                    {"ae.numSamples", "8"},
+                                                                    {"awb.numSamples", "8"}},
+                                                   1);
+    }
+    void evaluate() {
+        testing::placeSamples(
+            *rig->camera,
+            {{100, 100}, {200, 200}, {100, 400}, {300, 500}, {700, 100}, {900, 200}, {700, 400}, {1000, 600}});
+        rig->evaluate(frame.bucket);
+    }
+
+    std::unique_ptr<testing::CameraRig> rig;
+    testing::CraftedFrame frame;
+    testing::Listener stat{"CapDevCUDAExpStat"};
+    testing::Listener meta{"CapDevCUDAExpMeta"};
+};
+
+std::string sixDecimals(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%f", value);
+    return text;
+}
+
+TEST_F(TwoByTwo, StatRecordCarriesTheRegionWeights) {
+    stat.enable(false);
+    evaluate();
+    EXPECT_TRUE(stat.texts.empty()) << "nothing is sent to a disabled channel";
+    stat.enable(true);
+    evaluate();
+    // Deviations 0, 0, 4, 0: mean 1, variance 3; weight exp(-0.5 d^2 / (2 * 3)) times the prior
+    // share, a quarter for each region of a 2 x 2 grid.
+    const std::string typical = sixDecimals(std::exp(-1.0 / 12) / 4);
+    const std::string contrasted = sixDecimals(std::exp(-0.75) / 4);
+    ASSERT_EQ(stat.texts.size(), 1u);
+    EXPECT_EQ(stat.texts[0], "{ \"width\": 2, \"height\": 2, \"cameraIndex\": \"1\", \"data\": [" + typical + "," +
+                                 typical + "," + contrasted + "," + typical + "]}");
+    EXPECT_TRUE(meta.texts.empty()) << "no skin in view";
+}
+
+TEST_F(TwoByTwo, MetaRecordOfCameraLeftWithIndexOne) {
+    frame.setSkin(9216, 180);  // skin ratio 0.04
+    meta.enable(false);
+    evaluate();
+    EXPECT_TRUE(meta.texts.empty()) << "nothing is sent to a disabled channel";
+    meta.enable(true);
+    evaluate();
+    ASSERT_EQ(meta.texts.size(), 1u);
+    EXPECT_EQ(meta.texts[0],
+              "{ \"type\": \"Metering Metadata\", \"cameraName\": \"left\", \"cameraIndex\": \"1\", "
+              "\"numPixelsCount\": 9216, \"sumPixelsLuminance\": 1658880, \"meanLuminance\": 0.705882, "
+              "\"bufferDims\": { \"width\":80, \"height\":45} }");
+}
+
+}  // namespace
+}  // namespace capture
+}  // namespace ruvo
