@@ -113,10 +113,6 @@ std::vector<uint16_t> randomSensorFrame(unsigned width, unsigned height, uint32_
     return samples;
 }
 
-std::vector<uint16_t> flatFrame(unsigned width, unsigned height, uint16_t value) {
-    return std::vector<uint16_t>(static_cast<size_t>(width) * height, value);
-}
-
 std::vector<uint16_t> colourFrame(unsigned width, unsigned height, int red, int green, int blue, int noise,
                                   uint32_t seed) {
     std::mt19937 random(seed);

@@ -50,7 +50,7 @@ public:
     size_t bufferCount() const { return _buffers.size(); }
     size_t bufferBytes(size_t k) const { return _bytes[k]; }  // without the guard
 
-    uint16_t* raw() { return _raw; }
+    uint16_t* raw() const { return _raw; }
     unsigned char* buffer(size_t k) { return _buffers[k]; }
     const unsigned char* buffer(size_t k) const { return _buffers[k]; }
     std::vector<unsigned char> copy(size_t k) const;  // buffer k with its guard bytes
@@ -81,8 +81,6 @@ private:
 // Raw frames of width x height samples, Bayer B G / G R.
 // 10-bit values in the upper bits of a 14-bit field (value x 16), uniformly random.
 std::vector<uint16_t> randomSensorFrame(unsigned width, unsigned height, uint32_t seed);
-// Every sample the same value.
-std::vector<uint16_t> flatFrame(unsigned width, unsigned height, uint16_t value);
 // Per-channel constants (10-bit values x 16) with noise of +-noise 10-bit steps.
 std::vector<uint16_t> colourFrame(unsigned width, unsigned height, int red, int green, int blue, int noise,
                                   uint32_t seed);
