@@ -52,10 +52,6 @@ std::vector<size_t> expectedWrites(int configuration, cap::CUDADemosaicMode mode
     return bytes;
 }
 
-void fillRamp(unsigned char* bytes, size_t count) {
-    for (size_t i = 0; i < count; ++i) bytes[i] = static_cast<unsigned char>(1 + i % 251);
-}
-
 // Whether each byte of each buffer (guards included) was written: two runs over different poison
 // agree exactly on the bytes the kernels wrote and keep the poison everywhere else. In the Lanczos
 // mode the skin plane (buffer 3) of the histogram configuration is read by the eighth- and
@@ -63,20 +59,19 @@ void fillRamp(unsigned char* bytes, size_t count) {
 void expectWrittenBytes(IspRig& rig, cap::CUDADemosaicMode mode, const std::vector<size_t>& expected,
                         const std::string& what) {
     const bool rampInSkinPlane = rig.configuration() == cap::YUV_2_4_SKIN_HISTOGRAM && mode == cap::LANCZOS_11;
+    std::vector<unsigned char> ramp(rampInSkinPlane ? rig.bufferBytes(3) + IspRig::kGuardBytes : 0);
+    for (size_t i = 0; i < ramp.size(); ++i) ramp[i] = static_cast<unsigned char>(1 + i % 251);
     std::vector<std::vector<unsigned char>> runs[2];
     for (int run = 0; run < 2; ++run) {
         rig.poison(run == 0 ? 0xA5 : 0x5A);
-        if (rampInSkinPlane) fillRamp(rig.buffer(3), rig.bufferBytes(3));
+        if (rampInSkinPlane) std::copy(ramp.begin(), ramp.end(), rig.buffer(3));
         rig.run(mode, {0.8f, 0.9f, 0.7f, 0.9f, 1.1f});
         for (size_t k = 0; k < rig.bufferCount(); ++k) runs[run].push_back(rig.copy(k));
     }
     for (size_t k = 0; k < rig.bufferCount(); ++k) {
         const std::vector<unsigned char>&first = runs[0][k], &second = runs[1][k];
         if (rampInSkinPlane && k == 3) {
-            std::vector<unsigned char> ramp(rig.bufferBytes(k));
-            fillRamp(ramp.data(), ramp.size());
-            ASSERT_TRUE(std::equal(ramp.begin(), ramp.end(), first.begin())) << what << " buffer 3 was written";
-            ASSERT_TRUE(std::equal(ramp.begin(), ramp.end(), second.begin())) << what << " buffer 3 was written";
+            ASSERT_TRUE(first == ramp && second == ramp) << what << " buffer 3 was written";
             continue;
         }
         // The first byte whose state is not the expected one (written before expected[k], poison after).
@@ -199,29 +194,15 @@ TEST_F(HostRuntimeFailures, FailedScratchAllocationNamesTheCall) {
 }
 
 TEST_F(HostRuntimeFailures, HistogramWithTooLittleScratchNamesTheCubCall) {
-    const ProcessedSize size{672, 384};
-    IspRig rig(cap::YUV_2_4_SKIN_HISTOGRAM, size);
-    rig.fillRaw(randomSensorFrame(size.width, size.height, 79));
-    unsigned char* scratch[1] = {nullptr};
-    int length[1] = {16};
-    ASSERT_EQ(cudaMalloc(&scratch[0], 16), cudaSuccess);
-    std::vector<unsigned char**> extra(7, nullptr);
-    std::vector<int*> lengths(7, nullptr);
-    extra[4] = scratch;
-    lengths[4] = length;
-    std::vector<unsigned char*> targets;
-    for (size_t k = 0; k < rig.bufferCount(); ++k) targets.push_back(rig.buffer(k));
-    cudaStream_t stream = nullptr;
-    const std::string message = deviceErrorOf([&] {
-        cap::cudaISP(stream, cap::YUV_2_4_SKIN_HISTOGRAM, targets.size(), cap::BILINEAR_5, rig.raw(), targets.data(),
-                     extra.data(), lengths.data(), size.width, size.height, 1, 1, 1, 1, 1, 10);
-    });
+    IspRig rig(cap::YUV_2_4_SKIN_HISTOGRAM, {672, 384});
+    rig.fillRaw(randomSensorFrame(672, 384, 79));
+    rig.limitScratch(16);
+    const std::string message = deviceErrorOf([&] { rig.run(cap::BILINEAR_5); });
     EXPECT_EQ(message.rfind("cub::DeviceHistogram::HistogramEven( d_temp_storage, temp_storage_bytes, targets[3], "
                             "d_hist, n_levels, 0, 256, (int)(width*height/4), stream, false) at src/HostKernels.cpp:",
                             0),
               0u)
         << message;
-    EXPECT_EQ(cudaFree(scratch[0]), cudaSuccess);
 }
 
 #endif

@@ -36,23 +36,31 @@ void expectPlane(const unsigned char* got, size_t width, size_t height,
     }
 }
 
+// Integer mean of the n x n block (r, c) of a plane: the remainder is dropped.
+int blockMean(const Plane& p, size_t r, size_t c, size_t n) {
+    int sum = 0;
+    for (size_t i = 0; i < n; ++i) {
+        for (size_t j = 0; j < n; ++j) sum += p.at(n * r + i, n * c + j);
+    }
+    return sum / static_cast<int>(n * n);
+}
+
 // The half-size YUV420p image of a width x height one, by 2 x 2 integer averages.
 void expectHalf(const unsigned char* full, const unsigned char* half, size_t width, size_t height,
                 const std::string& what) {
     const size_t plane = width * height;
-    const Plane y{full, width}, u{full + plane, width / 2}, v{full + plane + plane / 4, width / 2};
-    auto quarterSum = [](const Plane& p, size_t row, size_t column) {
-        return (p.at(2 * row, 2 * column) + p.at(2 * row, 2 * column + 1) + p.at(2 * row + 1, 2 * column) +
-                p.at(2 * row + 1, 2 * column + 1)) /
-               4;
-    };
-    expectPlane(
-        half, width / 2, height / 2, [&](size_t r, size_t c) { return quarterSum(y, r, c); }, what + " Y");
-    expectPlane(
-        half + plane / 4, width / 4, height / 4, [&](size_t r, size_t c) { return quarterSum(u, r, c); }, what + " U");
-    expectPlane(
-        half + plane * 5 / 16, width / 4, height / 4, [&](size_t r, size_t c) { return quarterSum(v, r, c); },
-        what + " V");
+    // Y, U and V: offset in the full image, offset in the half image, width and height in the full image.
+    const size_t planes[3][4] = {{0, 0, width, height},
+                                 {plane, plane / 4, width / 2, height / 2},
+                                 {plane * 5 / 4, plane * 5 / 16, width / 2, height / 2}};
+    for (const auto& [in, out, w, h] : planes) {
+        expectPlane(
+            half + out, w / 2, h / 2,
+            [&](size_t r, size_t c) {
+                return blockMean({full + in, w}, r, c, 2);
+            },
+            what + " plane at " + std::to_string(in));
+    }
 }
 
 // The orientation byte from a double-precision angle, with the short pi divisor.
@@ -90,24 +98,16 @@ void expectSkinLevels(const IspRig& rig, const ProcessedSize& size) {
     const Plane skin{rig.buffer(3), size.width / 2};
     const Plane eighth{rig.buffer(5), size.width / 8};
     expectPlane(
-        rig.buffer(5), size.width / 8, size.height / 8,
-        [&](size_t r, size_t c) {
-            int sum = 0;
-            for (size_t i = 0; i < 4; ++i) {
-                for (size_t j = 0; j < 4; ++j) sum += skin.at(4 * r + i, 4 * c + j);
-            }
-            return sum / 16;
-        },
+        rig.buffer(5), size.width / 8, size.height / 8, [&](size_t r, size_t c) { return blockMean(skin, r, c, 4); },
         "eighth");
     int survivors = 0;
     expectPlane(
         rig.buffer(6), size.width / 16, size.height / 16,
         [&](size_t r, size_t c) {
-            const int a = eighth.at(2 * r, 2 * c), b = eighth.at(2 * r, 2 * c + 1), d = eighth.at(2 * r + 1, 2 * c),
-                      e = eighth.at(2 * r + 1, 2 * c + 1);
-            const bool eroded = a == 0 || b == 0 || d == 0 || e == 0;
-            survivors += !eroded;
-            return eroded ? 0 : (a + b + d + e) / 4;
+            const bool whole = eighth.at(2 * r, 2 * c) && eighth.at(2 * r, 2 * c + 1) && eighth.at(2 * r + 1, 2 * c) &&
+                               eighth.at(2 * r + 1, 2 * c + 1);
+            survivors += whole;
+            return whole ? blockMean(eighth, r, c, 2) : 0;
         },
         "sixteenth");
     EXPECT_GT(survivors, 0) << "the frame should leave some whole skin blocks";

@@ -9,7 +9,6 @@
 #include <Poco/Exception.h>
 #include <Poco/Util/MapConfiguration.h>
 #include <Poco/Util/PropertyFileConfiguration.h>
-#include <Poco/Util/XMLConfiguration.h>
 #include <gtest/gtest.h>
 
 #include <initializer_list>
@@ -108,9 +107,8 @@ TEST(CameraParamsFailures, ConfigurationLibraryExceptionsPassThrough) {
     EXPECT_THROW(CUDACameraParams{Config()}, Poco::NullPointerException);
 }
 
-// Both entries of a two-camera configuration, read through views of "devices[0]" and "devices[1]",
-// in the properties and the XML format.
-TEST(CameraParamsViews, NestedKeysOfPropertiesAndXmlConfigurations) {
+// Both entries of a two-camera configuration, read through views of "devices[0]" and "devices[1]".
+TEST(CameraParamsViews, NestedKeysOfAPropertiesConfiguration) {
     std::istringstream properties(
         "devices[0].path = sim:chart\n"
         "devices[0].name = front\n"
@@ -121,31 +119,22 @@ TEST(CameraParamsViews, NestedKeysOfPropertiesAndXmlConfigurations) {
         "devices[0].outputBufferFormats = 9\n"
         "devices[1].path = /dev/video1\n"
         "devices[1].width = 640\n");
-    std::istringstream xml(
-        "<config>"
-        "<devices><path>sim:chart</path><name>front</name><hFlip>false</hFlip><gamma><Cr>0.5</Cr></gamma>"
-        "<ae><numSamples>250</numSamples></ae><awb><seed>7</seed></awb>"
-        "<outputBufferFormats>9</outputBufferFormats></devices>"
-        "<devices><path>/dev/video1</path><width>640</width></devices>"
-        "</config>");
-    for (const Config& whole : {Config(new Poco::Util::PropertyFileConfiguration(properties)),
-                                Config(new Poco::Util::XMLConfiguration(xml))}) {
-        const CUDACameraParams first(whole->createView("devices[0]"));
-        EXPECT_EQ(first.path, "sim:chart");
-        EXPECT_EQ(first.name, "front");
-        EXPECT_EQ(first.ae.numSamples, 250.0f);
-        EXPECT_FLOAT_EQ(first.gamma.Cr, 0.5f);
-        EXPECT_EQ(first.awb.seed, 7u);
-        EXPECT_EQ(first.outputBufferFormats, static_cast<uint32_t>(ruvo::capture::BGGR));
-        EXPECT_FALSE(first.hFlip);
-        EXPECT_EQ(first.width, 1280u);  // absent here: default
+    const Config whole(new Poco::Util::PropertyFileConfiguration(properties));
+    const CUDACameraParams first(whole->createView("devices[0]"));
+    EXPECT_EQ(first.path, "sim:chart");
+    EXPECT_EQ(first.name, "front");
+    EXPECT_EQ(first.ae.numSamples, 250.0f);
+    EXPECT_FLOAT_EQ(first.gamma.Cr, 0.5f);
+    EXPECT_EQ(first.awb.seed, 7u);
+    EXPECT_EQ(first.outputBufferFormats, static_cast<uint32_t>(ruvo::capture::BGGR));
+    EXPECT_FALSE(first.hFlip);
+    EXPECT_EQ(first.width, 1280u);  // absent here: default
 
-        const CUDACameraParams second(whole->createView("devices[1]"));
-        EXPECT_EQ(second.path, "/dev/video1");
-        EXPECT_EQ(second.name, "CUDACamera");
-        EXPECT_EQ(second.ae.numSamples, 1000.0f);
-        EXPECT_EQ(second.width, 640u);
-    }
+    const CUDACameraParams second(whole->createView("devices[1]"));
+    EXPECT_EQ(second.path, "/dev/video1");
+    EXPECT_EQ(second.name, "CUDACamera");
+    EXPECT_EQ(second.ae.numSamples, 1000.0f);
+    EXPECT_EQ(second.width, 640u);
 }
 
 TEST(OutputBufferTable, RowSizesAndTheIrregularRows) {

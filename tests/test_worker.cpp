@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -53,15 +52,12 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         return field;
     }
-    // Makes step `n` wait at the gate until openGate().
-    void holdStep(int n) {
-        std::lock_guard<std::mutex> lock(mutex);
-        heldStep = n;
-    }
-    void openGate() {
+    // Step `step` waits at the gate while the gate is closed; -1 holds no step.
+    void setGate(int step, bool open) {
         {
             std::lock_guard<std::mutex> lock(mutex);
-            gateOpen = true;
+            heldStep = step;
+            gateOpen = open;
         }
         cond.notify_all();
     }
@@ -76,8 +72,6 @@ public:
     std::set<Poco::Thread*> workThreads;
     Poco::Thread* exitThread = nullptr;
     std::string exitThreadName;  // the operating system's name of the thread that ran onExit()
-    std::atomic<int> order{0};   // shared sequence for ordering events across threads
-    int lastStepEnd = -1;        // `order` value when a step last ended
 
 protected:
     void work() override {
@@ -94,7 +88,6 @@ protected:
             ~Finish() {
                 std::lock_guard<std::mutex> lock(w.mutex);
                 ++w.finished;
-                w.lastStepEnd = ++w.order;
                 w.cond.notify_all();
             }
         } finish{*this};
@@ -122,7 +115,7 @@ public:
     ~RunningWorker() {
         if (!thread.isRunning()) return;
         _worker.cancel();
-        _worker.openGate();
+        _worker.setGate(-1, true);
         if (!thread.tryJoin(kJoinGuardMs)) {
             ADD_FAILURE() << "the worker thread ignores cancel(); aborting rather than hanging";
             std::abort();
@@ -153,21 +146,20 @@ TEST(WorkerLoop, RepeatsWorkOnTheTaskThreadAndExitsOnceThereUnderItsName) {
 
 TEST(WorkerLoop, PauseWaitsForTheStepInProgressAndHoldsFurtherSteps) {
     ScriptedWorker worker;
-    worker.holdStep(2);
+    worker.setGate(2, false);
     RunningWorker running(worker);
     ASSERT_TRUE(worker.waitUntil([&] { return worker.started == 3; }));
 
-    int pauseReturned = -1;
+    int finishedWhenPauseReturned = -1;
     std::thread pauser([&] {
         worker.pause();
-        pauseReturned = ++worker.order;
+        finishedWhenPauseReturned = worker.read(worker.finished);
     });
     while (!worker.isPaused()) std::this_thread::yield();
     letOtherThreadsRun();
-    worker.openGate();
+    worker.setGate(-1, true);
     pauser.join();
-    EXPECT_LT(worker.read(worker.lastStepEnd), pauseReturned) << "pause() returned while step 2 was still running";
-    EXPECT_EQ(worker.read(worker.finished), 3);
+    EXPECT_EQ(finishedWhenPauseReturned, 3) << "pause() returned while step 2 was still running";
     letOtherThreadsRun();
     EXPECT_EQ(worker.read(worker.started), 3) << "a step started while paused";
     worker.unpause();
@@ -176,12 +168,12 @@ TEST(WorkerLoop, PauseWaitsForTheStepInProgressAndHoldsFurtherSteps) {
 
 TEST(WorkerLoop, CancelEndsTheLoopAfterTheCurrentStep) {
     ScriptedWorker worker;
-    worker.holdStep(0);
+    worker.setGate(0, false);
     RunningWorker running(worker);
     ASSERT_TRUE(worker.waitUntil([&] { return worker.started == 1; }));
     worker.cancel();
     EXPECT_TRUE(worker.isCancelled());
-    worker.openGate();
+    worker.setGate(-1, true);
     running.join();
     EXPECT_EQ(worker.started, 1);
     EXPECT_EQ(worker.finished, 1);
@@ -223,31 +215,22 @@ TEST(WorkerLoop, CancelledWorkerExitsAtOnceAndRunsAgainAfterReset) {
     EXPECT_EQ(worker.exits, 2);
 }
 
-// Keeps every message logged to it.
-class CapturingChannel : public Poco::Channel {
+// Keeps the text of every error logged to it.
+class ErrorCapture : public Poco::Channel {
 public:
     void log(const Poco::Message& message) override {
-        std::lock_guard<std::mutex> lock(_mutex);
-        _messages.push_back(message);
-    }
-    std::vector<std::string> errors() {
-        std::lock_guard<std::mutex> lock(_mutex);
-        std::vector<std::string> texts;
-        for (const auto& m : _messages) {
-            if (m.getPriority() == Poco::Message::PRIO_ERROR) texts.push_back(m.getText());
-        }
-        return texts;
+        std::lock_guard<std::mutex> lock(mutex);
+        if (message.getPriority() == Poco::Message::PRIO_ERROR) errors.push_back(message.getText());
     }
 
-private:
-    std::mutex _mutex;
-    std::vector<Poco::Message> _messages;
+    std::mutex mutex;
+    std::vector<std::string> errors;
 };
 
 TEST(WorkerFailures, EachFailureEpisodeIsLoggedOnceAndTheLoopGoesOn) {
     Poco::Logger& logger = Poco::Logger::get("Util.Worker");
     Poco::AutoPtr<Poco::Channel> previous(logger.getChannel(), true);
-    Poco::AutoPtr<CapturingChannel> capture(new CapturingChannel);
+    Poco::AutoPtr<ErrorCapture> capture(new ErrorCapture);
     logger.setChannel(capture);
 
     // Steps 0-2 and 7 fail alike, 3-4 with another text, 5 with a non-standard exception.
@@ -265,13 +248,9 @@ TEST(WorkerFailures, EachFailureEpisodeIsLoggedOnceAndTheLoopGoesOn) {
     }
     logger.setChannel(previous);
 
-    const std::vector<std::string> errors = capture->errors();
-    const std::vector<std::string> expected = {"sensor gone", "queue full", "unknown exception", "sensor gone"};
-    ASSERT_EQ(errors.size(), expected.size());
-    for (size_t i = 0; i < errors.size(); ++i) {
-        EXPECT_NE(errors[i].find(expected[i]), std::string::npos) << errors[i];
-        EXPECT_NE(errors[i].find("scripted"), std::string::npos) << "the worker's name is missing: " << errors[i];
-    }
+    const std::vector<std::string> expected = {"scripted: sensor gone", "scripted: queue full",
+                                               "scripted: unknown exception", "scripted: sensor gone"};
+    EXPECT_EQ(capture->errors, expected);
 }
 
 }  // namespace
