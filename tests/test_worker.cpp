@@ -144,7 +144,8 @@ TEST(WorkerLoop, RepeatsWorkOnTheTaskThreadAndExitsOnceThereUnderItsName) {
     EXPECT_EQ(worker.exitThreadName, "worker-under-te");
 }
 
-TEST(WorkerLoop, PauseWaitsForTheStepInProgressAndHoldsFurtherSteps) {
+// Then cancel() during a held step: the step ends and no other starts.
+TEST(WorkerLoop, PauseWaitsForTheStepInProgressAndHoldsFurtherStepsAndCancelEndsTheLoopAfterTheStep) {
     ScriptedWorker worker;
     worker.setGate(2, false);
     RunningWorker running(worker);
@@ -162,21 +163,15 @@ TEST(WorkerLoop, PauseWaitsForTheStepInProgressAndHoldsFurtherSteps) {
     EXPECT_EQ(finishedWhenPauseReturned, 3) << "pause() returned while step 2 was still running";
     letOtherThreadsRun();
     EXPECT_EQ(worker.read(worker.started), 3) << "a step started while paused";
+    worker.setGate(6, false);
     worker.unpause();
-    EXPECT_TRUE(worker.waitUntil([&] { return worker.finished >= 6; })) << "unpause() did not resume the loop";
-}
-
-TEST(WorkerLoop, CancelEndsTheLoopAfterTheCurrentStep) {
-    ScriptedWorker worker;
-    worker.setGate(0, false);
-    RunningWorker running(worker);
-    ASSERT_TRUE(worker.waitUntil([&] { return worker.started == 1; }));
+    ASSERT_TRUE(worker.waitUntil([&] { return worker.started == 7; })) << "unpause() did not resume the loop";
     worker.cancel();
     EXPECT_TRUE(worker.isCancelled());
     worker.setGate(-1, true);
     running.join();
-    EXPECT_EQ(worker.started, 1);
-    EXPECT_EQ(worker.finished, 1);
+    EXPECT_EQ(worker.started, 7);
+    EXPECT_EQ(worker.finished, 7);
     EXPECT_EQ(worker.exits, 1);
 }
 
