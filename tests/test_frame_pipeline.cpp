@@ -17,8 +17,8 @@ using ruvo::test::uniqueSimPath;
 namespace {
 
 struct Producer : CUDADeviceImpl::ProduceTask {
-    using ProduceTask::ProduceTask;
     using ProduceTask::onExit;
+    using ProduceTask::ProduceTask;
     using ProduceTask::work;
 };
 
@@ -47,8 +47,10 @@ struct Rig : ::testing::Test {
     }
     void TearDown() override {
         delivered.clear();
-        for (auto& p : producers) if (p) p->onExit();
-        for (auto& c : cameras) if (c) c->stop();
+        for (auto& p : producers)
+            if (p) p->onExit();
+        for (auto& c : cameras)
+            if (c) c->stop();
     }
     void capture(int camera) {
         sim::findSensor(paths[camera])->step();
@@ -67,6 +69,7 @@ struct Rig : ::testing::Test {
 
 }  // namespace
 
+// Also: frame fields from the bucket, and a frame kept by the client holding its bucket.
 TEST_F(Rig, OnlyTheNewestBucketIsDeliveredAndTheOlderReturnedWhole) {
     capture(0);
     capture(0);
@@ -75,16 +78,30 @@ TEST_F(Rig, OnlyTheNewestBucketIsDeliveredAndTheOlderReturnedWhole) {
     ASSERT_EQ(delivered.size(), 1u);
     const Batch& batch = delivered[0];
     ASSERT_EQ(batch.size(), 2u);  // YUV_2 of camera 0; camera 1 had nothing
-    EXPECT_EQ(batch[0]->frameId, 0u);
-    EXPECT_EQ(batch[1]->frameId, 1u);
-    EXPECT_EQ(batch[0]->cameraId, 0u);
-    EXPECT_EQ(batch[1]->batchIndex, 1u);
-    EXPECT_EQ(batch[1]->outputLevelId, Frame::HALF);
-    EXPECT_EQ(batch[0]->type, "camera");
-    EXPECT_EQ(batch[0]->source, dlib::rectangle(0, 0, 1280, 720));
+    const Frame& full = *batch[0];
+    const Frame& half = *batch[1];
+    EXPECT_EQ(full.frameId, 0u);
+    EXPECT_EQ(half.frameId, 1u);
+    EXPECT_EQ(full.cameraId, 0u);
+    EXPECT_EQ(half.batchIndex, 1u);
+    EXPECT_EQ(half.outputLevelId, Frame::HALF);
+    EXPECT_EQ(full.type, "camera");
+    EXPECT_EQ(full.source, dlib::rectangle(0, 0, 1280, 720));
+    EXPECT_EQ(full.format, Frame::YUV420p);
+    EXPECT_EQ(full.width, 1280u);
+    EXPECT_EQ(half.width, 640u);
+    EXPECT_EQ(half.height, 360u);
+    EXPECT_EQ(full.planes[1].data, full.planes[0].data + 1280 * 720);
+    EXPECT_EQ(half.planes[2].data, half.planes[0].data + 640 * 360 + 640 * 360 / 4);
+    EXPECT_EQ(full.timestamp, half.timestamp);
+    EXPECT_NE(full.timestamp, TimePoint::min());
+    EXPECT_GT(full.feedback.autoExposureGain, 0.0f);
     EXPECT_EQ(queuedWithDriver(0), 3u);  // the older one went straight back
+    std::shared_ptr<Frame> kept = batch[1];
     delivered.clear();
-    EXPECT_EQ(queuedWithDriver(0), 4u);  // the delivered one came back with its last frame
+    EXPECT_EQ(queuedWithDriver(0), 3u);  // held by the kept frame
+    kept.reset();
+    EXPECT_EQ(queuedWithDriver(0), 4u);  // back with its last frame
     capture(1);
     consumer->work();
     ASSERT_EQ(delivered.size(), 1u);
@@ -109,33 +126,6 @@ TEST_F(Rig, EmptyWakeUpUsesABatchNumberAndTimeOutDoesNot) {
     EXPECT_EQ(consumer->batchId, 2u);
 }
 
-TEST_F(Rig, FramesCarryTheBucketState) {
-    capture(0);
-    consumer->work();
-    ASSERT_EQ(delivered.size(), 1u);
-    const Frame& full = *delivered[0][0];
-    const Frame& half = *delivered[0][1];
-    EXPECT_EQ(full.format, Frame::YUV420p);
-    EXPECT_EQ(full.width, 1280u);
-    EXPECT_EQ(half.width, 640u);
-    EXPECT_EQ(half.height, 360u);
-    EXPECT_EQ(full.planes[1].data, full.planes[0].data + 1280 * 720);
-    EXPECT_EQ(half.planes[2].data, half.planes[0].data + 640 * 360 + 640 * 360 / 4);
-    EXPECT_EQ(full.timestamp, half.timestamp);
-    EXPECT_NE(full.timestamp, TimePoint::min());
-    EXPECT_GT(full.feedback.autoExposureGain, 0.0f);
-}
-
-TEST_F(Rig, KeptFramesHoldTheirBucketUntilDropped) {
-    capture(0);
-    consumer->work();
-    std::shared_ptr<Frame> kept = delivered[0][1];
-    delivered.clear();
-    EXPECT_EQ(queuedWithDriver(0), 3u);
-    kept.reset();
-    EXPECT_EQ(queuedWithDriver(0), 4u);
-}
-
 TEST_F(Rig, ProducerExitReturnsQueuedBuckets) {
     capture(0);
     capture(0);
@@ -144,24 +134,19 @@ TEST_F(Rig, ProducerExitReturnsQueuedBuckets) {
     EXPECT_EQ(queuedWithDriver(0), 4u);
 }
 
+// A 1920 x 1080 image in buffers allocated for 1152 rows: the chroma planes follow the allocated rows.
 TEST(FramePlanes, ChromaFollowsTheAllocatedRows) {
     uint8_t* base = reinterpret_cast<uint8_t*>(0x10000);
     Frame f;
     f.format = Frame::YUV420p;
-    f.width = 640;
-    f.height = 480;
-    setFramePlanes(f, base, 640, 480);
-    EXPECT_EQ(f.planes[1].data - base, 307200);
-    EXPECT_EQ(f.planes[2].data - base, 384000);
-    EXPECT_EQ(f.planes[1].width, 320u);
-    EXPECT_EQ(f.planes[1].height, 240u);
-    EXPECT_EQ(f.planes[2].stride, 320u);
     f.width = 1920;
     f.height = 1080;
     setFramePlanes(f, base, 1920, 1152);
     EXPECT_EQ(f.planes[1].data - base, 1920 * 1152);
     EXPECT_EQ(f.planes[2].data - base, 1920 * 1152 + 1920 * 1152 / 4);
+    EXPECT_EQ(f.planes[1].width, 960u);
     EXPECT_EQ(f.planes[1].height, 540u);
+    EXPECT_EQ(f.planes[2].stride, 960u);
     Frame y8;
     y8.format = Frame::Y8;
     y8.width = 320;

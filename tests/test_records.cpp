@@ -17,17 +17,13 @@ namespace {
 using ruvo::capture::Frame;
 using ruvo::capture::OutputBufferDefinition;
 using ruvo::capture::OutputTypeNames;
-using ruvo::util::Range;
 using Batch = std::vector<std::shared_ptr<Frame>>;
 
 TEST(FrameRecord, DefaultFrameIsRecognisablyUnset) {
     const Frame frame;
     EXPECT_EQ(frame.timestamp, ruvo::capture::TimePoint::min());
     EXPECT_EQ(frame.timestamp.time_since_epoch().count(), std::numeric_limits<int64_t>::min());
-    EXPECT_EQ(frame.source.left(), 0);
-    EXPECT_EQ(frame.source.top(), 0);
-    EXPECT_EQ(frame.source.right(), -1);
-    EXPECT_EQ(frame.source.bottom(), -1);
+    EXPECT_EQ(frame.source, dlib::rectangle(0, 0, -1, -1));
     EXPECT_TRUE(frame.source.is_empty());
     EXPECT_EQ(frame.format, Frame::INVALID);
     EXPECT_EQ(frame.outputLevelId, Frame::ORIGINAL);
@@ -65,8 +61,6 @@ TEST(OutputTypeNamesTable, NamesEveryOutputTypeAndNothingElse) {
         ASSERT_NE(it, OutputTypeNames.end()) << "type " << type;
         EXPECT_EQ(it->second, text);
     }
-    EXPECT_EQ(OutputTypeNames.count(10), 0u);
-    EXPECT_EQ(OutputTypeNames.count(-1), 0u);
 }
 
 TEST(OutputBufferDefinitionEquality, EveryFieldTakesPart) {
@@ -79,23 +73,18 @@ TEST(OutputBufferDefinitionEquality, EveryFieldTakesPart) {
 }
 
 TEST(RangeBounds, ClosedIntervalWithInclusiveBounds) {
-    Range<float> time(0.001f, 0.03f);
+    ruvo::util::Range<float> time(0.001f, 0.03f);
     EXPECT_TRUE(time.valid());
     EXPECT_TRUE(time.in(0.001f));
     EXPECT_TRUE(time.in(0.03f));
-    EXPECT_TRUE(time.in(0.01f));
     EXPECT_TRUE(time.out(0.0009f));
     EXPECT_TRUE(time.out(0.031f));
     EXPECT_FALSE(time.out(0.03f));
-
     time.setLow(0.05f);  // now above the upper bound
     EXPECT_FALSE(time.valid());
-    EXPECT_TRUE(time.out(0.04f));
     time.setHigh(0.05f);
     EXPECT_TRUE(time.valid());  // a single point is a valid range
     EXPECT_TRUE(time.in(0.05f));
-    EXPECT_EQ(time.low(), 0.05f);
-    EXPECT_EQ(time.high(), 0.05f);
 }
 
 // The smallest concrete device: only the batch hand-over of the base class is under test.
@@ -112,29 +101,18 @@ public:
     ruvo::capture::Capabilities getCapabilities(uint32_t) override { return {}; }
 };
 
-// A one-frame batch whose frame records its destruction in `released`.
-Batch batchReleasing(bool& released) {
-    return {std::shared_ptr<Frame>(new Frame, [&released](Frame* f) {
+// Each batch reaches the latest callback, and the device keeps no reference to a frame it handed
+// over or dropped (without a callback).
+TEST(CaptureDeviceCallback, EachBatchReachesTheLatestCallbackAndIsNotKept) {
+    BatchOnlyDevice device;
+    bool released = false;
+    Batch batch = {std::shared_ptr<Frame>(new Frame, [&released](Frame* f) {
         released = true;
         delete f;
     })};
-}
-
-TEST(CaptureDeviceCallback, BatchWithoutCallbackIsDropped) {
-    BatchOnlyDevice device;
-    bool released = false;
-    Batch batch = batchReleasing(released);
-    device.onNewData(batch);
-    batch.clear();
-    EXPECT_TRUE(released) << "the device kept a reference to an undelivered frame";
-}
-
-TEST(CaptureDeviceCallback, EachBatchReachesTheLatestCallback) {
-    BatchOnlyDevice device;
+    device.onNewData(batch);  // no callback yet: dropped
     std::vector<Batch> first, second;
     device.setCallback([&](const Batch& b) { first.push_back(b); });
-    bool released = false;
-    Batch batch = batchReleasing(released);
     device.onNewData(batch);
     device.onNewData(batch);
     ASSERT_EQ(first.size(), 2u);
@@ -151,7 +129,7 @@ TEST(CaptureDeviceCallback, EachBatchReachesTheLatestCallback) {
     first.clear();
     second.clear();
     batch.clear();
-    EXPECT_TRUE(released);
+    EXPECT_TRUE(released) << "the device kept a reference to a frame";
 }
 
 }  // namespace

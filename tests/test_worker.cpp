@@ -1,6 +1,6 @@
-// The Worker loop on a Poco::Thread: repeated work() on the task's thread, pause that waits for
-// the step in progress and holds further steps, cancel, onExit once, and failures that are
-// logged once per episode while the loop goes on.
+// The Worker loop on a Poco::Thread: repeated work() on the task's thread, which carries the
+// task's thread name, pause that waits for the step in progress and holds further steps, cancel,
+// onExit once, and failures that are logged once per episode while the loop goes on.
 #include <ruvo/util/Worker.h>
 
 #include <Poco/AutoPtr.h>
@@ -9,13 +9,12 @@
 #include <Poco/Message.h>
 #include <Poco/Thread.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -53,32 +52,26 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         return field;
     }
-    // Makes step `n` wait at the gate until openGate().
-    void holdStep(int n) {
-        std::lock_guard<std::mutex> lock(mutex);
-        heldStep = n;
-    }
-    void openGate() {
+    // Step `step` waits at the gate while the gate is closed; -1 holds no step.
+    void setGate(int step, bool open) {
         {
             std::lock_guard<std::mutex> lock(mutex);
-            gateOpen = true;
+            heldStep = step;
+            gateOpen = open;
         }
         cond.notify_all();
     }
 
     std::mutex mutex;
     std::condition_variable cond;
-    int started = 0;         // work() calls entered
-    int finished = 0;        // work() calls returned or thrown
-    int exits = 0;           // onExit() calls
-    int heldStep = -1;       // step waiting at the gate, -1 for none
-    bool gateOpen = false;   // the held step may go on
-    bool forbidden = false;  // set by the test while no step may start
-    int startedWhileForbidden = 0;
+    int started = 0;        // work() calls entered
+    int finished = 0;       // work() calls returned or thrown
+    int exits = 0;          // onExit() calls
+    int heldStep = -1;      // step waiting at the gate, -1 for none
+    bool gateOpen = false;  // the held step may go on
     std::set<Poco::Thread*> workThreads;
     Poco::Thread* exitThread = nullptr;
-    std::atomic<int> order{0};  // shared sequence for ordering events across threads
-    int lastStepEnd = -1;       // `order` value when a step last ended
+    std::string exitThreadName;  // the operating system's name of the thread that ran onExit()
 
 protected:
     void work() override {
@@ -86,7 +79,6 @@ protected:
         {
             std::unique_lock<std::mutex> lock(mutex);
             step = started++;
-            if (forbidden) ++startedWhileForbidden;
             workThreads.insert(Poco::Thread::current());
             cond.notify_all();
             cond.wait(lock, [&] { return step != heldStep || gateOpen; });
@@ -96,7 +88,6 @@ protected:
             ~Finish() {
                 std::lock_guard<std::mutex> lock(w.mutex);
                 ++w.finished;
-                w.lastStepEnd = ++w.order;
                 w.cond.notify_all();
             }
         } finish{*this};
@@ -104,9 +95,12 @@ protected:
     }
 
     void onExit() override {
+        char name[16] = {};
+        pthread_getname_np(pthread_self(), name, sizeof name);
         std::lock_guard<std::mutex> lock(mutex);
         ++exits;
         exitThread = Poco::Thread::current();
+        exitThreadName = name;
         cond.notify_all();
     }
 
@@ -121,7 +115,7 @@ public:
     ~RunningWorker() {
         if (!thread.isRunning()) return;
         _worker.cancel();
-        _worker.openGate();
+        _worker.setGate(-1, true);
         if (!thread.tryJoin(kJoinGuardMs)) {
             ADD_FAILURE() << "the worker thread ignores cancel(); aborting rather than hanging";
             std::abort();
@@ -135,7 +129,8 @@ private:
     ScriptedWorker& _worker;
 };
 
-TEST(WorkerLoop, RepeatsWorkOnTheTaskThreadAndExitsOnceThere) {
+// The operating system's thread takes the Poco thread's name, cut to its 15 characters.
+TEST(WorkerLoop, RepeatsWorkOnTheTaskThreadAndExitsOnceThereUnderItsName) {
     ScriptedWorker worker;
     RunningWorker running(worker);
     ASSERT_TRUE(worker.waitUntil([&] { return worker.finished >= 5; }));
@@ -146,87 +141,65 @@ TEST(WorkerLoop, RepeatsWorkOnTheTaskThreadAndExitsOnceThere) {
     EXPECT_EQ(worker.workThreads, std::set<Poco::Thread*>{&running.thread});
     EXPECT_EQ(worker.exits, 1);
     EXPECT_EQ(worker.exitThread, &running.thread);
+    EXPECT_EQ(worker.exitThreadName, "worker-under-te");
 }
 
-TEST(WorkerLoop, PauseWaitsForTheStepInProgressAndHoldsFurtherSteps) {
+// Then cancel() during a held step: the step ends and no other starts.
+TEST(WorkerLoop, PauseWaitsForTheStepInProgressAndHoldsFurtherStepsAndCancelEndsTheLoopAfterTheStep) {
     ScriptedWorker worker;
-    worker.holdStep(2);
+    worker.setGate(2, false);
     RunningWorker running(worker);
     ASSERT_TRUE(worker.waitUntil([&] { return worker.started == 3; }));
 
-    int pauseReturned = -1;
+    int finishedWhenPauseReturned = -1;
     std::thread pauser([&] {
         worker.pause();
-        pauseReturned = ++worker.order;
+        finishedWhenPauseReturned = worker.read(worker.finished);
     });
     while (!worker.isPaused()) std::this_thread::yield();
     letOtherThreadsRun();
-    worker.openGate();
+    worker.setGate(-1, true);
     pauser.join();
-    EXPECT_LT(worker.read(worker.lastStepEnd), pauseReturned) << "pause() returned while step 2 was still running";
-    EXPECT_EQ(worker.read(worker.finished), 3);
-
-    {
-        std::lock_guard<std::mutex> lock(worker.mutex);
-        worker.forbidden = true;
-    }
+    EXPECT_EQ(finishedWhenPauseReturned, 3) << "pause() returned while step 2 was still running";
     letOtherThreadsRun();
-    {
-        std::lock_guard<std::mutex> lock(worker.mutex);
-        worker.forbidden = false;
-        EXPECT_EQ(worker.startedWhileForbidden, 0);
-        EXPECT_EQ(worker.started, 3);
-    }
+    EXPECT_EQ(worker.read(worker.started), 3) << "a step started while paused";
+    worker.setGate(6, false);
     worker.unpause();
-    EXPECT_TRUE(worker.waitUntil([&] { return worker.finished >= 6; })) << "unpause() did not resume the loop";
-}
-
-TEST(WorkerLoop, CancelEndsTheLoopAfterTheCurrentStep) {
-    ScriptedWorker worker;
-    worker.holdStep(0);
-    RunningWorker running(worker);
-    ASSERT_TRUE(worker.waitUntil([&] { return worker.started == 1; }));
+    ASSERT_TRUE(worker.waitUntil([&] { return worker.started == 7; })) << "unpause() did not resume the loop";
     worker.cancel();
     EXPECT_TRUE(worker.isCancelled());
-    worker.openGate();
+    worker.setGate(-1, true);
     running.join();
-    EXPECT_EQ(worker.started, 1);
-    EXPECT_EQ(worker.finished, 1);
+    EXPECT_EQ(worker.started, 7);
+    EXPECT_EQ(worker.finished, 7);
     EXPECT_EQ(worker.exits, 1);
 }
 
-// Starts `worker` paused and lets its thread settle in the paused wait.
-std::unique_ptr<RunningWorker> startPaused(ScriptedWorker& worker) {
+TEST(WorkerLoop, PausedBeforeStartRunsNothingUntilUnpausedAndCancelWakesAPausedLoop) {
+    ScriptedWorker worker;
     worker.pause();  // not running: must return at once
-    auto running = std::make_unique<RunningWorker>(worker);
+    RunningWorker running(worker);
     while (!worker.isRunning()) std::this_thread::yield();
     letOtherThreadsRun();
-    return running;
-}
-
-TEST(WorkerLoop, PausedBeforeStartRunsNothingUntilUnpaused) {
-    ScriptedWorker worker;
-    auto running = startPaused(worker);
     EXPECT_EQ(worker.read(worker.started), 0);
     worker.unpause();
-    EXPECT_TRUE(worker.waitUntil([&] { return worker.finished >= 1; }));
-}
-
-TEST(WorkerLoop, CancelWakesAPausedLoop) {
-    ScriptedWorker worker;
-    auto running = startPaused(worker);
+    ASSERT_TRUE(worker.waitUntil([&] { return worker.finished >= 1; }));
+    worker.pause();
+    const int started = worker.read(worker.started);
     worker.cancel();
-    running->join();
-    EXPECT_EQ(worker.started, 0);
+    running.join();
+    EXPECT_EQ(worker.started, started);
     EXPECT_EQ(worker.exits, 1);
 }
 
+// Run on a thread that Poco did not start, the task names the thread after itself.
 TEST(WorkerLoop, CancelledWorkerExitsAtOnceAndRunsAgainAfterReset) {
     ScriptedWorker worker;
     worker.cancel();
     worker.run();  // on this thread: returns without a step
     EXPECT_EQ(worker.started, 0);
     EXPECT_EQ(worker.exits, 1);
+    EXPECT_EQ(worker.exitThreadName, "scripted");
 
     worker.reset();
     EXPECT_FALSE(worker.isCancelled());
@@ -237,31 +210,22 @@ TEST(WorkerLoop, CancelledWorkerExitsAtOnceAndRunsAgainAfterReset) {
     EXPECT_EQ(worker.exits, 2);
 }
 
-// Keeps every message logged to it.
-class CapturingChannel : public Poco::Channel {
+// Keeps the text of every error logged to it.
+class ErrorCapture : public Poco::Channel {
 public:
     void log(const Poco::Message& message) override {
-        std::lock_guard<std::mutex> lock(_mutex);
-        _messages.push_back(message);
-    }
-    std::vector<std::string> errors() {
-        std::lock_guard<std::mutex> lock(_mutex);
-        std::vector<std::string> texts;
-        for (const auto& m : _messages) {
-            if (m.getPriority() == Poco::Message::PRIO_ERROR) texts.push_back(m.getText());
-        }
-        return texts;
+        std::lock_guard<std::mutex> lock(mutex);
+        if (message.getPriority() == Poco::Message::PRIO_ERROR) errors.push_back(message.getText());
     }
 
-private:
-    std::mutex _mutex;
-    std::vector<Poco::Message> _messages;
+    std::mutex mutex;
+    std::vector<std::string> errors;
 };
 
 TEST(WorkerFailures, EachFailureEpisodeIsLoggedOnceAndTheLoopGoesOn) {
     Poco::Logger& logger = Poco::Logger::get("Util.Worker");
     Poco::AutoPtr<Poco::Channel> previous(logger.getChannel(), true);
-    Poco::AutoPtr<CapturingChannel> capture(new CapturingChannel);
+    Poco::AutoPtr<ErrorCapture> capture(new ErrorCapture);
     logger.setChannel(capture);
 
     // Steps 0-2 and 7 fail alike, 3-4 with another text, 5 with a non-standard exception.
@@ -279,13 +243,9 @@ TEST(WorkerFailures, EachFailureEpisodeIsLoggedOnceAndTheLoopGoesOn) {
     }
     logger.setChannel(previous);
 
-    const std::vector<std::string> errors = capture->errors();
-    const std::vector<std::string> expected = {"sensor gone", "queue full", "unknown exception", "sensor gone"};
-    ASSERT_EQ(errors.size(), expected.size());
-    for (size_t i = 0; i < errors.size(); ++i) {
-        EXPECT_NE(errors[i].find(expected[i]), std::string::npos) << errors[i];
-        EXPECT_NE(errors[i].find("scripted"), std::string::npos) << "the worker's name is missing: " << errors[i];
-    }
+    const std::vector<std::string> expected = {"scripted: sensor gone", "scripted: queue full",
+                                               "scripted: unknown exception", "scripted: sensor gone"};
+    EXPECT_EQ(capture->errors, expected);
 }
 
 }  // namespace

@@ -105,18 +105,6 @@ void IspRig::run(capture::CUDADemosaicMode mode, const Gammas& gammas, float col
     CUDA_CHECK(cudaStreamSynchronize(_stream));
 }
 
-std::vector<uint16_t> randomSensorFrame(unsigned width, unsigned height, uint32_t seed) {
-    std::mt19937 random(seed);
-    std::uniform_int_distribution<int> value(0, 1023);
-    std::vector<uint16_t> samples(static_cast<size_t>(width) * height);
-    for (uint16_t& s : samples) s = static_cast<uint16_t>(value(random) * 16);
-    return samples;
-}
-
-std::vector<uint16_t> flatFrame(unsigned width, unsigned height, uint16_t value) {
-    return std::vector<uint16_t>(static_cast<size_t>(width) * height, value);
-}
-
 std::vector<uint16_t> colourFrame(unsigned width, unsigned height, int red, int green, int blue, int noise,
                                   uint32_t seed) {
     std::mt19937 random(seed);

@@ -50,15 +50,16 @@ public:
     size_t bufferCount() const { return _buffers.size(); }
     size_t bufferBytes(size_t k) const { return _bytes[k]; }  // without the guard
 
-    uint16_t* raw() { return _raw; }
-    unsigned char* buffer(size_t k) { return _buffers[k]; }
-    const unsigned char* buffer(size_t k) const { return _buffers[k]; }
+    uint16_t* raw() const { return _raw; }
+    unsigned char* buffer(size_t k) const { return _buffers[k]; }
     std::vector<unsigned char> copy(size_t k) const;  // buffer k with its guard bytes
     const int* histogram() const { return reinterpret_cast<const int*>(_buffers[4]); }
 
     // Sets every byte of every buffer, guards included.
     void poison(unsigned char value);
     void fillRaw(const std::vector<uint16_t>& samples);
+    // The scratch length the histogram is told it has (the allocation stays as it is).
+    void limitScratch(int bytes) { _scratchLength = bytes; }
 
     // cudaISP on the rig's stream, then a stream synchronisation.
     void run(capture::CUDADemosaicMode mode, const Gammas& gammas = {}, float colorModelThreshold = 10.0f);
@@ -78,14 +79,14 @@ private:
     cudaStream_t _stream = nullptr;
 };
 
-// Raw frames of width x height samples, Bayer B G / G R.
-// 10-bit values in the upper bits of a 14-bit field (value x 16), uniformly random.
-std::vector<uint16_t> randomSensorFrame(unsigned width, unsigned height, uint32_t seed);
-// Every sample the same value.
-std::vector<uint16_t> flatFrame(unsigned width, unsigned height, uint16_t value);
-// Per-channel constants (10-bit values x 16) with noise of +-noise 10-bit steps.
+// Raw frames of width x height samples, Bayer B G / G R, 10-bit values in the upper bits of a
+// 14-bit field (value x 16): per-channel constants with noise of +-noise 10-bit steps, clamped.
 std::vector<uint16_t> colourFrame(unsigned width, unsigned height, int red, int green, int blue, int noise,
                                   uint32_t seed);
+// Uniformly random values (0 twice as likely as the others).
+inline std::vector<uint16_t> randomSensorFrame(unsigned width, unsigned height, uint32_t seed) {
+    return colourFrame(width, height, 511, 511, 511, 512, seed);
+}
 
 }  // namespace test
 }  // namespace ruvo

@@ -78,12 +78,11 @@ double lanczosWeight(int dy, int dx) {
     return r < 3.0 ? sinc(r) * sinc(r / 3.0) : 0.0;
 }
 
-bool isReferenceLanczosBorder(unsigned tx, unsigned ty, unsigned width, unsigned height) {
-    return 2 * ty < 9 || 2 * tx < 9 || ty >= (height - 8) / 2 || tx >= (width - 8) / 2;
-}
-
 QuadColours referenceLanczos(const RawImage& raw, unsigned tx, unsigned ty) {
-    if (isReferenceLanczosBorder(tx, ty, raw.width, raw.height)) return referenceFallback(raw, tx, ty);
+    // Nine samples of fallback on every side.
+    if (2 * ty < 9 || 2 * tx < 9 || ty >= (raw.height - 8) / 2 || tx >= (raw.width - 8) / 2) {
+        return referenceFallback(raw, tx, ty);
+    }
     const int x = static_cast<int>(2 * tx);
     const int y = static_cast<int>(2 * ty);
     const double diagonal = 0.855256, cross = 1.565356, line = 0.782678;

@@ -34,7 +34,6 @@ QuadColours referenceFallback(const RawImage& raw, unsigned tx, unsigned ty);
 QuadColours referenceBilinear(const RawImage& raw, unsigned tx, unsigned ty);
 // Lanczos demosaic of quad (tx, ty), border rule included.
 QuadColours referenceLanczos(const RawImage& raw, unsigned tx, unsigned ty);
-bool isReferenceLanczosBorder(unsigned tx, unsigned ty, unsigned width, unsigned height);
 
 // The windowed-sinc weight of a same-colour sample at offset (dy, dx): L(0.44 d), 0 beyond r = 3.
 double lanczosWeight(int dy, int dx);
