@@ -166,7 +166,11 @@ void CUDACamera::init_mem(const v4l2_format& format) {
         bucket.cuda_height = C;
         bucket.index = i;
         allocateOutputs(bucket, W, C, H);
-        // The driver is told the visible size; the padding rows lie beyond what it writes.
+        // The driver is told the visible size; the padding rows lie beyond what it writes. The
+        // pipeline reads them (the bottom rows' neighbourhoods, the histogram, the metering), so they
+        // are zeroed once here rather than left with whatever the allocator handed back.
+        std::memset(static_cast<unsigned char*>(buf.host) + static_cast<size_t>(W) * H * 2, 0,
+                    static_cast<size_t>(W) * (C - H) * 2);
         bucket.v4l2.data = bucket.cudaIn.host;
         bucket.v4l2.size = W * H * 2;
         bucket.v4l2.length = W * H;

@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -143,6 +145,24 @@ TEST(CameraMemory, AllocatesTheDocumentedByteCounts) {
     EXPECT_EQ(ruvo::hostrt::attachedStream(bucket.cudaIn.host), nullptr);  // the driver writes it outside streams
     camera.stop();
     EXPECT_EQ(ruvo::hostrt::liveAllocations(), before);
+}
+
+// The rows below a 672x380 frame are processed but never written by the driver: with the allocator
+// handing back dirty memory they must still read as black.
+TEST(CameraMemory, PaddingRowsBelowTheFrameAreZero) {
+    const std::string path = uniqueSimPath("padding");
+    CUDACamera camera(simCameraConfig(path, {{"width", "672"}, {"height", "380"}}), 0);
+    ruvo::hostrt::fillNewAllocations(0xa5);
+    camera.start();
+    ruvo::hostrt::resetFaults();
+    for (const CUDACamera::Bucket& bucket : CUDACameraTestAccess::buckets(camera)) {
+        ASSERT_EQ(bucket.cuda_height, 384u);
+        const auto* raw = static_cast<const unsigned char*>(bucket.cudaIn.host);
+        const size_t frameBytes = 672 * 380 * 2;
+        const size_t paddingBytes = 672 * 4 * 2;
+        EXPECT_EQ(std::count(raw + frameBytes, raw + frameBytes + paddingBytes, 0), static_cast<long>(paddingBytes));
+    }
+    camera.stop();
 }
 
 // Buffers are requested with count 0 and no memory is made; the driver then refuses to stream.

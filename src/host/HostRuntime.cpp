@@ -36,6 +36,7 @@ struct RuntimeState {
     int device = 0;
     unsigned int deviceFlags = 0;
     cudaError_t lastError = cudaSuccess;
+    int allocationFill = -1;  // byte every new allocation is filled with, -1 for none
 };
 
 RuntimeState& state() {
@@ -83,8 +84,7 @@ const std::map<int, ErrorText>& errorTexts() {
         {cudaErrorInvalidResourceHandle, {"cudaErrorInvalidResourceHandle", "invalid resource handle"}},
         {cudaErrorNotReady, {"cudaErrorNotReady", "device not ready"}},
         {cudaErrorIllegalAddress, {"cudaErrorIllegalAddress", "an illegal memory access was encountered"}},
-        {cudaErrorLaunchOutOfResources,
-         {"cudaErrorLaunchOutOfResources", "too many resources requested for launch"}},
+        {cudaErrorLaunchOutOfResources, {"cudaErrorLaunchOutOfResources", "too many resources requested for launch"}},
         {cudaErrorLaunchFailure, {"cudaErrorLaunchFailure", "unspecified launch failure"}},
         {cudaErrorNotSupported, {"cudaErrorNotSupported", "operation not supported"}},
         {cudaErrorUnknown, {"cudaErrorUnknown", "unknown error"}},
@@ -105,6 +105,7 @@ cudaError_t allocate(const char* call, void** ptr, size_t size, bool zeroIsError
     size_t rounded = (size + kAlignment - 1) / kAlignment * kAlignment;
     void* p = std::aligned_alloc(kAlignment, rounded);
     if (p == nullptr) return record(s, cudaErrorMemoryAllocation);
+    if (s.allocationFill >= 0) std::memset(p, s.allocationFill, rounded);
     s.allocations[p] = size;
     *ptr = p;
     return cudaSuccess;
@@ -224,9 +225,7 @@ cudaError_t cudaStreamCreateWithFlags(cudaStream_t* stream, unsigned int flags) 
     return cudaSuccess;
 }
 
-cudaError_t cudaStreamCreate(cudaStream_t* stream) {
-    return cudaStreamCreateWithFlags(stream, cudaStreamDefault);
-}
+cudaError_t cudaStreamCreate(cudaStream_t* stream) { return cudaStreamCreateWithFlags(stream, cudaStreamDefault); }
 
 cudaError_t cudaStreamDestroy(cudaStream_t stream) {
     RuntimeState& s = state();
@@ -310,6 +309,13 @@ void resetFaults() {
     s.faults.clear();
     s.deviceCount = 1;
     s.lastError = cudaSuccess;
+    s.allocationFill = -1;
+}
+
+void fillNewAllocations(int byte) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.allocationFill = byte;
 }
 
 void setDeviceCount(int count) {

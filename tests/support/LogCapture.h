@@ -31,6 +31,10 @@ public:
         _logger.setLevel(_previousLevel);
     }
 
+    std::vector<std::string> lines() const {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _lines;
+    }
     bool contains(const std::string& text) const { return count(text) > 0; }
     size_t count(const std::string& text) const {
         std::lock_guard<std::mutex> lock(_mutex);
