@@ -35,12 +35,6 @@ configure_build() {
   fi
 }
 
-# The test programs whose tests carry the "threads" label (see tests/CMakeLists.txt).
-threaded_targets() {
-  ls "$root"/tests/test_*.cpp | xargs -n1 basename | sed 's/\.cpp$//' |
-    grep -E '^test_(worker|channel|camera_release|device|faults|soak|sim_.*|tool_run|tool_commands)$'
-}
-
 # Sanitizer builds: little optimisation and light debug information compile fastest while keeping
 # stack traces; the per-pixel code keeps its own -O3.
 sanitizer_flags=(-DCMAKE_BUILD_TYPE=Debug "-DCMAKE_CXX_FLAGS_DEBUG=-O1 -g1" -DRUVO_WITH_CUDA=OFF -DRUVO_BUILD_BENCH=OFF)
@@ -77,7 +71,7 @@ if has_stage asan; then
 fi
 
 if has_stage tsan; then
-  configure_build build/tsan ruvo-capture $(threaded_targets) -- "${sanitizer_flags[@]}" -DRUVO_SANITIZE=thread
+  configure_build build/tsan ruvo-capture threaded_tests -- "${sanitizer_flags[@]}" -DRUVO_SANITIZE=thread
   run_tests build/tsan -L threads
 fi
 
