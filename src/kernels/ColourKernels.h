@@ -43,6 +43,12 @@ struct QuadOnlyMode {
 template <class Mode, class Sink>
 struct ColourKernel {
     static constexpr bool kHasBorder = true;
+    // The host runs interior rows in whole blocks of this many quads: the widest vectorised loop
+    // steps over 64 (one-byte chroma outputs fill an AVX-512 register), and a remainder would run
+    // in narrower vectors and then one quad at a time, a quarter of a 1280-wide row's time. A
+    // colour kernel reads only the raw frame, so quads that an overlapping last block repeats
+    // store the same bytes again.
+    static constexpr unsigned kInteriorBlock = 64;
 
     cudaKernelParams params;
     Sink sink;

@@ -7,18 +7,29 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace ruvo {
 namespace capture {
 namespace kernels {
 
-// Raw samples around a fixed position; (dy, dx) are row and column offsets from it.
+// Raw samples around a fixed position; (dy, dx) are row and column offsets from it. The position is
+// the top-left sample of a quad, so it and the row stride are even.
 struct RawWindow {
     const uint16_t* origin;
     ptrdiff_t stride;
 
     __host__ __device__ __forceinline__ float operator()(int dy, int dx) const {
+#ifdef __CUDA_ARCH__
         return static_cast<float>(origin[dy * stride + dx]);
+#else
+        // The host reads the 32-bit word holding the sample pair (even column low, odd column high,
+        // little-endian): one contiguous load per pair and row for consecutive quads, which the
+        // vectoriser handles without the scalar remainder that a strided 16-bit load would force.
+        uint32_t pair;
+        std::memcpy(&pair, origin + dy * stride + (dx & ~1), sizeof pair);
+        return static_cast<float>((dx & 1) != 0 ? pair >> 16 : pair & 0xffffu);
+#endif
     }
     // The same window moved to another position.
     __host__ __device__ __forceinline__ RawWindow shifted(int dy, int dx) const {

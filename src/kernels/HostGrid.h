@@ -6,6 +6,8 @@
 
 #include "LaunchGeometry.h"
 
+#include <type_traits>
+
 namespace ruvo {
 namespace capture {
 namespace kernels {
@@ -23,8 +25,9 @@ __forceinline__ void runThread(const Kernel& kernel, unsigned tx, unsigned ty) {
     }
 }
 
-// Row loops are compiled for AVX2 with FMA and for baseline x86-64; the interior runs of colour
-// kernels, where the powers of the colour path take most of the time, also for AVX-512 (16 lanes).
+// Row loops are compiled for AVX2 with FMA and for baseline x86-64; interior runs (of the colour
+// kernels, where the powers of the colour path take most of the time, and of the gradient kernels)
+// also for AVX-512 (16 lanes).
 #if defined(__x86_64__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 #define RUVO_ROW_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
 #define RUVO_INTERIOR_ROW_CLONES __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
@@ -33,23 +36,56 @@ __forceinline__ void runThread(const Kernel& kernel, unsigned tx, unsigned ty) {
 #define RUVO_INTERIOR_ROW_CLONES
 #endif
 
-// Threads begin .. end - 1 of row ty. The kernel is copied so that its pointers and parameters are
-// locals the output stores cannot alias.
+// Threads begin .. end - 1 of row ty as one vectorised loop. The kernel is copied so that its
+// pointers and parameters are locals the output stores cannot alias.
 template <class Kernel, RowPart part>
-__forceinline__ void runRowSpanBody(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
+__forceinline__ void runThreads(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
     const Kernel local = kernel;
 #pragma omp simd
     for (unsigned tx = begin; tx < end; ++tx) runThread<Kernel, part>(local, tx, ty);
 }
 
 template <class Kernel, RowPart part>
-RUVO_ROW_CLONES void runRowSpan(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
-    runRowSpanBody<Kernel, part>(kernel, ty, begin, end);
+RUVO_ROW_CLONES void runRowThreads(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
+    runThreads<Kernel, part>(kernel, ty, begin, end);
 }
 
 template <class Kernel>
-RUVO_INTERIOR_ROW_CLONES void runInteriorSpan(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
-    runRowSpanBody<Kernel, RowPart::kInterior>(kernel, ty, begin, end);
+RUVO_INTERIOR_ROW_CLONES void runInteriorThreads(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
+    runThreads<Kernel, RowPart::kInterior>(kernel, ty, begin, end);
+}
+
+template <class Kernel, RowPart part>
+void runThreadsOf(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
+    if constexpr (part == RowPart::kInterior) {
+        runInteriorThreads<Kernel>(kernel, ty, begin, end);
+    } else {
+        runRowThreads<Kernel, part>(kernel, ty, begin, end);
+    }
+}
+
+// Kernel::kInteriorBlock where the kernel declares one, else 0.
+template <class Kernel, class = void>
+struct InteriorBlock {
+    static constexpr unsigned value = 0;
+};
+template <class Kernel>
+struct InteriorBlock<Kernel, std::void_t<decltype(Kernel::kInteriorBlock)>> {
+    static constexpr unsigned value = Kernel::kInteriorBlock;
+};
+
+// Threads begin .. end - 1 of row ty. An interior run of a kernel that declares a block size, and is
+// at least that long, is covered by whole blocks, the last one moved back to end at `end`: the
+// vectorised loop then never leaves a remainder to its narrower and one-thread-at-a-time loops, and
+// the threads the last block repeats store again what they stored before.
+template <class Kernel, RowPart part>
+void runRowSpan(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
+    constexpr unsigned block = part == RowPart::kInterior ? InteriorBlock<Kernel>::value : 0;
+    const unsigned count = end - begin;
+    if (block == 0 || count < block) return runThreadsOf<Kernel, part>(kernel, ty, begin, end);
+    const unsigned wholeBlocksEnd = begin + count / block * block;
+    runThreadsOf<Kernel, part>(kernel, ty, begin, wholeBlocksEnd);
+    if (wholeBlocksEnd != end) runThreadsOf<Kernel, part>(kernel, ty, end - block, end);
 }
 
 template <class Kernel>
@@ -75,7 +111,7 @@ void runRow(const Kernel& kernel, unsigned ty, unsigned width) {
         }
         const IndexRange columns = kernel.interiorColumns();
         runRowSpan<Kernel, RowPart::kBorder>(kernel, ty, 0, columns.begin);
-        runInteriorSpan<Kernel>(kernel, ty, columns.begin, columns.end);
+        runRowSpan<Kernel, RowPart::kInterior>(kernel, ty, columns.begin, columns.end);
         runRowSpan<Kernel, RowPart::kBorder>(kernel, ty, columns.end, width);
     } else {
         runRowSpan<Kernel, RowPart::kAll>(kernel, ty, 0, width);
