@@ -2,7 +2,7 @@
 // the largest frame size: region metering with the skin histogram, with the image's metered
 // bytes in cache (as the pipeline leaves them) and evicted first, and the driver statistic alone.
 // The budget is 0.2 ms per frame.
-#include "test_3a_rig.h"
+#include "support/rig_3a.h"
 
 #include "support/GpuPresence.h"
 

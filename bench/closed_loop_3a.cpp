@@ -3,7 +3,7 @@
 // 6500 K to 3000 K, how many frames the metered luminance and the neutral patch's chroma take to
 // settle within 5% of their targets, how far they overshoot and how often they leave the band again.
 // Usage: closed_loop_3a [width height [frames per phase]]; --csv FILE writes every frame.
-#include "test_3a_loop.h"
+#include "support/loop_3a.h"
 
 #include "support/GpuPresence.h"
 

@@ -92,7 +92,8 @@ int main(int argc, char** argv) {
         frames += batch.size();
         std::lock_guard<std::mutex> lock(mutex);
         for (const auto& f : batch) {
-            if (f->batchIndex == 0) latenciesUs.push_back(std::chrono::duration<double, std::micro>(now - f->timestamp).count());
+            if (f->batchIndex == 0)
+                latenciesUs.push_back(std::chrono::duration<double, std::micro>(now - f->timestamp).count());
         }
     });
     device.start();

@@ -39,7 +39,9 @@ void run(int configuration, uint32_t width, uint32_t height, int frames) {
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     camera.stop();
     std::printf("%-28s %4ux%-4u %8.1f frames/s %8.2f ms per read()\n",
-                configuration == 0 ? "YUV_ONLY" : configuration == 2 ? "YUV_2_4_SKIN_HISTOGRAM" : "YUV_2_4_GRADIENT_2_4",
+                configuration == 0   ? "YUV_ONLY"
+                : configuration == 2 ? "YUV_2_4_SKIN_HISTOGRAM"
+                                     : "YUV_2_4_GRADIENT_2_4",
                 width, height, delivered / elapsed, 1000.0 * readSeconds / delivered);
 }
 

@@ -79,9 +79,9 @@ Controls decode(Bytes& in, Controls c) {
     c.ae.time = ruvo::util::Range<float>(in.take<float>(), in.take<float>());
     c.ae.regions.clear();
     for (int i = in.take<uint8_t>() % 3; i > 0; --i) {
-        c.ae.regions.emplace_back(dlib::rectangle(in.take<int32_t>(), in.take<int32_t>(), in.take<int32_t>(),
-                                                  in.take<int32_t>()),
-                                  in.take<float>());
+        c.ae.regions.emplace_back(
+            dlib::rectangle(in.take<int32_t>(), in.take<int32_t>(), in.take<int32_t>(), in.take<int32_t>()),
+            in.take<float>());
     }
     return c;
 }

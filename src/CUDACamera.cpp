@@ -1,5 +1,7 @@
 // CUDACamera: construction, start and stop, the bucket memory in CUDA managed memory, and the
 // read-and-release cycle of one frame (dequeue, pipeline, feedback, 3A, requeue).
+#undef NDEBUG  // a driver's out-of-range buffer index and broken bucket invariants abort in every build type
+
 #include "CUDACamera.h"
 
 #include "CUDAUtils.h"
@@ -52,11 +54,24 @@ OutputGeometry outputGeometry(const OutputBufferDefinition& definition, uint32_t
     }
     uint32_t n = g.width * g.rows;
     switch (definition.format) {
-        case Frame::Y8: g.length = n; g.bytesPerPx = 1; break;
-        case Frame::YUV420p: g.length = n + n / 2; g.bytesPerPx = 1; break;
-        case Frame::RGB24: g.length = n; g.bytesPerPx = 3; break;
-        case Frame::HISTOGRAM8: g.length = 256; g.bytesPerPx = 4; break;
-        default: break;
+        case Frame::Y8:
+            g.length = n;
+            g.bytesPerPx = 1;
+            break;
+        case Frame::YUV420p:
+            g.length = n + n / 2;
+            g.bytesPerPx = 1;
+            break;
+        case Frame::RGB24:
+            g.length = n;
+            g.bytesPerPx = 3;
+            break;
+        case Frame::HISTOGRAM8:
+            g.length = 256;
+            g.bytesPerPx = 4;
+            break;
+        default:
+            break;
     }
     return g;
 }
@@ -277,7 +292,7 @@ void CUDACamera::deinit_mem() {
 }
 
 CUDACamera::Bucket* CUDACamera::read() {
-    struct timeval timeout {2, 0};
+    struct timeval timeout = {2, 0};
     int ready = _io->select(_fd, &timeout);
     if (ready == -1) throw CaptureDeviceException("select");
     if (ready == 0) return nullptr;
@@ -341,7 +356,8 @@ void CUDACamera::process(Bucket& bucket) {
 
 // The SIXTEENTH skin luminance plane goes to "CapDevCUDAExp_<index>" when someone listens.
 void CUDACamera::sendSkinDiagnostics(const Bucket& bucket) {
-    std::shared_ptr<ruvo::util::Channel> channel = ruvo::util::Channel::attached("CapDevCUDAExp_" + std::to_string(_index));
+    std::shared_ptr<ruvo::util::Channel> channel =
+        ruvo::util::Channel::attached("CapDevCUDAExp_" + std::to_string(_index));
     if (!channel || !channel->enabled() || bucket.buffers.size() < 7) return;
     const Bucket::OutputBuffer& skin = bucket.buffers[6];
     const uint32_t level = Frame::SIXTEENTH;  // the level of buffer 6 in the one configuration that sends
@@ -368,8 +384,8 @@ void CUDACamera::fillFeedback(Bucket& bucket) {
     fb.autoWhiteBalanceRegions.clear();
     if (!_controls.awb.regions.empty()) fb.autoWhiteBalanceRegions.push_back(_controls.awb.regions.front());
     const v4l2_queryctrl range = queryControl(sensor::CID_AVG_LUMINANCE);
-    fb.luminance = static_cast<float>(getControl(sensor::CID_AVG_LUMINANCE)) /
-                   static_cast<float>(range.maximum - range.minimum);
+    fb.luminance =
+        static_cast<float>(getControl(sensor::CID_AVG_LUMINANCE)) / static_cast<float>(range.maximum - range.minimum);
 }
 
 void CUDACamera::release(unsigned bucketIndex) {

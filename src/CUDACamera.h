@@ -3,9 +3,9 @@
 // pipeline and 3A on every frame, and its runtime controls.
 #pragma once
 
+#include "3a/Metering.h"
 #include "CUDAKernels.h"
 #include "CameraParams.h"
-#include "Metering.h"
 #include "io/DeviceIo.h"
 
 #include <ruvo/capture/Capabilities.h>
@@ -194,7 +194,7 @@ private:
     bool _isRunning = false;
     std::mt19937 _prng;
     std::vector<std::pair<int, int>> _initialSampleDist;  // (column, row) in full-resolution pixels
-    uint32_t _sampleTableWidth = 0;   // frame size the sample table was drawn for
+    uint32_t _sampleTableWidth = 0;                       // frame size the sample table was drawn for
     uint32_t _sampleTableHeight = 0;
     float _currExpGain = 0.0f;
     float _currBlueGain = 0.0f;
@@ -203,7 +203,7 @@ private:
     std::vector<float> winWeights;  // centre prior per metering region, row-major
     float sumWinWeights = 0.0f;
     metering::MeteringScratch _meteringScratch;  // metering state, reused frame to frame
-    float _aeMeteredY = 0.0f;  // luminance (0..1) that the last automatic exposure evaluation measured
+    float _aeMeteredY = 0.0f;       // luminance (0..1) that the last automatic exposure evaluation measured
     std::shared_ptr<DeviceIo> _io;  // the only way to the device node
 };
 

@@ -3,8 +3,8 @@
 // exposure, gain and channel gains to the sensor, and the metering diagnostics records.
 #include "CUDACamera.h"
 
-#include "Metering.h"
-#include "MeteringDiagnostics.h"
+#include "3a/Metering.h"
+#include "3a/MeteringDiagnostics.h"
 #include "SensorControls.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>

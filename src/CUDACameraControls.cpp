@@ -72,7 +72,8 @@ void CUDACamera::setControls(const Controls& c) {
     bool restart;
     {
         Poco::FastMutex::ScopedLock lock(_mutexControls);
-        restart = c.width != _controls.width || c.height != _controls.height || c.outputBuffers != _controls.outputBuffers;
+        restart =
+            c.width != _controls.width || c.height != _controls.height || c.outputBuffers != _controls.outputBuffers;
     }
     if (restart) {
         std::array<int32_t, 5> kept{};

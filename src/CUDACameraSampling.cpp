@@ -73,7 +73,8 @@ void CUDACamera::init_window_weights() {
         for (uint32_t k = 1; k <= side; ++k) {
             const double dx = r - 0.5 - c;
             const double dy = k - 0.5 - c;
-            const auto w = static_cast<float>(std::exp(-(dx * dx + dy * dy) / (s * (s + s))) / (s * 2.5066283095076436));
+            const auto w =
+                static_cast<float>(std::exp(-(dx * dx + dy * dy) / (s * (s + s))) / (s * 2.5066283095076436));
             winWeights[(r - 1) * side + (k - 1)] = w;
             sumWinWeights += w;
         }

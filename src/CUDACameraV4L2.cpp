@@ -7,11 +7,11 @@
 
 #include <ruvo/capture/CaptureDeviceException.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <string>
-#include <sys/stat.h>
 
 namespace ruvo {
 namespace capture {
@@ -23,9 +23,9 @@ std::string errnoText(int error) { return std::strerror(error); }
 // Controls reset to the driver's defaults at every start, in this order (the luminance
 // statistic 0x00981003 is read-only and left alone).
 constexpr uint32_t kResetControls[] = {
-    sensor::CID_EXPOSURE,   sensor::CID_GAIN,         sensor::CID_VFLIP,        sensor::CID_HFLIP,
-    sensor::CID_RED_GAIN,   sensor::CID_GREEN_GAIN,   sensor::CID_BLUE_GAIN,    sensor::CID_METER_ENABLE,
-    sensor::CID_METER_LEFT, sensor::CID_METER_TOP,    sensor::CID_METER_WIDTH,  sensor::CID_METER_HEIGHT,
+    sensor::CID_EXPOSURE,   sensor::CID_GAIN,       sensor::CID_VFLIP,       sensor::CID_HFLIP,
+    sensor::CID_RED_GAIN,   sensor::CID_GREEN_GAIN, sensor::CID_BLUE_GAIN,   sensor::CID_METER_ENABLE,
+    sensor::CID_METER_LEFT, sensor::CID_METER_TOP,  sensor::CID_METER_WIDTH, sensor::CID_METER_HEIGHT,
 };
 
 }  // namespace
@@ -125,8 +125,8 @@ void CUDACamera::close_device() {
 void CUDACamera::programMeteringRectangle(const std::vector<ruvo::util::WeightedRegion>& regions) {
     if (regions.empty()) {
         setControl(sensor::CID_METER_ENABLE, 0);
-        for (uint32_t id : {sensor::CID_METER_LEFT, sensor::CID_METER_TOP, sensor::CID_METER_WIDTH,
-                            sensor::CID_METER_HEIGHT}) {
+        for (uint32_t id :
+             {sensor::CID_METER_LEFT, sensor::CID_METER_TOP, sensor::CID_METER_WIDTH, sensor::CID_METER_HEIGHT}) {
             setControl(id, 0);
         }
         return;

@@ -71,8 +71,7 @@ bool entryPresent(const Poco::Util::AbstractConfiguration& config, const std::st
 
 }  // namespace
 
-CUDADeviceImpl::CUDADeviceImpl(Poco::AutoPtr<Poco::Util::AbstractConfiguration> config,
-                               OnNewDataCallback onNewData) {
+CUDADeviceImpl::CUDADeviceImpl(Poco::AutoPtr<Poco::Util::AbstractConfiguration> config, OnNewDataCallback onNewData) {
     if (config.isNull()) throw Poco::NullPointerException();
     init_cuda(config->createView("cuda"));
     try {
@@ -178,8 +177,7 @@ bool CUDADeviceImpl::isRunning() {
 // Pauses every reader, applies `change` to the camera, and on a refusal puts the previous
 // controls back and reports the camera's message as CUDADeviceException.
 template <typename Change>
-auto CUDADeviceImpl::changeControls(uint32_t cameraId, Change change)
-    -> decltype(change(std::declval<CUDACamera&>())) {
+auto CUDADeviceImpl::changeControls(uint32_t cameraId, Change change) -> decltype(change(std::declval<CUDACamera&>())) {
     for (ProduceTask* task : _produceTasks) task->pause();
     CUDACamera& camera = *_cameras.at(cameraId);
     const Controls saved = camera.getControls();

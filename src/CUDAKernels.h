@@ -1,7 +1,7 @@
 // Entry points of the image pipeline: the output configurations, the demosaic modes, the
 // parameter block of the colour kernels, the dispatcher cudaISP that enqueues a configuration's
 // kernel sequence on a bucket's stream, and the scratch allocation of the luminance histogram.
-// Implemented by CUDAKernels.cu in the CUDA build and by HostKernels.cpp in the host build.
+// Implemented once, in CUDAKernels.cu, for both builds.
 #pragma once
 
 #include <cuda_runtime.h>

@@ -12,8 +12,7 @@ std::ostream& operator<<(std::ostream& os, cudaError error) {
         os.setstate(std::ios_base::badbit);  // as inserting a null text would: nothing more is written
         return os;
     }
-    os << name << "(" << static_cast<int>(error) << ") " << cudaGetErrorString(error)
-       << std::endl;
+    os << name << "(" << static_cast<int>(error) << ") " << cudaGetErrorString(error) << std::endl;
     return os;
 }
 

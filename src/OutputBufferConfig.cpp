@@ -20,8 +20,13 @@ const std::vector<std::vector<OutputBufferDefinition>> CUDA_OUTPUT_BUFFER_CONFIG
     // 1 YUV_2
     {colour(F::ORIGINAL), colour(F::HALF)},
     // 2 YUV_2_4_SKIN_HISTOGRAM
-    {colour(F::ORIGINAL), colour(F::HALF), colour(F::QUARTER), y8(F::SKIN_Y, F::HALF),
-     {F::HISTOGRAM8, F::SKIN_HISTOGRAM, F::NOT_APPLICABLE}, y8(F::SKIN_Y, F::EIGHTH), y8(F::SKIN_Y, F::SIXTEENTH)},
+    {colour(F::ORIGINAL),
+     colour(F::HALF),
+     colour(F::QUARTER),
+     y8(F::SKIN_Y, F::HALF),
+     {F::HISTOGRAM8, F::SKIN_HISTOGRAM, F::NOT_APPLICABLE},
+     y8(F::SKIN_Y, F::EIGHTH),
+     y8(F::SKIN_Y, F::SIXTEENTH)},
     // 3 YUV_2_4
     {colour(F::ORIGINAL), colour(F::HALF), colour(F::QUARTER), y8(F::SKIN_Y, F::HALF)},
     // 4 YUV_SKIN

@@ -3,7 +3,7 @@
 // limits, which luminance drives it and the skin threshold; white balance's gray-world step,
 // perturbation, tie rule, clamping, manual and lock (gain registers 0..4095, 1024 for a factor of
 // 1); the metering records byte for byte.
-#include "test_3a_rig.h"
+#include "support/rig_3a.h"
 
 #include "support/GpuPresence.h"
 #include "support/LogCapture.h"

@@ -2,7 +2,7 @@
 // the test chart: after the illuminance steps 4x up and back, the metered luminance comes back
 // within 5% of its target and stays there; after a colour temperature step that leaves the
 // chart's neutrals recognisably gray, so does the chroma of a neutral patch.
-#include "test_3a_loop.h"
+#include "support/loop_3a.h"
 
 #include "support/GpuPresence.h"
 

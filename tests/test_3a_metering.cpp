@@ -3,8 +3,8 @@
 // register conversions, sampling and region statistics, contrast and skin weights, skin
 // statistics and blend, the gray test, exposure limits and the not-a-number fallbacks; and what
 // the diagnostics records print for values a camera rarely makes.
-#include "Metering.h"
-#include "MeteringDiagnostics.h"
+#include "3a/Metering.h"
+#include "3a/MeteringDiagnostics.h"
 #include "SensorControls.h"
 
 #include <gtest/gtest.h>

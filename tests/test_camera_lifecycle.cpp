@@ -20,7 +20,7 @@
 #include <string>
 
 #ifdef RUVO_HOST_BUILD
-#include "host/HostRuntimeControl.h"
+#include "host/runtime/HostRuntimeControl.h"
 #endif
 
 using namespace ruvo::capture;

@@ -4,7 +4,7 @@
 #include "CUDAUtils.h"
 
 #ifndef RUVO_CUDA_BUILD
-#include "HostRuntimeControl.h"
+#include "host/runtime/HostRuntimeControl.h"
 #endif
 
 #include <gtest/gtest.h>

@@ -7,7 +7,7 @@
 #include "support/kernel_buffers.h"
 
 #ifdef RUVO_HOST_BUILD
-#include "HostRuntimeControl.h"
+#include "host/runtime/HostRuntimeControl.h"
 #endif
 
 #include <gtest/gtest.h>
@@ -188,7 +188,7 @@ TEST_F(HostRuntimeFailures, FailedScratchAllocationNamesTheCall) {
     unsigned char* storage = nullptr;
     const std::string message =
         deviceErrorOf([&] { cap::allocateCUBBuffer(size, &storage, "DeviceHistogram::HistogramEven", 336, 192); });
-    EXPECT_EQ(message.rfind("cudaMalloc(temp_storage, temp_size) at src/HostKernels.cpp:", 0), 0u) << message;
+    EXPECT_EQ(message.rfind("cudaMalloc(temp_storage, temp_size) at src/CUDAKernels.cu:", 0), 0u) << message;
     EXPECT_NE(message.find("cudaErrorMemoryAllocation(2)"), std::string::npos) << message;
     EXPECT_GT(size, 0u);
 }
@@ -199,7 +199,7 @@ TEST_F(HostRuntimeFailures, HistogramWithTooLittleScratchNamesTheCubCall) {
     rig.limitScratch(16);
     const std::string message = deviceErrorOf([&] { rig.run(cap::BILINEAR_5); });
     EXPECT_EQ(message.rfind("cub::DeviceHistogram::HistogramEven( d_temp_storage, temp_storage_bytes, targets[3], "
-                            "d_hist, n_levels, 0, 256, (int)(width*height/4), stream, false) at src/HostKernels.cpp:",
+                            "d_hist, n_levels, 0, 256, (int)(width*height/4), stream, false) at src/CUDAKernels.cu:",
                             0),
               0u)
         << message;

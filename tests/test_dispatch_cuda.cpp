@@ -2,8 +2,8 @@
 // and all four sizes. The colour stage is recomputed on the host from the same raw frame (equal
 // within one step for values that pass through the approximate powers, identical otherwise); every
 // later kernel is recomputed on the host from the GPU's own inputs and must match byte for byte.
-#include "kernels/HostLaunch.h"
-#include "kernels/IspPlan.h"
+#include "host/grid/HostLaunch.h"
+#include "isp/IspPlan.h"
 #include "support/GpuPresence.h"
 #include "support/kernel_buffers.h"
 

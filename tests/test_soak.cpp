@@ -23,7 +23,7 @@
 #include <thread>
 
 #ifdef RUVO_HOST_BUILD
-#include "host/HostRuntimeControl.h"
+#include "host/runtime/HostRuntimeControl.h"
 #endif
 
 using namespace ruvo::capture;

@@ -20,7 +20,7 @@
 #include "Stats.h"
 #include "StatusReport.h"
 #include "ToolError.h"
-#include "test_tool_support.h"
+#include "support/tool_run.h"
 
 #include <ruvo/util/Channel.h>
 

@@ -8,7 +8,7 @@
 #ifdef RUVO_CAPTURE_TOOL
 
 #include "support/GpuPresence.h"
-#include "test_tool_support.h"
+#include "support/tool_run.h"
 
 #include <ruvo/capture/CUDADevice.h>
 

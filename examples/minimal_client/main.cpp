@@ -28,10 +28,9 @@ int main(int argc, char** argv) {
         device.setCallback([&](const std::vector<std::shared_ptr<ruvo::capture::Frame>>& batch) {
             if (batches++ % 10 != 0) return;
             for (const auto& frame : batch) {
-                std::cout << "batch " << frame->batchId << " camera " << frame->cameraId << " frame "
-                          << frame->frameId << " " << ruvo::capture::OutputTypeNames.at(frame->outputTypeId) << " "
-                          << frame->width << "x" << frame->height << " gain " << frame->feedback.autoExposureGain
-                          << "\n";
+                std::cout << "batch " << frame->batchId << " camera " << frame->cameraId << " frame " << frame->frameId
+                          << " " << ruvo::capture::OutputTypeNames.at(frame->outputTypeId) << " " << frame->width << "x"
+                          << frame->height << " gain " << frame->feedback.autoExposureGain << "\n";
             }
         });
         device.start();

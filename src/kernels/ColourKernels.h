@@ -6,8 +6,8 @@
 
 #include "ColourPath.h"
 #include "Demosaic.h"
+#include "IndexRange.h"
 #include "LanczosTaps.h"
-#include "LaunchGeometry.h"
 
 namespace ruvo {
 namespace capture {

@@ -4,7 +4,7 @@
 // and LanczosTaps.h.
 #pragma once
 
-#include "../CUDAKernels.h"
+#include "CUDAKernels.h"
 #include "FastMath.h"
 
 #include <cstdint>

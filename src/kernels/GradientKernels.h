@@ -4,7 +4,7 @@
 #pragma once
 
 #include "FastMath.h"
-#include "LaunchGeometry.h"
+#include "IndexRange.h"
 #include "PyramidKernels.h"
 
 #include <cstddef>

@@ -23,8 +23,8 @@ inline bool cudaDeviceAvailable(std::string* reason = nullptr) {
 }  // namespace test
 }  // namespace ruvo
 
-#define RUVO_REQUIRE_CUDA_DEVICE()                                        \
-    do {                                                                  \
-        std::string reason_;                                              \
+#define RUVO_REQUIRE_CUDA_DEVICE()                                               \
+    do {                                                                         \
+        std::string reason_;                                                     \
         if (!ruvo::test::cudaDeviceAvailable(&reason_)) GTEST_SKIP() << reason_; \
     } while (0)

@@ -57,7 +57,15 @@ struct Frame {
         GRADIENT_ORIENTATION = 9
     };
 
-    enum OutputLevel { NOT_APPLICABLE = -2, SUBIMAGE = -1, ORIGINAL = 0, HALF = 1, QUARTER = 2, EIGHTH = 3, SIXTEENTH = 4 };
+    enum OutputLevel {
+        NOT_APPLICABLE = -2,
+        SUBIMAGE = -1,
+        ORIGINAL = 0,
+        HALF = 1,
+        QUARTER = 2,
+        EIGHTH = 3,
+        SIXTEENTH = 4
+    };
 
     std::array<Plane, 4> planes{};  // 0 always; 1 (U) and 2 (V) for YUV420p; 3 unused
     uint32_t frameId = 0;           // running number over all frames of all cameras
@@ -106,11 +114,11 @@ struct Controls {
     struct AutoExposure {
         bool lock = false;
         bool manual = false;
-        float manualExposure = 0.0f;  // seconds
-        float manualGain = 0.0f;      // linear factor
-        float ev = 0.0f;              // added to the luminance targets
-        float targetY = 0.0f;         // 0..1
-        std::string manualMode;       // "default", "AVGY" (sensor statistic only), "oru"
+        float manualExposure = 0.0f;    // seconds
+        float manualGain = 0.0f;        // linear factor
+        float ev = 0.0f;                // added to the luminance targets
+        float targetY = 0.0f;           // 0..1
+        std::string manualMode;         // "default", "AVGY" (sensor statistic only), "oru"
         ruvo::util::Range<float> time;  // permitted exposure time, seconds
         std::vector<ruvo::util::WeightedRegion> regions;
     };

@@ -28,8 +28,8 @@ inline cv::Mat image(const Frame& frame) {
         case Frame::Y8:
             return plane(frame, 0);
         case Frame::RGB24:
-            return cv::Mat(static_cast<int>(frame.height), static_cast<int>(frame.width), CV_8UC3,
-                           frame.planes[0].data, static_cast<size_t>(frame.width) * 3);
+            return cv::Mat(static_cast<int>(frame.height), static_cast<int>(frame.width), CV_8UC3, frame.planes[0].data,
+                           static_cast<size_t>(frame.width) * 3);
         case Frame::HISTOGRAM8:
             return cv::Mat(1, 256, CV_32SC1, frame.planes[0].data);
         default:

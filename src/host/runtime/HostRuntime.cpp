@@ -63,6 +63,17 @@ cudaError_t record(RuntimeState& s, cudaError_t e) {
     return e;
 }
 
+// The opening of every entry point that can be made to fail: under the runtime's lock, the fault
+// injected for `call` (the entry point's own name, __func__) if one is due, else body(state).
+// Either error becomes the last error.
+template <class Body>
+cudaError_t entry(const char* call, Body&& body) {
+    RuntimeState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (cudaError_t e = injected(s, call)) return record(s, e);
+    return record(s, body(s));
+}
+
 struct ErrorText {
     const char* name;
     const char* text;
@@ -93,18 +104,16 @@ const std::map<int, ErrorText>& errorTexts() {
 }
 
 // cudaMalloc of 0 bytes succeeds with a null pointer; cudaMallocManaged of 0 bytes is invalid.
-cudaError_t allocate(const char* call, void** ptr, size_t size, bool zeroIsError) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (ptr == nullptr) return record(s, cudaErrorInvalidValue);
-    if (cudaError_t e = injected(s, call)) return record(s, e);
+// The caller holds the mutex.
+cudaError_t allocate(RuntimeState& s, void** ptr, size_t size, bool zeroIsError) {
+    if (ptr == nullptr) return cudaErrorInvalidValue;
     if (size == 0) {
         *ptr = nullptr;
-        return zeroIsError ? record(s, cudaErrorInvalidValue) : cudaSuccess;
+        return zeroIsError ? cudaErrorInvalidValue : cudaSuccess;
     }
     size_t rounded = (size + kAlignment - 1) / kAlignment * kAlignment;
     void* p = std::aligned_alloc(kAlignment, rounded);
-    if (p == nullptr) return record(s, cudaErrorMemoryAllocation);
+    if (p == nullptr) return cudaErrorMemoryAllocation;
     if (s.allocationFill >= 0) std::memset(p, s.allocationFill, rounded);
     s.allocations[p] = size;
     *ptr = p;
@@ -116,155 +125,142 @@ cudaError_t allocate(const char* call, void** ptr, size_t size, bool zeroIsError
 extern "C" {
 
 cudaError_t cudaGetDeviceCount(int* count) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (count == nullptr) return record(s, cudaErrorInvalidValue);
-    if (cudaError_t e = injected(s, "cudaGetDeviceCount")) return record(s, e);
-    *count = s.deviceCount;
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (count == nullptr) return cudaErrorInvalidValue;
+        *count = s.deviceCount;
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaGetDeviceProperties(cudaDeviceProp* prop, int device) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (prop == nullptr) return record(s, cudaErrorInvalidValue);
-    if (cudaError_t e = injected(s, "cudaGetDeviceProperties")) return record(s, e);
-    if (device < 0 || device >= s.deviceCount) return record(s, cudaErrorInvalidDevice);
-    std::memset(prop, 0, sizeof(*prop));
-    std::strncpy(prop->name, "Host CPU (ruvo host runtime)", sizeof(prop->name) - 1);
-    prop->major = 0;
-    prop->minor = 0;
-    prop->multiProcessorCount = 1;
-    prop->managedMemory = 1;
-    prop->concurrentManagedAccess = 1;
-    prop->canMapHostMemory = 1;
-    prop->integrated = 1;
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (prop == nullptr) return cudaErrorInvalidValue;
+        if (device < 0 || device >= s.deviceCount) return cudaErrorInvalidDevice;
+        std::memset(prop, 0, sizeof(*prop));
+        std::strncpy(prop->name, "Host CPU (ruvo host runtime)", sizeof(prop->name) - 1);
+        prop->major = 0;
+        prop->minor = 0;
+        prop->multiProcessorCount = 1;
+        prop->managedMemory = 1;
+        prop->concurrentManagedAccess = 1;
+        prop->canMapHostMemory = 1;
+        prop->integrated = 1;
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaSetDevice(int device) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (cudaError_t e = injected(s, "cudaSetDevice")) return record(s, e);
-    if (device < 0 || device >= s.deviceCount) return record(s, cudaErrorInvalidDevice);
-    s.device = device;
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (device < 0 || device >= s.deviceCount) return cudaErrorInvalidDevice;
+        s.device = device;
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaGetDevice(int* device) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (device == nullptr) return record(s, cudaErrorInvalidValue);
-    if (cudaError_t e = injected(s, "cudaGetDevice")) return record(s, e);
-    *device = s.device;
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (device == nullptr) return cudaErrorInvalidValue;
+        *device = s.device;
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaSetDeviceFlags(unsigned int flags) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (cudaError_t e = injected(s, "cudaSetDeviceFlags")) return record(s, e);
-    if (flags & ~0x1fu) return record(s, cudaErrorInvalidValue);
-    s.deviceFlags = flags;
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (flags & ~0x1fu) return cudaErrorInvalidValue;
+        s.deviceFlags = flags;
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaGetDeviceFlags(unsigned int* flags) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (flags == nullptr) return record(s, cudaErrorInvalidValue);
-    *flags = s.deviceFlags;
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (flags == nullptr) return cudaErrorInvalidValue;
+        *flags = s.deviceFlags;
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaDeviceReset(void) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (cudaError_t e = injected(s, "cudaDeviceReset")) return record(s, e);
-    s.deviceFlags = 0;
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        s.deviceFlags = 0;
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaDeviceSynchronize(void) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    return record(s, injected(s, "cudaDeviceSynchronize"));
+    return entry(__func__, [](RuntimeState&) { return cudaSuccess; });
 }
 
 cudaError_t cudaMallocManaged(void** devPtr, size_t size, unsigned int flags) {
-    if (flags != cudaMemAttachGlobal && flags != cudaMemAttachHost) {
-        RuntimeState& s = state();
-        std::lock_guard<std::mutex> lock(s.mutex);
-        return record(s, cudaErrorInvalidValue);
-    }
-    return allocate("cudaMallocManaged", devPtr, size, true);
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (flags != cudaMemAttachGlobal && flags != cudaMemAttachHost) return cudaErrorInvalidValue;
+        return allocate(s, devPtr, size, true);
+    });
 }
 
-cudaError_t cudaMalloc(void** devPtr, size_t size) { return allocate("cudaMalloc", devPtr, size, false); }
+cudaError_t cudaMalloc(void** devPtr, size_t size) {
+    return entry(__func__, [&](RuntimeState& s) { return allocate(s, devPtr, size, false); });
+}
 
 cudaError_t cudaFree(void* devPtr) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (cudaError_t e = injected(s, "cudaFree")) return record(s, e);
-    if (devPtr == nullptr) return cudaSuccess;
-    auto it = s.allocations.find(devPtr);
-    if (it == s.allocations.end()) return record(s, cudaErrorInvalidValue);
-    s.allocations.erase(it);
-    s.attachments.erase(devPtr);
-    std::free(devPtr);
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (devPtr == nullptr) return cudaSuccess;
+        auto it = s.allocations.find(devPtr);
+        if (it == s.allocations.end()) return cudaErrorInvalidValue;
+        s.allocations.erase(it);
+        s.attachments.erase(devPtr);
+        std::free(devPtr);
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaStreamCreateWithFlags(cudaStream_t* stream, unsigned int flags) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (stream == nullptr || (flags & ~1u)) return record(s, cudaErrorInvalidValue);
-    if (cudaError_t e = injected(s, "cudaStreamCreateWithFlags")) return record(s, e);
-    *stream = new CUstream_st{flags};
-    s.streams.insert(*stream);
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (stream == nullptr || (flags & ~1u)) return cudaErrorInvalidValue;
+        *stream = new CUstream_st{flags};
+        s.streams.insert(*stream);
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaStreamCreate(cudaStream_t* stream) { return cudaStreamCreateWithFlags(stream, cudaStreamDefault); }
 
 cudaError_t cudaStreamDestroy(cudaStream_t stream) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (cudaError_t e = injected(s, "cudaStreamDestroy")) return record(s, e);
-    if (s.streams.erase(stream) == 0) return record(s, cudaErrorInvalidResourceHandle);
-    for (auto it = s.attachments.begin(); it != s.attachments.end();) {
-        it = it->second == stream ? s.attachments.erase(it) : std::next(it);
-    }
-    delete stream;
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (s.streams.erase(stream) == 0) return cudaErrorInvalidResourceHandle;
+        for (auto it = s.attachments.begin(); it != s.attachments.end();) {
+            it = it->second == stream ? s.attachments.erase(it) : std::next(it);
+        }
+        delete stream;
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaStreamAttachMemAsync(cudaStream_t stream, void* devPtr, size_t length, unsigned int flags) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (cudaError_t e = injected(s, "cudaStreamAttachMemAsync")) return record(s, e);
-    auto alloc = s.allocations.find(devPtr);
-    if (alloc == s.allocations.end() || (length != 0 && length != alloc->second)) {
-        return record(s, cudaErrorInvalidValue);
-    }
-    if (stream != nullptr && s.streams.count(stream) == 0) return record(s, cudaErrorInvalidResourceHandle);
-    if (flags == cudaMemAttachSingle) {
-        if (stream == nullptr) return record(s, cudaErrorInvalidValue);
-        s.attachments[devPtr] = stream;
-    } else if (flags == cudaMemAttachGlobal || flags == cudaMemAttachHost) {
-        s.attachments.erase(devPtr);
-    } else {
-        return record(s, cudaErrorInvalidValue);
-    }
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        auto alloc = s.allocations.find(devPtr);
+        if (alloc == s.allocations.end() || (length != 0 && length != alloc->second)) {
+            return cudaErrorInvalidValue;
+        }
+        if (stream != nullptr && s.streams.count(stream) == 0) return cudaErrorInvalidResourceHandle;
+        if (flags == cudaMemAttachSingle) {
+            if (stream == nullptr) return cudaErrorInvalidValue;
+            s.attachments[devPtr] = stream;
+        } else if (flags == cudaMemAttachGlobal || flags == cudaMemAttachHost) {
+            s.attachments.erase(devPtr);
+        } else {
+            return cudaErrorInvalidValue;
+        }
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaStreamSynchronize(cudaStream_t stream) {
-    RuntimeState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (cudaError_t e = injected(s, "cudaStreamSynchronize")) return record(s, e);
-    if (stream != nullptr && s.streams.count(stream) == 0) return record(s, cudaErrorInvalidResourceHandle);
-    return cudaSuccess;
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (stream != nullptr && s.streams.count(stream) == 0) return cudaErrorInvalidResourceHandle;
+        return cudaSuccess;
+    });
 }
 
 cudaError_t cudaGetLastError(void) {

@@ -3,7 +3,7 @@
 // and the byte counts of what the kernels write into each output buffer are derived from it.
 #pragma once
 
-#include "../CUDAKernels.h"
+#include "CUDAKernels.h"
 
 #include <cstddef>
 

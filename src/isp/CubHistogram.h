@@ -1,7 +1,7 @@
 // The even-bin histogram as the dispatcher calls it. `cub::DeviceHistogram::HistogramEven` written
 // inside ruvo::capture resolves to this adapter (an inner namespace hides ::cub), which keeps the
 // call texts of the checked calls stable across CUB versions: the CUDA build forwards to the
-// toolkit's CUB, the host build counts on CPU threads (src/host/HostCub.cpp).
+// toolkit's CUB, the host build counts on CPU threads (src/host/runtime/HostCub.cpp).
 #pragma once
 
 #include <cuda_runtime.h>

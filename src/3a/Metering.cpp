@@ -1,6 +1,6 @@
 // The arithmetic of auto exposure and auto white balance: sampling, region statistics, weights,
 // the gray test and the proportional updates.
-#include "Metering.h"
+#include "3a/Metering.h"
 
 #include "SensorControls.h"
 

@@ -1,5 +1,5 @@
 // Host thread-grid runs of the Lanczos colour kernel and the skin kernels.
-#include "HostGridKernels.h"
+#include "host/grid/HostGridKernels.h"
 
 namespace ruvo {
 namespace capture {

@@ -51,7 +51,8 @@ void CUDADeviceImpl::ConsumeTask::Deleter::operator()(Frame* frame) const {
     try {
         _camera->release(_bucket->index, frame->batchIndex);
     } catch (const std::exception& e) {
-        Poco::Logger::get("Capture.CUDADevice").error("Returning a frame to camera " + _camera->getName() + ": " + e.what());
+        Poco::Logger::get("Capture.CUDADevice")
+            .error("Returning a frame to camera " + _camera->getName() + ": " + e.what());
     }
     delete frame;
 }

@@ -3,11 +3,11 @@
 // over several files they compile in parallel and only where they are defined).
 #pragma once
 
-#include "ColourKernels.h"
-#include "GradientKernels.h"
-#include "HostGrid.h"
-#include "PyramidKernels.h"
-#include "SkinKernels.h"
+#include "host/grid/HostGrid.h"
+#include "kernels/ColourKernels.h"
+#include "kernels/GradientKernels.h"
+#include "kernels/PyramidKernels.h"
+#include "kernels/SkinKernels.h"
 
 namespace ruvo {
 namespace capture {

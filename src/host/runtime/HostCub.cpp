@@ -1,6 +1,6 @@
 // Host build's even-bin histogram: the samples are split into slices counted in parallel into
 // per-slice counters in the scratch memory, which are then summed into the output counters.
-#include "../kernels/CubHistogram.h"
+#include "isp/CubHistogram.h"
 
 #include <cstdint>
 #include <cstring>

@@ -1,5 +1,5 @@
 // Host thread-grid runs of the pyramid and gradient kernels.
-#include "HostGridKernels.h"
+#include "host/grid/HostGridKernels.h"
 
 namespace ruvo {
 namespace capture {

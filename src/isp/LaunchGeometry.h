@@ -15,12 +15,6 @@ struct Extent2 {
     unsigned y;
 };
 
-// Half-open range of thread indices along one axis.
-struct IndexRange {
-    unsigned begin;
-    unsigned end;
-};
-
 struct LaunchShape {
     Extent2 block;
     Extent2 grid;

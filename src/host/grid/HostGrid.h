@@ -4,7 +4,10 @@
 // several instruction sets, chosen at load time.
 #pragma once
 
-#include "LaunchGeometry.h"
+#include "isp/LaunchGeometry.h"
+#include "kernels/IndexRange.h"
+
+#include <cuda_runtime.h>  // __forceinline__
 
 #include <type_traits>
 

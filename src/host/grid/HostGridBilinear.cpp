@@ -1,5 +1,5 @@
 // Host thread-grid runs of the bilinear colour kernels and the no-demosaic kernel.
-#include "HostGridKernels.h"
+#include "host/grid/HostGridKernels.h"
 
 namespace ruvo {
 namespace capture {

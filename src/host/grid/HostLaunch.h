@@ -3,8 +3,8 @@
 // the CUDA build against it.
 #pragma once
 
-#include "IspPlan.h"
-#include "LaunchGeometry.h"
+#include "isp/IspPlan.h"
+#include "isp/LaunchGeometry.h"
 
 namespace ruvo {
 namespace capture {

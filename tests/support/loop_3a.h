@@ -4,7 +4,7 @@
 // convergence benchmark can count the frames a scene change takes to settle.
 #pragma once
 
-#include "test_3a_rig.h"
+#include "support/rig_3a.h"
 
 #include "sim/Scene.h"
 

@@ -1,5 +1,5 @@
 // Text of the metering diagnostics records; numbers printed as "%d", "%u" and "%f".
-#include "MeteringDiagnostics.h"
+#include "3a/MeteringDiagnostics.h"
 
 #include <cstdio>
 

@@ -3,7 +3,7 @@
 // ("CapDevCUDAExpMeta"). Built only when a listener is attached to the channel.
 #pragma once
 
-#include "Metering.h"
+#include "3a/Metering.h"
 
 #include <cstdint>
 #include <string>
