@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   gnuplot-nox
   libopencv-core-dev libopencv-imgproc-dev
-  clang libclang-rt-14-dev libomp-dev
+  clang libclang-rt-14-dev libomp-dev clang-format
 )
 
 if [[ "${RUVO_SKIP_APT:-0}" == "1" ]]; then

@@ -1,16 +1,17 @@
 #!/usr/bin/env bash
 # Installs the dependencies, then builds and tests, stopping at the first failure:
+#   0. every C++ and CUDA source matches .clang-format;
 #   1. the host build, every test;
 #   2. the CUDA build where nvcc is present, every test (device tests skip without a GPU);
 #   3. the host build under AddressSanitizer + UndefinedBehaviorSanitizer, every test (leaks reported);
 #   4. the host build under ThreadSanitizer, every test that starts threads;
 #   5. the fuzz targets under libFuzzer for a bounded time.
-# RUVO_TEST_STAGES picks stages (default "host cuda asan tsan fuzz").
+# RUVO_TEST_STAGES picks stages (default "format host cuda asan tsan fuzz").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=${RUVO_JOBS:-$(nproc)}
-stages=${RUVO_TEST_STAGES:-host cuda asan tsan fuzz}
+stages=${RUVO_TEST_STAGES:-format host cuda asan tsan fuzz}
 
 bash scripts/install-deps.sh
 
@@ -44,6 +45,11 @@ run_tests() {
   echo "=== ${dir}: test $*"
   ctest --test-dir "$root/$dir" --output-on-failure --no-tests=error -j "$jobs" "$@"
 }
+
+if has_stage format; then
+  echo "=== format"
+  bash scripts/check-format.sh
+fi
 
 if has_stage host; then
   configure_build build/host -- -DCMAKE_BUILD_TYPE=Release -DRUVO_WITH_CUDA=OFF
