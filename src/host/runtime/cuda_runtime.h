@@ -1,6 +1,7 @@
 // Host runtime: the subset of the CUDA runtime API that the capture library calls, for the
 // host build. Managed and device memory are ordinary aligned host memory; a stream is an
-// object whose work has already run when the enqueuing call returns. Error codes, flag values
+// object whose work has already run when the enqueuing call returns (unless the strict mode of
+// HostRuntimeControl.h defers it to the stream's synchronisation). Error codes, flag values
 // and error texts are CUDA's own, so messages read the same in both builds.
 #pragma once
 
@@ -26,10 +27,12 @@ enum cudaError {
     cudaErrorMemoryAllocation = 2,
     cudaErrorInitializationError = 3,
     cudaErrorCudartUnloading = 4,
+    cudaErrorInvalidConfiguration = 9,
     cudaErrorLaunchFailure = 719,
     cudaErrorInsufficientDriver = 35,
     cudaErrorInvalidDevice = 101,
     cudaErrorNoDevice = 100,
+    cudaErrorNoKernelImageForDevice = 209,
     cudaErrorSetOnActiveProcess = 36,
     cudaErrorInvalidResourceHandle = 400,
     cudaErrorNotReady = 600,
