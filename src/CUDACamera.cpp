@@ -176,6 +176,12 @@ void CUDACamera::init_mem(const v4l2_format& format) {
         buf.length = W * C;
         CUDA_CHECK(cudaMallocManaged((void**)&buf.host, buf.size, cudaMemAttachGlobal));
         buf.device = buf.host;
+        // The input belongs to the bucket's stream alone. Globally attached, the CPU could not touch
+        // it while any stream's kernels run on a device without concurrent managed access, yet the
+        // driver (or the simulated sensor, from its own thread) fills a queued bucket's input while
+        // other buckets are processed. The padding rows are written below once the attachment holds.
+        CUDA_CHECK(cudaStreamAttachMemAsync(bucket.stream, buf.device, 0, cudaMemAttachSingle));
+        CUDA_CHECK(cudaStreamSynchronize(bucket.stream));
         bucket.width = W;
         bucket.height = H;
         bucket.cuda_height = C;
@@ -311,7 +317,10 @@ CUDACamera::Bucket* CUDACamera::read() {
     try {
         process(bucket);
     } catch (...) {
-        // A frame that fails on its way goes back at once, so that stop() never waits for it.
+        // A frame that fails on its way goes back at once, so that stop() never waits for it; its
+        // kernels already enqueued finish first, so that none reads the input while it is refilled.
+        // A failure of the wait itself adds nothing to the one being reported.
+        (void)cudaStreamSynchronize(bucket.stream);
         try {
             release(bucket.index);
         } catch (const std::exception&) {  // the bucket counts as back even when the driver is gone

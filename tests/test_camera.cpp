@@ -75,15 +75,16 @@ TEST_F(Camera, ValidationRefusesAndChangesNothing) {
     c = before;
     c.ae.manualGain = INFINITY;
     EXPECT_EQ(refusal(*camera, c), "Unsupported control value: not a finite number");
-    const Controls after = camera->getControls();
-    EXPECT_EQ(after.height, before.height);
-    EXPECT_EQ(after.outputBuffers, before.outputBuffers);
-    EXPECT_FLOAT_EQ(after.ae.manualGain, before.ae.manualGain);
-    // Index and list are independent: a list of row 1 with index 3 is accepted.
+    // The kernels of index 3 would write a third buffer that the list of row 1 does not have.
     c = before;
     c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[1];
     c.outputBuffersConfIndex = 3;
-    EXPECT_EQ(refusal(*camera, c), "");
+    EXPECT_EQ(refusal(*camera, c), "Output buffer configuration index 3 does not match the output buffer list");
+    const Controls after = camera->getControls();
+    EXPECT_EQ(after.height, before.height);
+    EXPECT_EQ(after.outputBuffers, before.outputBuffers);
+    EXPECT_EQ(after.outputBuffersConfIndex, before.outputBuffersConfIndex);
+    EXPECT_FLOAT_EQ(after.ae.manualGain, before.ae.manualGain);
 }
 
 // Flips apply to the running sensor; a size change restarts it and keeps the sensor's values.
