@@ -43,7 +43,7 @@ Violation violations[kViolations];
 std::atomic<int> violationCount{0};
 
 struct sigaction previousAction;
-std::condition_variable released;
+std::condition_variable released;  // hold() lifted, or a stream's running kernel finished
 
 void onAccessFault(int, siginfo_t* info, void*) {
     const auto address = reinterpret_cast<uintptr_t>(info->si_addr);
@@ -152,7 +152,8 @@ void drain(cudaStream_t stream) {
     RuntimeState& s = state();
     std::unique_lock<std::mutex> lock(s.mutex);
     for (;;) {
-        released.wait(lock, [&] { return !s.held; });
+        // In stream order: a kernel another thread is running on this stream finishes first.
+        released.wait(lock, [&] { return !s.held && (s.work.count(stream) == 0 || s.work[stream].running == 0); });
         auto it = s.work.find(stream);
         if (it == s.work.end() || it->second.queued.empty()) break;
         std::function<void()> work = std::move(it->second.queued.front());
@@ -162,6 +163,7 @@ void drain(cudaStream_t stream) {
         work();
         lock.lock();
         --s.work[stream].running;
+        released.notify_all();
     }
     updateProtection(s);
 }
