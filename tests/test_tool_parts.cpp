@@ -185,9 +185,11 @@ TEST(ToolParts, StatusAndSummaryTexts) {
     status.last.wbRed = 1.1;
     status.last.wbGreen = 1.0;
     status.last.wbBlue = 0.9;
+    status.last.droppedFrames = 3;
+    status.last.errorBuffers = 1;
     EXPECT_EQ(statusLine(camera, 0, status, 0.5),
               "camera 0 left:  30.0 fps, latency   3.2 ms, exposure 12.50 ms, gain 1.50, luminance 0.300, wb "
-              "1.100/1.000/0.900, 42 frames");
+              "1.100/1.000/0.900, 42 frames, 3 dropped, 1 errors");
     CameraTotals totals;
     totals.delivered = 11;
     totals.firstDeliveryS = 10.0;
