@@ -148,8 +148,8 @@ bool CUDACamera::acceptFrame(const v4l2_buffer& buf, Bucket& bucket) {
     // A monotonic driver timestamp is on the steady clock's epoch (CLOCK_MONOTONIC).
     fb.captureTimestamp = bucket.timestamp;
     if ((buf.flags & V4L2_BUF_FLAG_TIMESTAMP_MASK) == V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC)
-        fb.captureTimestamp = TimePoint(std::chrono::seconds(buf.timestamp.tv_sec) +
-                                        std::chrono::microseconds(buf.timestamp.tv_usec));
+        fb.captureTimestamp =
+            TimePoint(std::chrono::seconds(buf.timestamp.tv_sec) + std::chrono::microseconds(buf.timestamp.tv_usec));
     fb.droppedFrames = _droppedFrames;
     fb.errorBuffers = _errorBuffers;
     return true;

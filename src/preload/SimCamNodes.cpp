@@ -200,8 +200,8 @@ int Nodes::fstat(int fd, struct ::stat* status) {
 FILE* Nodes::openUevent(const char* path) const {
     if (!path) return nullptr;
     for (const auto& [nodePath, node] : _nodes) {
-        const std::string uevent = "/sys/dev/char/" + std::to_string(kVideoMajor) + ":" + std::to_string(node.minor) +
-                                   "/uevent";
+        const std::string uevent =
+            "/sys/dev/char/" + std::to_string(kVideoMajor) + ":" + std::to_string(node.minor) + "/uevent";
         if (uevent != path) continue;
         const std::string text = "MAJOR=" + std::to_string(kVideoMajor) + "\nMINOR=" + std::to_string(node.minor) +
                                  "\nDEVNAME=video" + std::to_string(node.minor) + "\n";

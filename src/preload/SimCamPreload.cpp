@@ -54,17 +54,8 @@ int open(const char* path, int flags, ...) {
     return realOpen(path, flags, mode);
 }
 
-int open64(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, mode_t);
-        va_end(args);
-    }
-    return open(path, flags, mode);
-}
-
+// The 64-bit names are the same functions on 64-bit Linux.
+int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 int __open_2(const char* path, int flags) { return open(path, flags); }
 int __open64_2(const char* path, int flags) { return open(path, flags); }
 
@@ -82,16 +73,7 @@ int openat(int dirfd, const char* path, int flags, ...) {
     return f(dirfd, path, flags, mode);
 }
 
-int openat64(int dirfd, const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, mode_t);
-        va_end(args);
-    }
-    return openat(dirfd, path, flags, mode);
-}
+int openat64(int dirfd, const char* path, int flags, ...) __attribute__((alias("openat")));
 
 int close(int fd) {
     Nodes* n = nodes();
@@ -118,9 +100,8 @@ void* mmap(void* address, size_t length, int protection, int flags, int fd, off_
     return f(address, length, protection, flags, fd, offset);
 }
 
-void* mmap64(void* address, size_t length, int protection, int flags, int fd, off_t offset) {
-    return mmap(address, length, protection, flags, fd, offset);
-}
+void* mmap64(void* address, size_t length, int protection, int flags, int fd, off_t offset)
+    __attribute__((alias("mmap")));
 
 int munmap(void* address, size_t length) {
     Nodes* n = nodes();
@@ -136,9 +117,7 @@ int stat(const char* path, struct stat* status) {
     return f(path, status);
 }
 
-int stat64(const char* path, struct stat64* status) {
-    return stat(path, reinterpret_cast<struct stat*>(status));
-}
+int stat64(const char* path, struct stat64* status) __attribute__((alias("stat")));
 
 int fstat(int fd, struct stat* status) {
     Nodes* n = nodes();
@@ -147,7 +126,7 @@ int fstat(int fd, struct stat* status) {
     return f(fd, status);
 }
 
-int fstat64(int fd, struct stat64* status) { return fstat(fd, reinterpret_cast<struct stat*>(status)); }
+int fstat64(int fd, struct stat64* status) __attribute__((alias("fstat")));
 
 FILE* fopen(const char* path, const char* mode) {
     Nodes* n = nodes();
@@ -158,6 +137,6 @@ FILE* fopen(const char* path, const char* mode) {
     return f(path, mode);
 }
 
-FILE* fopen64(const char* path, const char* mode) { return fopen(path, mode); }
+FILE* fopen64(const char* path, const char* mode) __attribute__((alias("fopen")));
 
 }  // extern "C"
