@@ -39,16 +39,21 @@ int realOpen(const char* path, int flags, mode_t mode) {
 
 }  // namespace
 
+// Declares `mode`: the argument that follows `flags` in a call that may create a file, else 0.
+// A statement of the variadic function itself, where va_start must be.
+#define READ_CREATION_MODE(flags)          \
+    mode_t mode = 0;                       \
+    if ((flags) & (O_CREAT | O_TMPFILE)) { \
+        va_list args;                      \
+        va_start(args, flags);             \
+        mode = va_arg(args, mode_t);       \
+        va_end(args);                      \
+    }
+
 extern "C" {
 
 int open(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, mode_t);
-        va_end(args);
-    }
+    READ_CREATION_MODE(flags)
     Nodes* n = nodes();
     if (n && n->serves(path)) return n->open(path, flags);
     return realOpen(path, flags, mode);
@@ -60,13 +65,7 @@ int __open_2(const char* path, int flags) { return open(path, flags); }
 int __open64_2(const char* path, int flags) { return open(path, flags); }
 
 int openat(int dirfd, const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, mode_t);
-        va_end(args);
-    }
+    READ_CREATION_MODE(flags)
     Nodes* n = nodes();
     if (n && path && path[0] == '/' && n->serves(path)) return n->open(path, flags);
     static auto f = next<int (*)(int, const char*, int, ...)>("openat");
