@@ -7,6 +7,10 @@
 // readable, and every request on it re-evaluates that at once, so a dequeued frame does not
 // leave the descriptor readable. stat and fstat describe a character device of the video major,
 // and the sysfs uevent that tools read to learn the device type is served from memory.
+// Each entry point is defined under its own name: without this, the C library's headers would
+// emit `open` as `open64` (and so on), leaving the plain names uninterposed.
+#undef _FILE_OFFSET_BITS
+
 #include "preload/SimCamNodes.h"
 
 #include <dlfcn.h>
