@@ -133,9 +133,12 @@ std::shared_ptr<Frame> frame(uint32_t camera, uint32_t frameId, uint32_t batch, 
 TEST(ToolParts, SamplesTakeTheFirstFrameAndTheRedGreenBlueGains) {
     int released = 0;
     const auto f = frame(1, 7, 3, &released);
+    f->feedback.sequence = 9;
+    f->feedback.droppedFrames = 2;
+    f->feedback.errorBuffers = 1;
     const FeedbackSample s = sampleOf(*f, f->timestamp + std::chrono::milliseconds(5));
-    // Gains are stored red, green, green, blue; latency 5 ms.
-    EXPECT_EQ(csvRow(s), "1,7,3,4000000000,0.0199999996,2,1.5,1,0.75,0.25,5.000");
+    // Gains are stored red, green, green, blue; latency 5 ms; then the driver's sequence and counts.
+    EXPECT_EQ(csvRow(s), "1,7,3,4000000000,0.0199999996,2,1.5,1,0.75,0.25,5.000,9,2,1");
 }
 
 TEST(ToolParts, RecorderKeepsTheNewestBatchAndHandsTheRestBack) {

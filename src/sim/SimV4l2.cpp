@@ -172,6 +172,8 @@ int SimulatedSensor::requestBuffers(int fd, v4l2_requestbuffers* request) {
     // The queue's abilities are reported whatever the answer.
     request->capabilities =
         V4L2_BUF_CAP_SUPPORTS_USERPTR | V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
+    // No cache hints: the non-coherent flag is cleared, as the kernel does for such queues.
+    request->flags = 0;
     std::memset(request->reserved, 0, sizeof request->reserved);
     if (request->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || !supportedMemory(request->memory)) return EINVAL;
     if (const int busy = checkOwner(fd)) return busy;
