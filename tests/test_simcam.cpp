@@ -1,6 +1,8 @@
-// An unmodified V4L2 program against a simulated camera through the preload library: v4l2-ctl
+// Unmodified V4L2 programs against a simulated camera through the preload library: v4l2-ctl
 // streams by memory mapping, and the frames it writes equal the simulator's own rendering of the
-// same frames, made in process by a twin sensor.
+// same frames, made in process by a twin sensor; the kernel's conformance tool finds every
+// request outside the control section, buffers and streaming (user pointers and memory mapping,
+// with select and with epoll) included, as a real driver answers them.
 #include "support/sim_client.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +13,8 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,6 +22,7 @@ namespace ruvo::capture {
 namespace {
 
 constexpr const char* kV4l2Ctl = "/usr/bin/v4l2-ctl";
+constexpr const char* kCompliance = "/usr/bin/v4l2-compliance";
 
 // Runs `command` through the shell; its exit status and what it printed.
 std::pair<int, std::string> run(const std::string& command) {
@@ -60,6 +65,44 @@ TEST(SimCam, V4l2CtlCapturesTheFramesTheSimulatorRenders) {
     std::remove(config.c_str());
 #endif
 }
+
+// The conformance tool's failing tests, by section ("Buffer ioctls (Input 0)": "VIDIOC_REQBUFS...").
+std::set<std::string> failingTests(const std::string& output, const std::string& skippedSection) {
+    std::set<std::string> failing;
+    std::istringstream lines(output);
+    std::string line, section;
+    while (std::getline(lines, line)) {
+        if (!line.empty() && line[0] != '\t' && line.back() == ':') section = line;
+        const size_t test = line.find("\ttest ");
+        if (test == std::string::npos || line.find(": FAIL") == std::string::npos) continue;
+        if (section.rfind(skippedSection, 0) != 0) failing.insert(section + " " + line.substr(test + 6));
+    }
+    return failing;
+}
+
+class SimCamCompliance : public ::testing::TestWithParam<std::string> {};
+
+// Without and with streaming (-s: memory mapping and user pointers, each without polling, with
+// select and with epoll). Control requests beyond QUERYCTRL/G_CTRL/S_CTRL (the extended ones and
+// control events) are not served, so the control section is left out.
+TEST_P(SimCamCompliance, EverythingButTheControlSectionConforms) {
+#ifndef RUVO_SIMCAM_LIBRARY
+    GTEST_SKIP() << "the preload library is not built in sanitizer builds";
+#else
+    if (access(kCompliance, X_OK) != 0)
+        GTEST_SKIP() << "v4l2-compliance is absent: install v4l-utils (scripts/install-deps.sh)";
+    const std::string config = ::testing::TempDir() + "ruvo-simcam-compliance.properties";
+    const std::string node = "/dev/ruvo-simcam-compliance0";
+    std::ofstream(config) << "node.0.path = " << node << "\nnode.0.sim.clock = free\n";
+    const auto [status, output] = run("RUVO_SIMCAM_CONFIG=" + config + " LD_PRELOAD=" + RUVO_SIMCAM_LIBRARY + " " +
+                                      kCompliance + " -d " + node + " " + GetParam());
+    EXPECT_NE(output.find("Total for ruvo-sim device " + node), std::string::npos) << output;
+    EXPECT_EQ(failingTests(output, "Control ioctls"), std::set<std::string>{}) << output;
+    std::remove(config.c_str());
+#endif
+}
+
+INSTANTIATE_TEST_SUITE_P(WithoutAndWithStreaming, SimCamCompliance, ::testing::Values("", "-s 20"));
 
 }  // namespace
 }  // namespace ruvo::capture
