@@ -288,6 +288,24 @@ TEST_F(Camera, DriverDropsAndDamagedBuffersAreCountedNotDelivered) {
     }
 }
 
+// A driver without user pointers: "auto" streams by memory mapping, "userptr" is refused.
+TEST_F(Camera, AutoMemoryMapsWhenTheDriverOffersNoUserPointers) {
+    configure({{"sim.userptr", "false"}});
+    camera->start();
+    CUDACamera::Bucket* bucket = next();
+    ASSERT_NE(bucket, nullptr);
+    EXPECT_TRUE(bucket->v4l2.mapped);
+    camera->release(bucket->index);
+    camera->stop();
+    configure({{"sim.userptr", "false"}, {"memory", "userptr"}});
+    try {
+        camera->start();
+        FAIL() << "started without user pointers";
+    } catch (const CaptureDeviceException& e) {
+        EXPECT_EQ(std::string(e.what()), path + " does not support user pointer I/O");
+    }
+}
+
 TEST(MeteringSamples, SeedZeroCamerasDrawIdenticalTablesThatGrowPerStartAndFitTheSize) {
     RUVO_REQUIRE_CUDA_DEVICE();
     CUDACamera a(simCameraConfig(uniqueSimPath("sa"), {{"numSamples", "500"}}), 0);

@@ -138,6 +138,7 @@ SimConfig readSimConfig(const AbstractConfiguration& config) {
     c.script = parseScript(config.getString("sim.script", ""));
     c.dropEvery = static_cast<uint32_t>(readInteger(config, "sim.dropEvery", c.dropEvery, 0, 1000000));
     c.errorEvery = static_cast<uint32_t>(readInteger(config, "sim.errorEvery", c.errorEvery, 0, 1000000));
+    c.userptr = readFlag(config, "sim.userptr", c.userptr);
     return c;
 }
 

@@ -46,8 +46,6 @@ void copyName(uint8_t* destination, size_t size, const std::string& text) {
     std::memcpy(destination, text.data(), std::min(size - 1, text.size()));
 }
 
-bool supportedMemory(uint32_t memory) { return memory == V4L2_MEMORY_USERPTR || memory == V4L2_MEMORY_MMAP; }
-
 // Whether every page of [address, address + length) is mapped in this process: the kernel pins
 // a user buffer's pages at QBUF and fails for memory that is not there.
 bool userMemoryMapped(unsigned long address, size_t length) {
@@ -170,12 +168,14 @@ int SimulatedSensor::checkOwner(int fd) const { return _owner != -1 && _owner !=
 
 int SimulatedSensor::requestBuffers(int fd, v4l2_requestbuffers* request) {
     // The queue's abilities are reported whatever the answer.
-    request->capabilities =
-        V4L2_BUF_CAP_SUPPORTS_USERPTR | V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
+    request->capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
+    if (_config.userptr) request->capabilities |= V4L2_BUF_CAP_SUPPORTS_USERPTR;
+    const bool supportedMemory =
+        request->memory == V4L2_MEMORY_MMAP || (request->memory == V4L2_MEMORY_USERPTR && _config.userptr);
     // No cache hints: the non-coherent flag is cleared, as the kernel does for such queues.
     request->flags = 0;
     std::memset(request->reserved, 0, sizeof request->reserved);
-    if (request->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || !supportedMemory(request->memory)) return EINVAL;
+    if (request->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || !supportedMemory) return EINVAL;
     if (const int busy = checkOwner(fd)) return busy;
     if (_streaming) return EBUSY;
     request->count = std::min(request->count, kMaxBuffers);
