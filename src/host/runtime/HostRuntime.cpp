@@ -90,6 +90,10 @@ const std::map<int, ErrorText>& errorTexts() {
         {cudaErrorLaunchOutOfResources, {"cudaErrorLaunchOutOfResources", "too many resources requested for launch"}},
         {cudaErrorLaunchFailure, {"cudaErrorLaunchFailure", "unspecified launch failure"}},
         {cudaErrorNotSupported, {"cudaErrorNotSupported", "operation not supported"}},
+        {cudaErrorHostMemoryAlreadyRegistered,
+         {"cudaErrorHostMemoryAlreadyRegistered", "part or all of the requested memory range is already mapped"}},
+        {cudaErrorHostMemoryNotRegistered,
+         {"cudaErrorHostMemoryNotRegistered", "pointer does not correspond to a registered memory region"}},
         {cudaErrorUnknown, {"cudaErrorUnknown", "unknown error"}},
     };
     return texts;
@@ -225,6 +229,35 @@ cudaError_t cudaFree(void* devPtr) {
             std::free(devPtr);
         }
         s.allocations.erase(it);
+        return cudaSuccess;
+    });
+}
+
+// Host memory is device memory here: registering only records the range, so that the pointer
+// the device would use can be asked for and the range given back once.
+cudaError_t cudaHostRegister(void* ptr, size_t size, unsigned int flags) {
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (ptr == nullptr || size == 0 || (flags & ~0x0fu) != 0) return cudaErrorInvalidValue;
+        if (!s.registered.emplace(ptr, size).second) return cudaErrorHostMemoryAlreadyRegistered;
+        return cudaSuccess;
+    });
+}
+
+cudaError_t cudaHostUnregister(void* ptr) {
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        return s.registered.erase(ptr) == 1 ? cudaSuccess : cudaErrorHostMemoryNotRegistered;
+    });
+}
+
+cudaError_t cudaHostGetDevicePointer(void** pDevice, void* pHost, unsigned int flags) {
+    return entry(__func__, [&](RuntimeState& s) -> cudaError_t {
+        if (pDevice == nullptr || flags != 0) return cudaErrorInvalidValue;
+        auto it = s.registered.upper_bound(pHost);
+        if (it == s.registered.begin()) return cudaErrorInvalidValue;
+        --it;
+        const auto* base = static_cast<const char*>(it->first);
+        if (static_cast<const char*>(pHost) >= base + it->second) return cudaErrorInvalidValue;
+        *pDevice = pHost;
         return cudaSuccess;
     });
 }

@@ -38,6 +38,8 @@ enum cudaError {
     cudaErrorNotReady = 600,
     cudaErrorIllegalAddress = 700,
     cudaErrorLaunchOutOfResources = 701,
+    cudaErrorHostMemoryAlreadyRegistered = 712,
+    cudaErrorHostMemoryNotRegistered = 713,
     cudaErrorNotSupported = 801,
     cudaErrorUnknown = 999
 };
@@ -52,6 +54,8 @@ typedef enum cudaError cudaError_t;
 #define cudaDeviceLmemResizeToMax 0x10
 
 // Managed memory attach flags.
+#define cudaHostRegisterDefault 0x00
+#define cudaHostRegisterMapped 0x02
 #define cudaMemAttachGlobal 0x01
 #define cudaMemAttachHost 0x02
 #define cudaMemAttachSingle 0x04
@@ -87,6 +91,9 @@ cudaError_t cudaDeviceSynchronize(void);
 cudaError_t cudaMallocManaged(void** devPtr, size_t size, unsigned int flags);
 cudaError_t cudaMalloc(void** devPtr, size_t size);
 cudaError_t cudaFree(void* devPtr);
+cudaError_t cudaHostRegister(void* ptr, size_t size, unsigned int flags);
+cudaError_t cudaHostUnregister(void* ptr);
+cudaError_t cudaHostGetDevicePointer(void** pDevice, void* pHost, unsigned int flags);
 cudaError_t cudaStreamCreate(cudaStream_t* stream);
 cudaError_t cudaStreamCreateWithFlags(cudaStream_t* stream, unsigned int flags);
 cudaError_t cudaStreamDestroy(cudaStream_t stream);
