@@ -93,6 +93,12 @@ TEST(LockedExposure, WritesBackTheLastAutomaticValuesOnce) {
     rig.setReg(sensor::CID_EXPOSURE, 5000);
     rig.evaluate(frame.bucket);
     EXPECT_EQ(rig.reg(sensor::CID_EXPOSURE), 5000) << "written back only once";
+
+    rig.change([](Controls& c) { c.ae.manual = true; });
+    rig.evaluate(frame.bucket);
+    rig.change([](Controls& c) { c.ae.manual = false; });
+    rig.evaluate(frame.bucket);
+    EXPECT_EQ(exposureAndGain(rig), automatic) << "manual mode arms the write-back again";
 }
 
 // An error inside the dead band writes nothing and arms no write-back for a later lock; just
@@ -337,6 +343,11 @@ TEST_F(WhiteBalance, LockWritesBackTheLastAutomaticRedAndBlueOnce) {
     EXPECT_EQ(evaluate(100, 128, 128), (Gains{automatic.red, 2048, automatic.blue})) << "green is not written back";
     rig->setReg(sensor::CID_RED_GAIN, 500);
     EXPECT_EQ(evaluate(100, 128, 128).red, 500) << "written back only once";
+
+    rig->change([](Controls& c) { c.awb.manual = true; });
+    evaluate(100, 128, 128);
+    rig->change([](Controls& c) { c.awb.manual = false; });
+    EXPECT_EQ(evaluate(100, 128, 128).red, automatic.red) << "manual mode arms the write-back again";
 }
 
 // ---- diagnostics records ----
