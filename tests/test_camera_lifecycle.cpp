@@ -10,14 +10,16 @@
 
 #include <ruvo/capture/CaptureDeviceException.h>
 
+#include <linux/videodev2.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
-
 #include <cstdio>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #ifdef RUVO_HOST_BUILD
@@ -239,3 +241,50 @@ TEST(CameraMemory, FailedManagedAllocationReportsTheCall) {
     EXPECT_EQ(sim::findSensor(path), nullptr);
 }
 #endif
+
+namespace {
+
+// Forwards every call to the camera's own device I/O; a successful DQBUF is answered with
+// `index` in place of the driver's.
+class IndexRewritingIo : public DeviceIo {
+public:
+    IndexRewritingIo(std::shared_ptr<DeviceIo> inner, uint32_t index) : _inner(std::move(inner)), _index(index) {}
+    int stat(const std::string& path, struct ::stat* status) override { return _inner->stat(path, status); }
+    int open(const std::string& path, int flags) override { return _inner->open(path, flags); }
+    int close(int fd) override { return _inner->close(fd); }
+    int select(int fd, struct ::timeval* timeout) override { return _inner->select(fd, timeout); }
+    int ioctl(int fd, unsigned long request, void* argument) override {
+        const int result = _inner->ioctl(fd, request, argument);
+        if (request == VIDIOC_DQBUF && result == 0) static_cast<v4l2_buffer*>(argument)->index = _index;
+        return result;
+    }
+
+private:
+    std::shared_ptr<DeviceIo> _inner;
+    uint32_t _index;
+};
+
+class CameraReadDeathTest : public ::testing::TestWithParam<uint32_t> {};
+
+// A driver that dequeues a buffer index past the pool (the pool size itself included) stops the
+// program instead of letting the camera read past its buckets, whatever the build type.
+TEST_P(CameraReadDeathTest, DriverBufferIndexPastThePoolAborts) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string path = uniqueSimPath("badindex");
+    CUDACamera camera(simCameraConfig(path, {{"bufferPoolSize", "4"}}), 0);
+    camera.start();
+    std::shared_ptr<DeviceIo>& io = CUDACameraTestAccess::io(camera);
+    io = std::make_shared<IndexRewritingIo>(io, GetParam());
+    EXPECT_DEATH(
+        {
+            sim::findSensor(path)->step();
+            camera.read();
+        },
+        "buf.index < _buckets.size");
+    camera.stop();
+}
+
+INSTANTIATE_TEST_SUITE_P(Indices, CameraReadDeathTest, ::testing::Values(4u, 0xFFFFFFFFu));
+
+}  // namespace

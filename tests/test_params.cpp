@@ -1,7 +1,6 @@
-// Camera parameters read from a camera's configuration entry (defaults, validation, failures
-// of the typed getters, nested keys through configuration views) and the output buffer table.
+// Camera parameters read from a camera's configuration entry: validation, failures of the typed
+// getters, nested keys and defaults through configuration views.
 #include "CameraParams.h"
-#include "OutputBufferConfig.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
 
@@ -15,15 +14,11 @@
 #include <sstream>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace {
 
 using ruvo::capture::CaptureDeviceException;
-using ruvo::capture::CUDA_OUTPUT_BUFFER_CONFIG;
 using ruvo::capture::CUDACameraParams;
-using ruvo::capture::Frame;
-using ruvo::capture::OutputBufferDefinition;
 using Config = Poco::AutoPtr<Poco::Util::AbstractConfiguration>;
 
 // A camera entry holding "path" and the given keys.
@@ -32,33 +27,6 @@ Config entry(std::initializer_list<std::pair<const char*, const char*>> keys) {
     config->setString("path", "/dev/video0");
     for (const auto& [key, value] : keys) config->setString(key, value);
     return config;
-}
-
-// The defaults that differ from what the constructor holds before reading (pool 4, 0 x 0, flips
-// off, gammas 0.8), and those of the values that other parts rely on.
-TEST(CameraParamsDefaults, EntryWithOnlyAPathGivesTheDocumentedDefaults) {
-    const CUDACameraParams p(entry({}));
-    EXPECT_EQ(p.name, "CUDACamera");
-    EXPECT_EQ(p.path, "/dev/video0");
-    EXPECT_EQ(p.bufferPoolSize, 4u);
-    EXPECT_EQ(p.width, 1280u);
-    EXPECT_EQ(p.height, 720u);
-    EXPECT_TRUE(p.hFlip);
-    EXPECT_TRUE(p.vFlip);
-    EXPECT_FLOAT_EQ(p.gamma.R, 0.8f);
-    EXPECT_FLOAT_EQ(p.gamma.G, 0.8f);
-    EXPECT_FLOAT_EQ(p.gamma.B, 0.8f);
-    EXPECT_FLOAT_EQ(p.gamma.Cr, 0.78f);
-    EXPECT_FLOAT_EQ(p.gamma.Cb, 0.78f);
-    EXPECT_EQ(p.numSamples, 10000u);
-    EXPECT_EQ(p.ae.numRegions, 16);
-    EXPECT_EQ(p.ae.alpha, 0.0f);
-    EXPECT_EQ(p.ae.numSamples, 1000.0f);
-    EXPECT_EQ(p.awb.numSamples, 1000.0f);
-    EXPECT_EQ(p.awb.seed, 0u);
-    EXPECT_EQ(p.outputBufferFormats, static_cast<uint32_t>(ruvo::capture::YUV_ONLY));
-    EXPECT_EQ(p.demosaicMode, ruvo::capture::BILINEAR_5);
-    EXPECT_FLOAT_EQ(p.colorModelThreshold, 10.0f);
 }
 
 // Values outside the table, and values that could only exhaust memory or divide by zero every
@@ -137,40 +105,6 @@ TEST(CameraParamsViews, NestedKeysOfAPropertiesConfiguration) {
     EXPECT_EQ(second.name, "CUDACamera");
     EXPECT_EQ(second.ae.numSamples, 1000.0f);
     EXPECT_EQ(second.width, 640u);
-}
-
-TEST(OutputBufferTable, RowSizesAndTheIrregularRows) {
-    const std::vector<size_t> sizes = {1, 2, 7, 4, 2, 3, 5, 9, 6, 3, 2, 1};
-    ASSERT_EQ(CUDA_OUTPUT_BUFFER_CONFIG.size(), sizes.size());
-    for (size_t row = 0; row < sizes.size(); ++row) {
-        EXPECT_EQ(CUDA_OUTPUT_BUFFER_CONFIG[row].size(), sizes[row]) << "row " << row;
-    }
-
-    const std::vector<OutputBufferDefinition> skinHistogram = {
-        {Frame::YUV420p, Frame::COLOR, Frame::ORIGINAL},
-        {Frame::YUV420p, Frame::COLOR, Frame::HALF},
-        {Frame::YUV420p, Frame::COLOR, Frame::QUARTER},
-        {Frame::Y8, Frame::SKIN_Y, Frame::HALF},
-        {Frame::HISTOGRAM8, Frame::SKIN_HISTOGRAM, Frame::NOT_APPLICABLE},
-        {Frame::Y8, Frame::SKIN_Y, Frame::EIGHTH},
-        {Frame::Y8, Frame::SKIN_Y, Frame::SIXTEENTH},
-    };
-    EXPECT_EQ(CUDA_OUTPUT_BUFFER_CONFIG[ruvo::capture::YUV_2_4_SKIN_HISTOGRAM], skinHistogram);
-
-    const std::vector<OutputBufferDefinition> bggr = {
-        {Frame::YUV420p, Frame::COLOR, Frame::ORIGINAL},
-        {Frame::YUV420p, Frame::COLOR, Frame::ORIGINAL},
-        {Frame::RGB24, Frame::BAYER, Frame::ORIGINAL},
-    };
-    EXPECT_EQ(CUDA_OUTPUT_BUFFER_CONFIG[ruvo::capture::BGGR], bggr);
-
-    // Only the two RGB configurations do not start with the full-size colour image.
-    const OutputBufferDefinition fullColour{Frame::YUV420p, Frame::COLOR, Frame::ORIGINAL};
-    const OutputBufferDefinition fullRgb{Frame::RGB24, Frame::COLOR, Frame::ORIGINAL};
-    for (size_t row = 0; row < CUDA_OUTPUT_BUFFER_CONFIG.size(); ++row) {
-        const bool rgb = row == ruvo::capture::NO_DEMOSAIC_RGB || row == ruvo::capture::RGB_ONLY;
-        EXPECT_EQ(CUDA_OUTPUT_BUFFER_CONFIG[row].front(), rgb ? fullRgb : fullColour) << "row " << row;
-    }
 }
 
 }  // namespace

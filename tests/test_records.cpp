@@ -1,5 +1,5 @@
-// The records of the capture interface: the default Frame, the output-type display names,
-// output buffer equality, Range bounds, and the hand-over of a batch by CaptureDevice.
+// The records of the capture interface: output buffer equality, Range bounds, and the hand-over
+// of a batch by CaptureDevice.
 #include <ruvo/capture/CaptureDevice.h>
 #include <ruvo/capture/Frame.h>
 #include <ruvo/util/Range.h>
@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <vector>
 
@@ -16,52 +15,7 @@ namespace {
 
 using ruvo::capture::Frame;
 using ruvo::capture::OutputBufferDefinition;
-using ruvo::capture::OutputTypeNames;
 using Batch = std::vector<std::shared_ptr<Frame>>;
-
-TEST(FrameRecord, DefaultFrameIsRecognisablyUnset) {
-    const Frame frame;
-    EXPECT_EQ(frame.timestamp, ruvo::capture::TimePoint::min());
-    EXPECT_EQ(frame.timestamp.time_since_epoch().count(), std::numeric_limits<int64_t>::min());
-    EXPECT_EQ(frame.source, dlib::rectangle(0, 0, -1, -1));
-    EXPECT_TRUE(frame.source.is_empty());
-    EXPECT_EQ(frame.format, Frame::INVALID);
-    EXPECT_EQ(frame.outputLevelId, Frame::ORIGINAL);
-    EXPECT_EQ(frame.outputTypeId, Frame::COLOR);
-    EXPECT_TRUE(frame.type.empty());
-    for (const auto& plane : frame.planes) {
-        EXPECT_EQ(plane.data, nullptr);
-        EXPECT_EQ(plane.width + plane.height + plane.stride, 0u);
-    }
-    EXPECT_EQ(frame.frameId + frame.cameraId + frame.batchId + frame.batchIndex + frame.width + frame.height, 0u);
-    EXPECT_EQ(frame.feedback.luminance, 0.0f);
-    EXPECT_EQ(frame.feedback.autoWhiteBalanceGains, (std::array<float, 4>{}));
-    EXPECT_TRUE(frame.feedback.autoExposureRegions.empty());
-    EXPECT_TRUE(frame.feedback.autoWhiteBalanceRegions.empty());
-}
-
-TEST(OutputTypeNamesTable, NamesEveryOutputTypeAndNothingElse) {
-    const std::vector<std::pair<Frame::OutputType, const char*>> expected = {
-        {Frame::COLOR, "Color YUV420p"},
-        {Frame::SKIN, "Skin segmentation"},
-        {Frame::SKIN_Y, "Chrominance masked skin luminance"},
-        {Frame::SKIN_HISTOGRAM, "8bit skin masked luminance histogram"},
-        {Frame::BAYER, "Raw Bayer"},
-        {Frame::MOTION, "Motion"},
-        {Frame::GRADIENT_X, "Gradient X"},
-        {Frame::GRADIENT_Y, "Gradient Y"},
-        {Frame::GRADIENT_MAG, "Gradient magnitude"},
-        {Frame::GRADIENT_ORIENTATION, "Gradient theta"},
-    };
-    ASSERT_EQ(OutputTypeNames.size(), expected.size());
-    int value = 0;
-    for (const auto& [type, text] : expected) {
-        EXPECT_EQ(static_cast<int>(type), value++);
-        auto it = OutputTypeNames.find(type);
-        ASSERT_NE(it, OutputTypeNames.end()) << "type " << type;
-        EXPECT_EQ(it->second, text);
-    }
-}
 
 TEST(OutputBufferDefinitionEquality, EveryFieldTakesPart) {
     const OutputBufferDefinition a{Frame::Y8, Frame::SKIN_Y, Frame::HALF};

@@ -1,11 +1,10 @@
 // The Worker loop on a Poco::Thread: repeated work() on the task's thread, which carries the
 // task's thread name, pause that waits for the step in progress and holds further steps, cancel,
 // onExit once, and failures that are logged once per episode while the loop goes on.
+#include "support/LogCapture.h"
+
 #include <ruvo/util/Worker.h>
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
-#include <Poco/Logger.h>
 #include <Poco/Message.h>
 #include <Poco/Thread.h>
 #include <gtest/gtest.h>
@@ -210,23 +209,8 @@ TEST(WorkerLoop, CancelledWorkerExitsAtOnceAndRunsAgainAfterReset) {
     EXPECT_EQ(worker.exits, 2);
 }
 
-// Keeps the text of every error logged to it.
-class ErrorCapture : public Poco::Channel {
-public:
-    void log(const Poco::Message& message) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (message.getPriority() == Poco::Message::PRIO_ERROR) errors.push_back(message.getText());
-    }
-
-    std::mutex mutex;
-    std::vector<std::string> errors;
-};
-
 TEST(WorkerFailures, EachFailureEpisodeIsLoggedOnceAndTheLoopGoesOn) {
-    Poco::Logger& logger = Poco::Logger::get("Util.Worker");
-    Poco::AutoPtr<Poco::Channel> previous(logger.getChannel(), true);
-    Poco::AutoPtr<ErrorCapture> capture(new ErrorCapture);
-    logger.setChannel(capture);
+    ruvo::test::LogCapture errors("Util.Worker", Poco::Message::PRIO_ERROR);
 
     // Steps 0-2 and 7 fail alike, 3-4 with another text, 5 with a non-standard exception.
     ScriptedWorker worker([](int step) {
@@ -241,11 +225,10 @@ TEST(WorkerFailures, EachFailureEpisodeIsLoggedOnceAndTheLoopGoesOn) {
         worker.cancel();
         running.join();
     }
-    logger.setChannel(previous);
 
     const std::vector<std::string> expected = {"scripted: sensor gone", "scripted: queue full",
                                                "scripted: unknown exception", "scripted: sensor gone"};
-    EXPECT_EQ(capture->errors, expected);
+    EXPECT_EQ(errors.lines(), expected);
 }
 
 }  // namespace

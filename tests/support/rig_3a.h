@@ -134,7 +134,7 @@ inline void placeSamples(CUDACamera& camera, const std::vector<std::pair<int, in
     std::srand(seed);
     const uint32_t offsetX = static_cast<uint32_t>(std::rand()) % n;
     const uint32_t offsetY = static_cast<uint32_t>(std::rand()) % n;
-    std::vector<std::pair<int, int>>& table = CUDACameraTestAccess::sampleTable(camera);
+    std::vector<std::pair<int, int>>& table = CUDACameraTestAccess::samples(camera);
     for (uint32_t i = 0; i < n; ++i) {
         table[(i + offsetX) % n].first = positions[i].first;
         table[(i + offsetY) % n].second = positions[i].second;
