@@ -38,6 +38,7 @@ CUDADevice::~CUDADevice() { delete _impl; }
 void CUDADevice::start() { _impl->start(); }
 void CUDADevice::stop() { _impl->stop(); }
 StopReport CUDADevice::stopFor(std::chrono::milliseconds timeout) { return _impl->stopFor(timeout); }
+StopReport CUDADevice::lentOut() { return _impl->lentOut(); }
 bool CUDADevice::isRunning() { return _impl->isRunning(); }
 uint32_t CUDADevice::numDevices() { return _impl->numDevices(); }
 Controls CUDADevice::getControls(uint32_t cameraId) { return _impl->getControls(cameraId); }

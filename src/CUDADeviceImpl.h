@@ -95,6 +95,7 @@ public:
     void start();
     void stop();
     StopReport stopFor(std::chrono::milliseconds timeout);
+    StopReport lentOut();
     bool isRunning();
     uint32_t numDevices() const { return static_cast<uint32_t>(_cameras.size()); }
     Controls getControls(uint32_t cameraId) { return _cameras.at(cameraId)->getControls(); }
@@ -111,6 +112,7 @@ private:
     void init_cuda(Poco::AutoPtr<Poco::Util::AbstractConfiguration> view);
     void addCameras(Poco::Util::AbstractConfiguration& config);
     void stopThreads();
+    StopReport::HeldCamera heldBy(uint32_t position);
     void release();  // deletes cameras, tasks and threads
     void deinit_cuda();
     template <typename Change>

@@ -24,6 +24,23 @@ std::string StopReport::describe() const {
     return text.empty() ? "nothing held" : text;
 }
 
+StopReport::HeldCamera CUDADeviceImpl::heldBy(uint32_t position) {
+    CUDACamera& camera = *_cameras.at(position);
+    StopReport::HeldCamera held{position, camera.getName(), {}};
+    for (auto& [bucket, outputs] : camera.heldBuckets()) held.buckets.push_back({bucket, std::move(outputs)});
+    return held;
+}
+
+StopReport CUDADeviceImpl::lentOut() {
+    Poco::Mutex::ScopedLock lock(_mutex);
+    StopReport report;
+    for (uint32_t c = 0; c < _cameras.size(); ++c) {
+        StopReport::HeldCamera held = heldBy(c);
+        if (!held.buckets.empty()) report.held.push_back(std::move(held));
+    }
+    return report;
+}
+
 StopReport CUDADeviceImpl::stopFor(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     Poco::Mutex::ScopedLock lock(_mutex);
@@ -42,10 +59,7 @@ StopReport CUDADeviceImpl::stopFor(std::chrono::milliseconds timeout) {
             stopped = camera.waitForBuffersToBeReturned(deadline);
             if (stopped) camera.abandon(false);
         }
-        if (stopped) continue;
-        StopReport::HeldCamera held{c, camera.getName(), {}};
-        for (auto& [bucket, outputs] : camera.heldBuckets()) held.buckets.push_back({bucket, std::move(outputs)});
-        report.held.push_back(std::move(held));
+        if (!stopped) report.held.push_back(heldBy(c));
     }
     if (!failure.empty() && report.complete()) throw CaptureDeviceException(failure);
     return report;

@@ -138,6 +138,15 @@ class Device:
                 return
             yield batch
 
+    def next_batch(self, timeout: Optional[float] = None) -> Optional[Batch]:
+        """The next batch; None once the device is stopped or closed; TimeoutError when none
+        arrived within `timeout` seconds."""
+        return self._native.next_batch(timeout)
+
+    def held(self) -> str:
+        """The buckets clients hold now, per camera (while running, also those being processed)."""
+        return self._native.held()
+
     def run(self, callback: Callable[[Batch], object], max_batches: Optional[int] = None,
             timeout: Optional[float] = None) -> int:
         """Calls `callback(batch)` on this thread for every batch until it returns False, the
@@ -156,6 +165,11 @@ class Device:
     @property
     def num_cameras(self) -> int:
         return self._native.num_cameras()
+
+    @property
+    def camera_names(self) -> List[str]:
+        """The "name" key of each camera, by camera id."""
+        return list(self._native.camera_names)
 
     def get_controls(self, camera: int) -> Controls:
         return self._native.get_controls(camera)

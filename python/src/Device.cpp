@@ -62,6 +62,11 @@ public:
         : _queue(queueSize) {
         _queue.close();  // nothing is delivered before start()
         auto config = buildConfiguration(file, keys, overrides);
+        try {
+            for (const tool::CameraEntry& entry : tool::enabledCameras(*config)) _names.push_back(entry.name);
+        } catch (const std::runtime_error& e) {
+            throw nb::value_error(e.what());
+        }
         nb::gil_scoped_release release;
         _device = std::make_unique<CUDADevice>(config);
         _device->setCallback([this](const Batch& batch) { _queue.push(batch); });
@@ -127,6 +132,7 @@ public:
         return frames;
     }
 
+    const std::vector<std::string>& names() const { return _names; }
     bool running() const { return _running; }
     bool closed() const { return !_device; }
     uint64_t dropped() { return _queue.dropped(); }
@@ -140,6 +146,7 @@ public:
 private:
     BoundedQueue<Batch> _queue;
     std::unique_ptr<CUDADevice> _device;
+    std::vector<std::string> _names;  // "name" of each enabled entry, by camera id
     bool _running = false;
 };
 
@@ -179,6 +186,8 @@ void bindDevice(nb::module_& m) {
                 return nb::cast<NativeDevice&>(self).nextBatch(self, timeout);
             },
             nb::arg("timeout").none())
+        .def("held", [](NativeDevice& d) { return d.device().lentOut().describe(); })
+        .def_prop_ro("camera_names", &NativeDevice::names)
         .def_prop_ro("running", &NativeDevice::running)
         .def_prop_ro("closed", &NativeDevice::closed)
         .def_prop_ro("dropped_batches", &NativeDevice::dropped)

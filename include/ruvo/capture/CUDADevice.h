@@ -58,6 +58,9 @@ public:
     // their memory; a later stopFor() or stop() finishes once they are back (before any start()).
     // Calling it on a stopped device returns a complete report.
     StopReport stopFor(std::chrono::milliseconds timeout);
+    // The buckets lent out now, per camera: held by clients, and while running also those being
+    // read or queued for delivery.
+    StopReport lentOut();
     bool isRunning() override;
     // Replaces camera `cameraId`'s controls; a refused change leaves the previous controls in
     // place and throws CUDADeviceException with the camera's message.
