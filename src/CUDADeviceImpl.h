@@ -4,6 +4,7 @@
 
 #include "CUDACamera.h"
 
+#include <ruvo/capture/CUDADevice.h>
 #include <ruvo/capture/Frame.h>
 #include <ruvo/util/Worker.h>
 

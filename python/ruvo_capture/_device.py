@@ -5,7 +5,6 @@ from __future__ import annotations
 
 import atexit
 import os
-import threading
 import weakref
 from typing import Callable, Dict, Iterable, Iterator, List, Mapping, Optional, Tuple, Union
 

@@ -41,7 +41,7 @@ public:
         _ready.notify_one();
     }
 
-    enum class Wait { Item, TimedOut, Closed };
+    enum class Wait { Ready, TimedOut, Closed };
 
     // Waits for the next item up to `timeout` (forever when none is given); Closed once close()
     // was called.
@@ -56,7 +56,7 @@ public:
         if (_closed) return Wait::Closed;
         out = std::move(_items.front());
         _items.pop_front();
-        return Wait::Item;
+        return Wait::Ready;
     }
 
     // Wakes every waiter and drops every queued item; later pushes are dropped too.

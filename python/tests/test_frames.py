@@ -10,7 +10,6 @@ import subprocess
 from pathlib import Path
 
 import numpy as np
-import pytest
 from PIL import Image
 
 import ruvo_capture as rc
