@@ -22,7 +22,8 @@ using RegionTuple = std::tuple<std::tuple<long, long, long, long>, float>;
 
 std::vector<RegionTuple> toTuples(const std::vector<WeightedRegion>& regions) {
     std::vector<RegionTuple> out;
-    for (const auto& r : regions) out.emplace_back(std::make_tuple(r.rect.left(), r.rect.top(), r.rect.right(), r.rect.bottom()), r.weight);
+    for (const auto& r : regions)
+        out.emplace_back(std::make_tuple(r.rect.left(), r.rect.top(), r.rect.right(), r.rect.bottom()), r.weight);
     return out;
 }
 

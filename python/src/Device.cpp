@@ -3,8 +3,8 @@
 // presets, capabilities and the output configuration table. Every call that can wait (start,
 // stop, close, waiting for a batch, changing controls) releases the GIL; the library's threads
 // only ever touch the C++ queue.
-#include "BoundedQueue.h"
 #include "Bindings.h"
+#include "BoundedQueue.h"
 #include "Configuration.h"
 #include "OutputBufferConfig.h"
 #include "PyFrame.h"
@@ -57,8 +57,8 @@ Poco::AutoPtr<Poco::Util::AbstractConfiguration> buildConfiguration(const std::o
 
 class NativeDevice {
 public:
-    NativeDevice(const std::optional<std::string>& file, const std::optional<Settings>& keys,
-                 const Settings& overrides, size_t queueSize)
+    NativeDevice(const std::optional<std::string>& file, const std::optional<Settings>& keys, const Settings& overrides,
+                 size_t queueSize)
         : _queue(queueSize) {
         _queue.close();  // nothing is delivered before start()
         auto config = buildConfiguration(file, keys, overrides);
@@ -182,7 +182,8 @@ void bindDevice(nb::module_& m) {
         .def("stop", &NativeDevice::stop, nb::arg("timeout"))
         .def("close", &NativeDevice::close, nb::arg("timeout"))
         .def(
-            "next_batch", [](nb::handle self, std::optional<double> timeout) {
+            "next_batch",
+            [](nb::handle self, std::optional<double> timeout) {
                 return nb::cast<NativeDevice&>(self).nextBatch(self, timeout);
             },
             nb::arg("timeout").none())
@@ -193,7 +194,8 @@ void bindDevice(nb::module_& m) {
         .def_prop_ro("dropped_batches", &NativeDevice::dropped)
         .def_prop_ro("delivered_batches", &NativeDevice::delivered)
         .def("num_cameras", [](NativeDevice& d) { return d.device().numDevices(); })
-        .def("get_controls", [](NativeDevice& d, uint32_t camera) { return d.device().getControls(checked(d, camera)); })
+        .def("get_controls",
+             [](NativeDevice& d, uint32_t camera) { return d.device().getControls(checked(d, camera)); })
         .def(
             "set_controls",
             [](NativeDevice& d, uint32_t camera, const Controls& controls) {

@@ -31,9 +31,9 @@ size_t planeCount(const Frame& frame) { return frame.format == Frame::YUV420p ? 
 
 const capture::Plane& planeAt(const Frame& frame, size_t index) {
     if (index >= planeCount(frame)) {
-        throw nb::index_error(("plane " + std::to_string(index) + " of a frame with " +
-                               std::to_string(planeCount(frame)) + " planes")
-                                  .c_str());
+        throw nb::index_error(
+            ("plane " + std::to_string(index) + " of a frame with " + std::to_string(planeCount(frame)) + " planes")
+                .c_str());
     }
     return frame.planes[index];
 }
@@ -130,15 +130,18 @@ void bindFrames(nb::module_& m) {
         .def_prop_ro("format", [](const PyFrame& f) { return get(f).format; })
         .def_prop_ro("width", [](const PyFrame& f) { return get(f).width; })
         .def_prop_ro("height", [](const PyFrame& f) { return get(f).height; })
-        .def_prop_ro("stride", [](const PyFrame& f) { return get(f).planes[0].stride; }, "Bytes per row of plane 0.")
+        .def_prop_ro(
+            "stride", [](const PyFrame& f) { return get(f).planes[0].stride; }, "Bytes per row of plane 0.")
         .def_prop_ro(
             "timestamp_ns", [](const PyFrame& f) { return get(f).timestamp.time_since_epoch().count(); },
             "Capture time on the steady clock (time.monotonic_ns), nanoseconds.")
-        .def_prop_ro("feedback", [](const PyFrame& f) { return feedback(get(f).feedback); },
-                     "Exposure time (s), gain, white-balance gains (R, G, G, B), luminance and metering regions.")
+        .def_prop_ro(
+            "feedback", [](const PyFrame& f) { return feedback(get(f).feedback); },
+            "Exposure time (s), gain, white-balance gains (R, G, G, B), luminance and metering regions.")
         .def_prop_ro("plane_count", [](const PyFrame& f) { return planeCount(get(f)); })
         .def(
-            "plane_address", [](const PyFrame& f, size_t i) { return reinterpret_cast<uintptr_t>(planeAt(get(f), i).data); },
+            "plane_address",
+            [](const PyFrame& f, size_t i) { return reinterpret_cast<uintptr_t>(planeAt(get(f), i).data); },
             "Address of the first byte of plane `i` in the library's memory.")
         .def(
             "plane", [](nb::handle self, size_t i) { return planeView(get(nb::cast<const PyFrame&>(self)), i, self); },
