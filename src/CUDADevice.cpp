@@ -148,6 +148,7 @@ void CUDADeviceImpl::start() {
     }
     _consumeTask->reset();
     _consumeThread->start(*_consumeTask);
+    _threadsStarted = true;
 }
 
 void CUDADeviceImpl::stopThreads() {
@@ -156,6 +157,7 @@ void CUDADeviceImpl::stopThreads() {
     _consumeTask->cancel();
     _event.set();  // wake the consumer now rather than at the end of its 2 s wait
     _consumeThread->join();
+    _threadsStarted = false;
 }
 
 void CUDADeviceImpl::stop() {

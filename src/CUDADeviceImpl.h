@@ -124,6 +124,7 @@ private:
     std::vector<Poco::Thread*> _produceThreads;
     ConsumeTask* _consumeTask = nullptr;
     Poco::Thread* _consumeThread = nullptr;
+    bool _threadsStarted = false;  // between start() and the joining of its threads
     Poco::Mutex _mutexControls;
     Poco::Event _event{Poco::Event::EVENT_AUTORESET};
     Poco::Mutex _mutex;

@@ -44,7 +44,7 @@ StopReport CUDADeviceImpl::lentOut() {
 StopReport CUDADeviceImpl::stopFor(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     Poco::Mutex::ScopedLock lock(_mutex);
-    stopThreads();
+    if (_threadsStarted) stopThreads();  // a repeated bounded stop finds them joined
     StopReport report;
     std::string failure;
     for (uint32_t c = 0; c < _cameras.size(); ++c) {

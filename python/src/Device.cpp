@@ -21,6 +21,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <memory>
 
 namespace nb = nanobind;
@@ -72,13 +73,18 @@ public:
         _device->setCallback([this](const Batch& batch) { _queue.push(batch); });
     }
 
+    // Every frame holds this object, so none is left and the stop completes at once. Nothing may
+    // leave a destructor: a failure is printed instead.
     ~NativeDevice() {
         if (!_device) return;
         nb::gil_scoped_release release;
         _queue.close();
-        // Every frame holds this object, so none is left: the stop completes at once.
-        if (_running) _device->stopFor(std::chrono::seconds(5));
-        _device.reset();
+        try {
+            if (_running) _device->stopFor(std::chrono::seconds(5));
+            _device.reset();
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "ruvo_capture: closing a dropped device: %s\n", e.what());
+        }
     }
 
     void start() {

@@ -17,7 +17,11 @@ NB_MODULE(_core, m) {
         try {
             std::rethrow_exception(p);
         } catch (const Poco::Exception& e) {
-            PyErr_SetString(PyExc_ValueError, e.displayText().c_str());
+            // A configuration value that does not parse or a key that is missing is bad input.
+            const bool badInput = dynamic_cast<const Poco::SyntaxException*>(&e) != nullptr ||
+                                  dynamic_cast<const Poco::InvalidArgumentException*>(&e) != nullptr ||
+                                  dynamic_cast<const Poco::NotFoundException*>(&e) != nullptr;
+            PyErr_SetString(badInput ? PyExc_ValueError : PyExc_RuntimeError, e.displayText().c_str());
         }
     });
     ruvo::python::bindControls(m);
