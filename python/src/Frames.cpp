@@ -27,6 +27,13 @@ using CountView = nb::ndarray<nb::numpy, const int32_t>;
 // Rows of interleaved 3-byte pixels for RGB24 and BGR24; one byte per sample otherwise.
 size_t channels(Frame::Format format) { return format == Frame::RGB24 || format == Frame::BGR24 ? 3 : 1; }
 
+// Bytes from one row to the next. The pipeline gives the stride of an interleaved RGB buffer in
+// pixels and of every other buffer in bytes; a stride shorter than the row's bytes is in pixels.
+int64_t rowPitch(const Frame& frame, const capture::Plane& plane) {
+    const size_t rowBytes = static_cast<size_t>(plane.width) * channels(frame.format);
+    return plane.stride >= rowBytes ? plane.stride : static_cast<int64_t>(plane.stride) * channels(frame.format);
+}
+
 size_t planeCount(const Frame& frame) { return frame.format == Frame::YUV420p ? 3 : 1; }
 
 const capture::Plane& planeAt(const Frame& frame, size_t index) {
@@ -46,9 +53,9 @@ nb::object planeView(const Frame& frame, size_t index, nb::handle owner) {
     }
     const size_t c = channels(frame.format);
     if (c == 3) {
-        return nb::cast(ByteView(plane.data, {plane.height, plane.width, 3}, owner, {plane.stride, 3, 1}));
+        return nb::cast(ByteView(plane.data, {plane.height, plane.width, 3}, owner, {rowPitch(frame, plane), 3, 1}));
     }
-    return nb::cast(ByteView(plane.data, {plane.height, plane.width}, owner, {plane.stride, 1}));
+    return nb::cast(ByteView(plane.data, {plane.height, plane.width}, owner, {rowPitch(frame, plane), 1}));
 }
 
 // An owned, packed copy of plane `index`, rows copied one by one (the stride is dropped).
@@ -58,7 +65,8 @@ nb::object planeCopy(const Frame& frame, size_t index) {
     const size_t rowBytes = histogram ? kHistogramBins * sizeof(int32_t) : plane.width * channels(frame.format);
     const size_t rows = histogram ? 1 : plane.height;
     auto* bytes = new uint8_t[rowBytes * rows];
-    for (size_t y = 0; y < rows; ++y) std::memcpy(bytes + y * rowBytes, plane.data + y * plane.stride, rowBytes);
+    const size_t pitch = histogram ? rowBytes : static_cast<size_t>(rowPitch(frame, plane));
+    for (size_t y = 0; y < rows; ++y) std::memcpy(bytes + y * rowBytes, plane.data + y * pitch, rowBytes);
     nb::capsule free(bytes, [](void* p) noexcept { delete[] static_cast<uint8_t*>(p); });
     if (histogram) return nb::cast(nb::ndarray<nb::numpy, int32_t>(bytes, {kHistogramBins}, free));
     if (channels(frame.format) == 3) {
@@ -131,7 +139,7 @@ void bindFrames(nb::module_& m) {
         .def_prop_ro("width", [](const PyFrame& f) { return get(f).width; })
         .def_prop_ro("height", [](const PyFrame& f) { return get(f).height; })
         .def_prop_ro(
-            "stride", [](const PyFrame& f) { return get(f).planes[0].stride; }, "Bytes per row of plane 0.")
+            "stride", [](const PyFrame& f) { return rowPitch(get(f), get(f).planes[0]); }, "Bytes per row of plane 0.")
         .def_prop_ro(
             "timestamp_ns", [](const PyFrame& f) { return get(f).timestamp.time_since_epoch().count(); },
             "Capture time on the steady clock (time.monotonic_ns), nanoseconds.")

