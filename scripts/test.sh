@@ -92,7 +92,10 @@ if has_stage python; then
   rm -rf "$venv"
   /usr/bin/python3 -m venv "$venv"
   "$venv/bin/python" -m pip install -q --upgrade pip
-  CMAKE_BUILD_PARALLEL_LEVEL=$jobs "$venv/bin/python" -m pip install -q "$root[ros,test]"
+  # The build requirements go into the environment itself: an isolated build would live in a new
+  # temporary folder each time, which makes the build backend discard the configured build folder.
+  "$venv/bin/python" -m pip install -q "scikit-build-core>=1.1.2" "nanobind>=2.4"
+  CMAKE_BUILD_PARALLEL_LEVEL=$jobs "$venv/bin/python" -m pip install -q --no-build-isolation "$root[ros,test]"
   echo "=== python: pytest"
   # The tests start ROS 2 nodes: a domain of their own keeps other runs on this host out.
   (cd "$root/python/tests" && RUVO_CAPTURE_TOOL="$root/build/host/tools/ruvo-capture" \

@@ -33,11 +33,6 @@ namespace {
 
 using Settings = std::vector<std::pair<std::string, std::string>>;
 
-std::chrono::milliseconds toMilliseconds(double seconds) {
-    if (!(seconds >= 0.0) || !std::isfinite(seconds)) throw nb::value_error("timeout must be a finite number >= 0");
-    return std::chrono::milliseconds(static_cast<int64_t>(std::ceil(seconds * 1000.0)));
-}
-
 Poco::AutoPtr<Poco::Util::AbstractConfiguration> buildConfiguration(const std::optional<std::string>& file,
                                                                     const std::optional<Settings>& keys,
                                                                     const Settings& overrides) {

@@ -41,10 +41,7 @@ public:
     // The next record text; None once closed; TimeoutError when none came in time.
     nb::object next(std::optional<double> timeout) {
         std::optional<std::chrono::milliseconds> limit;
-        if (timeout) {
-            if (!(*timeout >= 0.0) || !std::isfinite(*timeout)) throw nb::value_error("timeout must be >= 0");
-            limit = std::chrono::milliseconds(static_cast<int64_t>(std::ceil(*timeout * 1000.0)));
-        }
+        if (timeout) limit = toMilliseconds(*timeout);
         std::string text;
         BoundedQueue<std::string>::Wait result;
         {

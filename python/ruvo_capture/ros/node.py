@@ -33,6 +33,7 @@ from .params import CONTROL_PARAMETERS
 
 # Parameters read once at start; the others may change while running.
 _START_ONLY = ("config", "overrides", "queue_size", "qos_depth", "qos_reliable", "publish_all_outputs")
+_CHOICES = {"stamp_source": ("capture", "receive"), "yuv_encoding": ("nv12", "rgb8")}
 
 
 def topic_names(names: List[str]) -> List[str]:
@@ -80,7 +81,7 @@ class CaptureNode(Node):
                     "watchdog_timeout": 2.0, "watchdog_max_backoff": 30.0, "diagnostics_period": 1.0}
         values = {k: self.declare_parameter(k, v).value for k, v in defaults.items()}
         values["overrides"] = self.declare_parameter("overrides", Parameter.Type.STRING_ARRAY).value
-        for key, allowed in (("stamp_source", ("capture", "receive")), ("yuv_encoding", ("nv12", "rgb8"))):
+        for key, allowed in _CHOICES.items():
             if values[key] not in allowed:
                 raise ValueError(f'{key} "{values[key]}": use one of {", ".join(allowed)}')
         return values
@@ -107,6 +108,9 @@ class CaptureNode(Node):
         for param in params:
             if param.name in _START_ONLY:
                 return SetParametersResult(successful=False, reason=f"{param.name} is read at start only")
+            if param.name in _CHOICES and param.value not in _CHOICES[param.name]:
+                return SetParametersResult(successful=False,
+                                           reason=f"{param.name}: use one of {', '.join(_CHOICES[param.name])}")
             cam_name, _, key = param.name.partition(".")
             if key in CONTROL_PARAMETERS or key == "preset":
                 cam_id = next((i for i, c in enumerate(self.cameras) if c.name == cam_name), None)
