@@ -19,8 +19,11 @@ def yuv420_to_rgb(y: np.ndarray, u: np.ndarray, v: np.ndarray) -> np.ndarray:
     """Full-range BT.601 YUV 4:2:0 planes (chroma centred on 127.5) to packed RGB, each chroma
     sample covering 2 x 2 luma samples; the inverse of the pipeline's colour conversion."""
     h, w = y.shape
-    cb = np.repeat(np.repeat(u.astype(np.float32) - 127.5, 2, axis=0), 2, axis=1)[:h, :w]
-    cr = np.repeat(np.repeat(v.astype(np.float32) - 127.5, 2, axis=0), 2, axis=1)[:h, :w]
+    # An odd last row or column takes the last chroma sample.
+    rows = np.minimum(np.arange(h) // 2, u.shape[0] - 1)[:, None]
+    cols = np.minimum(np.arange(w) // 2, u.shape[1] - 1)[None, :]
+    cb = u[rows, cols].astype(np.float32) - 127.5
+    cr = v[rows, cols].astype(np.float32) - 127.5
     luma = y.astype(np.float32)
     rgb = np.empty((h, w, 3), np.float32)
     rgb[..., 0] = luma + 1.402 * cr
@@ -30,11 +33,15 @@ def yuv420_to_rgb(y: np.ndarray, u: np.ndarray, v: np.ndarray) -> np.ndarray:
 
 
 def yuv420_to_nv12(y: np.ndarray, u: np.ndarray, v: np.ndarray) -> bytes:
-    """Planar YUV 4:2:0 to NV12: the luma rows, then rows of interleaved U, V pairs."""
-    uv = np.empty((u.shape[0], u.shape[1] * 2), np.uint8)
-    uv[:, 0::2] = u
-    uv[:, 1::2] = v
-    return np.ascontiguousarray(y).tobytes() + uv.tobytes()
+    """Planar YUV 4:2:0 to NV12: the luma rows, then rows of interleaved U, V pairs. Written into
+    one buffer, so that the message's bytes are copied out once."""
+    h, w = y.shape
+    out = np.empty(h * w + 2 * u.size, np.uint8)
+    out[: h * w].reshape(h, w)[:] = y
+    uv = out[h * w :].reshape(u.shape[0], u.shape[1], 2)
+    uv[..., 0] = u
+    uv[..., 1] = v
+    return out.tobytes()
 
 
 def image_message(frame: Frame, yuv_encoding: str) -> Optional[Image]:
