@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import atexit
 import os
+import warnings
 import weakref
 from typing import Callable, Dict, Iterable, Iterator, List, Mapping, Optional, Tuple, Union
 
@@ -122,7 +123,12 @@ class Device:
         return self
 
     def __exit__(self, *exc) -> None:
-        self.close()
+        # Leaving the block stops capture. Frames still referenced (a loop variable, a traceback)
+        # keep the native device alive; it is freed with the last of them, so only a warning.
+        try:
+            self.close(timeout=1.0)
+        except HeldFramesError as e:
+            warnings.warn(f"{e}; the device is freed when they are dropped", ResourceWarning, stacklevel=2)
 
     # -- frames ---------------------------------------------------------------------------------
     def batches(self, timeout: Optional[float] = None) -> Iterator[Batch]:
