@@ -1,5 +1,6 @@
 """Controls from Python: a refused change raises the library's message and leaves the previous
-controls in force; presets change the exposure fields they own and nothing else."""
+controls in force; presets change the exposure fields they own and nothing else; the metering
+diagnostics channels arrive as parsed records."""
 
 from __future__ import annotations
 
@@ -59,3 +60,15 @@ def test_presets_change_their_fields(device):
         assert (c.v_flip, c.width) == (base.v_flip, base.width), name
     with pytest.raises(ValueError, match="unknown preset"):
         device.set_preset(0, "moonlight")
+
+
+def test_diagnostics_channels_yield_parsed_records():
+    with rc.Device(sim_keys({"outputBufferFormats": 2, "name": "meter"})) as device:
+        device.start()
+        for channel in rc._core.diagnostics_channels():
+            records = rc.diagnostics_records(channel, timeout=20)
+            record = next(records)
+            records.close()
+            assert record["cameraIndex"] == 0, channel
+            assert record.get("cameraName", "meter") == "meter", channel
+        device.stop()
