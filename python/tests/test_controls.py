@@ -69,6 +69,6 @@ def test_diagnostics_channels_yield_parsed_records():
             records = rc.diagnostics_records(channel, timeout=20)
             record = next(records)
             records.close()
-            assert record["cameraIndex"] == 0, channel
+            assert int(record["cameraIndex"]) == 0, channel
             assert record.get("cameraName", "meter") == "meter", channel
         device.stop()
