@@ -91,11 +91,11 @@ class CaptureNode(Node):
         differ are applied before the first frame."""
         controls = self.device.get_controls(cam_id)
         changed = False
-        for key, spec in CONTROL_PARAMETERS.items():
-            current = spec.get(controls)
+        for key, parameter in CONTROL_PARAMETERS.items():
+            current = parameter.get(controls)
             value = self.declare_parameter(f"{name}.{key}", current).value
             if value != current:
-                spec.set(controls, value)
+                parameter.set(controls, value)
                 changed = True
         if changed:
             self.device.set_controls(cam_id, controls)
