@@ -11,6 +11,7 @@ packages=(
   libopencv-core-dev libopencv-imgproc-dev
   clang libclang-rt-14-dev libomp-dev clang-format
   v4l-utils
+  python3-dev python3-venv
 )
 
 if [[ "${RUVO_SKIP_APT:-0}" == "1" ]]; then

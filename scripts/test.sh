@@ -5,13 +5,15 @@
 #   2. the CUDA build where nvcc is present, every test (device tests skip without a GPU);
 #   3. the host build under AddressSanitizer + UndefinedBehaviorSanitizer, every test (leaks reported);
 #   4. the host build under ThreadSanitizer, every test that starts threads;
-#   5. the fuzz targets under libFuzzer for a bounded time.
-# RUVO_TEST_STAGES picks stages (default "format host cuda asan tsan fuzz").
+#   5. the fuzz targets under libFuzzer for a bounded time;
+#   6. the Python package: `pip install .[ros,test]` into a fresh virtual environment (reusing the
+#      host build folder, so only the module is compiled), then its pytest suite.
+# RUVO_TEST_STAGES picks stages (default "format host cuda asan tsan fuzz python").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=${RUVO_JOBS:-$(nproc)}
-stages=${RUVO_TEST_STAGES:-format host cuda asan tsan fuzz}
+stages=${RUVO_TEST_STAGES:-format host cuda asan tsan fuzz python}
 
 bash scripts/install-deps.sh
 
@@ -83,5 +85,21 @@ fi
 
 if has_stage fuzz && [[ -f fuzz/run.sh ]]; then
   bash fuzz/run.sh "${RUVO_FUZZ_SECONDS:-60}"
+fi
+if has_stage python; then
+  venv="$root/build/python-venv"
+  echo "=== python: fresh virtual environment, pip install .[ros,test]"
+  rm -rf "$venv"
+  /usr/bin/python3 -m venv "$venv"
+  "$venv/bin/python" -m pip install -q --upgrade pip
+  # The build requirements go into the environment itself: an isolated build would live in a new
+  # temporary folder each time, which makes the build backend discard the configured build folder.
+  "$venv/bin/python" -m pip install -q "scikit-build-core>=1.1.2" "nanobind>=2.4"
+  CMAKE_BUILD_PARALLEL_LEVEL=$jobs "$venv/bin/python" -m pip install -q --no-build-isolation "$root[ros,test]"
+  echo "=== python: pytest"
+  # The tests start ROS 2 nodes: a domain of their own keeps other runs on this host out.
+  (cd "$root/python/tests" && RUVO_CAPTURE_TOOL="$root/build/host/tools/ruvo-capture" \
+    ROS_DOMAIN_ID=$((RANDOM % 90 + 10)) ROS_AUTOMATIC_DISCOVERY_RANGE=LOCALHOST \
+    "$venv/bin/python" -m pytest -q -p no:cacheprovider .)
 fi
 echo "=== all stages passed: $stages"

@@ -435,6 +435,10 @@ void CUDACamera::release(unsigned bucketIndex, unsigned buffer) {
 }
 
 void CUDACamera::waitForBuffersToBeReturned() {
+    waitForBuffersToBeReturned(std::chrono::steady_clock::time_point::max());
+}
+
+bool CUDACamera::waitForBuffersToBeReturned(std::chrono::steady_clock::time_point deadline) {
     const std::string prefix = "CUDACamera(" + _params.name + ")";
     _logger.trace(prefix + "::" + "waitForBuffersToBeReturned");
     for (;;) {
@@ -442,12 +446,41 @@ void CUDACamera::waitForBuffersToBeReturned() {
         for (const Bucket& bucket : _buckets) free += bucket.status != Bucket::USED ? 1 : 0;
         if (free == _buckets.size()) {
             _logger.information(prefix + " All buffers returned");
-            return;
+            return true;
         }
         _logger.warning(prefix + " " + "waiting for buffers to be returned: " + std::to_string(free) + "/" +
                         std::to_string(_buckets.size()) + " free");
-        _releaseEvent.wait();
+        if (deadline == std::chrono::steady_clock::time_point::max()) {
+            _releaseEvent.wait();
+            continue;
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        _releaseEvent.tryWait(static_cast<long>(left.count()));
     }
+}
+
+bool CUDACamera::stopBy(std::chrono::steady_clock::time_point deadline) {
+    if (_fd == -1) return true;
+    if (_isRunning) stop_capturing();
+    if (!waitForBuffersToBeReturned(deadline)) return false;
+    deinit_device();
+    close_device();
+    return true;
+}
+
+std::vector<std::pair<uint32_t, std::vector<uint32_t>>> CUDACamera::heldBuckets() {
+    std::vector<std::pair<uint32_t, std::vector<uint32_t>>> held;
+    for (Bucket& bucket : _buckets) {
+        Poco::FastMutex::ScopedLock lock(bucket.mutex);
+        if (bucket.status != Bucket::USED) continue;
+        std::vector<uint32_t> outputs;
+        for (uint32_t j = 0; j < bucket.releaseState.size(); ++j) {
+            if (!bucket.releaseState[j]) outputs.push_back(j);
+        }
+        held.emplace_back(bucket.index, std::move(outputs));
+    }
+    return held;
 }
 
 }  // namespace capture

@@ -21,6 +21,7 @@
 #include <linux/videodev2.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <random>
@@ -118,6 +119,14 @@ public:
     // Gives one output buffer back; the last distinct one gives the bucket back.
     void release(unsigned bucket, unsigned buffer);
     void waitForBuffersToBeReturned();
+    // Waits until `deadline` at most; true once no client holds a bucket.
+    bool waitForBuffersToBeReturned(std::chrono::steady_clock::time_point deadline);
+    // Ends capture and waits until `deadline` for clients to give back their buffers: true once
+    // every bucket is back and the node closed (at once for a closed camera); false with capture
+    // off and the held buckets' memory kept, to be finished by another call or by stop().
+    bool stopBy(std::chrono::steady_clock::time_point deadline);
+    // Each bucket lent to clients with the output buffers not yet given back.
+    std::vector<std::pair<uint32_t, std::vector<uint32_t>>> heldBuckets();
 
     Controls getControls();
     // Assigns the current controls to `into` (reusing its storage: no allocation once sized).

@@ -37,6 +37,8 @@ CUDADevice::~CUDADevice() { delete _impl; }
 
 void CUDADevice::start() { _impl->start(); }
 void CUDADevice::stop() { _impl->stop(); }
+StopReport CUDADevice::stopFor(std::chrono::milliseconds timeout) { return _impl->stopFor(timeout); }
+StopReport CUDADevice::lentOut() { return _impl->lentOut(); }
 bool CUDADevice::isRunning() { return _impl->isRunning(); }
 uint32_t CUDADevice::numDevices() { return _impl->numDevices(); }
 Controls CUDADevice::getControls(uint32_t cameraId) { return _impl->getControls(cameraId); }
@@ -102,6 +104,7 @@ void CUDADeviceImpl::addCameras(Poco::Util::AbstractConfiguration& config) {
 }
 
 void CUDADeviceImpl::release() {
+    if (_consumeTask != nullptr) _consumeTask->detachCameras();  // frames still held find no camera
     for (size_t i = 0; i < _cameras.size(); ++i) {
         delete _cameras[i];
         delete _produceTasks[i];
@@ -157,15 +160,21 @@ void CUDADeviceImpl::start() {
     }
     _consumeTask->reset();
     _consumeThread->start(*_consumeTask);
+    _threadsStarted = true;
 }
 
-void CUDADeviceImpl::stop() {
-    Poco::Mutex::ScopedLock lock(_mutex);
+void CUDADeviceImpl::stopThreads() {
     for (ProduceTask* task : _produceTasks) task->cancel();
     for (Poco::Thread* thread : _produceThreads) thread->join();
     _consumeTask->cancel();
     _event.set();  // wake the consumer now rather than at the end of its 2 s wait
     _consumeThread->join();
+    _threadsStarted = false;
+}
+
+void CUDADeviceImpl::stop() {
+    Poco::Mutex::ScopedLock lock(_mutex);
+    stopThreads();
     // Every camera is stopped even when one fails (a device that went away); the failed one is
     // torn down as far as it goes and the first failure is reported once all are done.
     std::string failure;

@@ -4,6 +4,7 @@
 
 #include "CUDACamera.h"
 
+#include <ruvo/capture/CUDADevice.h>
 #include <ruvo/capture/Frame.h>
 #include <ruvo/util/Worker.h>
 
@@ -11,8 +12,11 @@
 #include <Poco/Mutex.h>
 #include <Poco/Thread.h>
 
+#include <chrono>
 #include <deque>
+#include <memory>
 #include <queue>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -44,16 +48,26 @@ public:
     // Delivers the newest bucket of every camera as one batch of frames.
     class ConsumeTask : public ruvo::util::Worker {
     public:
+        // The way back from a frame to its camera. Frames share it, so a frame dropped after its
+        // device is gone finds the camera pointer cleared instead of freed memory.
+        struct ReturnPath {
+            std::shared_mutex mutex;  // shared by returning frames, exclusive to detach
+            CUDACamera* camera = nullptr;
+        };
+
         // Returns a frame's output buffer to its camera when the last owner lets go.
         struct Deleter {
-            Deleter(CUDACamera* camera, CUDACamera::Bucket* bucket) : _camera(camera), _bucket(bucket) {}
+            Deleter(std::shared_ptr<ReturnPath> path, unsigned bucket) : _path(std::move(path)), _bucket(bucket) {}
             void operator()(Frame* frame) const;
-            CUDACamera* _camera;
-            CUDACamera::Bucket* _bucket;
+            std::shared_ptr<ReturnPath> _path;
+            unsigned _bucket;
         };
 
         ConsumeTask(const std::string& name, std::vector<CUDACamera*> cameras, OnNewDataCallback onNewData,
                     Poco::Mutex& mutexControls, Poco::Event& event, std::vector<ProduceTask*> produceTasks);
+
+        // Cuts every frame's way back to its camera; called before the cameras are destroyed.
+        void detachCameras();
 
         uint32_t frameId = 0;
         uint32_t batchId = 0;
@@ -65,6 +79,7 @@ public:
         void appendFrames(uint32_t cameraPosition, CUDACamera::Bucket* bucket);
 
         std::vector<CUDACamera*> _cameras;
+        std::vector<std::shared_ptr<ReturnPath>> _returnPaths;  // one per camera
         OnNewDataCallback _onNewData;
         Poco::Mutex& _mutexControls;
         Poco::Event& _event;
@@ -80,6 +95,8 @@ public:
 
     void start();
     void stop();
+    StopReport stopFor(std::chrono::milliseconds timeout);
+    StopReport lentOut();
     bool isRunning();
     uint32_t numDevices() const { return static_cast<uint32_t>(_cameras.size()); }
     Controls getControls(uint32_t cameraId) { return _cameras.at(cameraId)->getControls(); }
@@ -95,6 +112,8 @@ public:
 private:
     void init_cuda(Poco::AutoPtr<Poco::Util::AbstractConfiguration> view);
     void addCameras(Poco::Util::AbstractConfiguration& config);
+    void stopThreads();
+    StopReport::HeldCamera heldBy(uint32_t position);
     void release();  // deletes cameras, tasks and threads
     void deinit_cuda();
     template <typename Change>
@@ -105,6 +124,7 @@ private:
     std::vector<Poco::Thread*> _produceThreads;
     ConsumeTask* _consumeTask = nullptr;
     Poco::Thread* _consumeThread = nullptr;
+    bool _threadsStarted = false;  // between start() and the joining of its threads
     Poco::Mutex _mutexControls;
     Poco::Event _event{Poco::Event::EVENT_AUTORESET};
     Poco::Mutex _mutex;

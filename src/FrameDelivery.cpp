@@ -45,14 +45,18 @@ size_t CUDADeviceImpl::ProduceTask::queued() {
 }
 
 // Runs inside shared_ptr's destructor on whatever thread drops the last reference, where an
-// exception would end the process: a failed return (the device gone) is logged instead.
+// exception would end the process: a failed return (the device gone) is logged instead. A frame
+// that outlives its camera only frees its record.
 void CUDADeviceImpl::ConsumeTask::Deleter::operator()(Frame* frame) const {
-    if (frame == nullptr || _camera == nullptr) return;
-    try {
-        _camera->release(_bucket->index, frame->batchIndex);
-    } catch (const std::exception& e) {
-        Poco::Logger::get("Capture.CUDADevice")
-            .error("Returning a frame to camera " + _camera->getName() + ": " + e.what());
+    if (frame == nullptr) return;
+    std::shared_lock<std::shared_mutex> lock(_path->mutex);
+    if (CUDACamera* camera = _path->camera) {
+        try {
+            camera->release(_bucket, frame->batchIndex);
+        } catch (const std::exception& e) {
+            Poco::Logger::get("Capture.CUDADevice")
+                .error("Returning a frame to camera " + camera->getName() + ": " + e.what());
+        }
     }
     delete frame;
 }
@@ -65,7 +69,19 @@ CUDADeviceImpl::ConsumeTask::ConsumeTask(const std::string& name, std::vector<CU
       _onNewData(std::move(onNewData)),
       _mutexControls(mutexControls),
       _event(event),
-      _produceTasks(std::move(produceTasks)) {}
+      _produceTasks(std::move(produceTasks)) {
+    for (CUDACamera* camera : _cameras) {
+        _returnPaths.push_back(std::make_shared<ReturnPath>());
+        _returnPaths.back()->camera = camera;
+    }
+}
+
+void CUDADeviceImpl::ConsumeTask::detachCameras() {
+    for (const auto& path : _returnPaths) {
+        std::unique_lock<std::shared_mutex> lock(path->mutex);
+        path->camera = nullptr;
+    }
+}
 
 namespace {
 
@@ -96,7 +112,7 @@ void CUDADeviceImpl::ConsumeTask::appendFrames(uint32_t c, CUDACamera::Bucket* b
     CUDACamera* camera = _cameras[c];
     camera->copyControls(_controlsCopy);
     for (uint32_t j = 0; j < bucket->buffers.size(); ++j) {
-        std::shared_ptr<Frame> frame(new Frame(), Deleter(camera, bucket));
+        std::shared_ptr<Frame> frame(new Frame(), Deleter(_returnPaths[c], bucket->index));
         frame->frameId = frameId++;
         frame->cameraId = c;
         frame->batchId = batchId;

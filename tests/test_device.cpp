@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <functional>
@@ -179,6 +180,54 @@ TEST_F(Device, DeliversBatchesAndEveryBufferLentOutComesBack) {
     EXPECT_GT(client.kept[0]->frameId, firstId);
     client.kept.clear();
     device.stop();
+}
+
+// A bounded stop ends capture, names the camera, bucket and output a client holds instead of
+// waiting, and keeps the held bytes readable; then either a second stop completes once the frame
+// is dropped, or the device is destroyed first and dropping the frame afterwards must not reach
+// the freed camera (the address sanitizer stage turns that into a failure).
+TEST_F(Device, BoundedStopReportsHeldFramesAndFramesMayOutliveTheirDevice) {
+    for (const bool destroyFirst : {false, true}) {
+        SCOPED_TRACE(destroyFirst ? "device destroyed before the frame" : "frame dropped, then stopped again");
+        const std::string path = uniqueSimPath("held");
+        auto device = std::make_unique<CUDADevice>(properties(entry(0, path, {{"name", "keeper"}})));
+        Client client;
+        device->setCallback(client.callback());
+        device->start();
+        auto sensor = sim::findSensor(path);
+        client.keep = true;
+        sensor->step();
+        ASSERT_TRUE(client.waitFor([&] { return client.kept.size() == 1; }));
+        std::shared_ptr<Frame> held = std::move(client.kept[0]);
+        client.kept.clear();
+        const std::vector<uint8_t> before(held->planes[0].data, held->planes[0].data + held->planes[0].stride);
+
+        const StopReport report = device->stopFor(100ms);
+        ASSERT_FALSE(report.complete());
+        ASSERT_EQ(report.held.size(), 1u);
+        EXPECT_EQ(report.held[0].name, "keeper");
+        ASSERT_EQ(report.held[0].buckets.size(), 1u);
+        EXPECT_EQ(report.held[0].buckets[0].outputs, std::vector<uint32_t>{0});
+        EXPECT_EQ(report.describe(),
+                  "camera 0 (keeper): bucket " + std::to_string(report.held[0].buckets[0].bucket) + " output 0");
+        EXPECT_FALSE(device->isRunning());
+        EXPECT_FALSE(sensor->streaming());
+        EXPECT_TRUE(std::equal(before.begin(), before.end(), held->planes[0].data));
+
+        if (destroyFirst) {
+            device.reset();
+            held.reset();
+            continue;
+        }
+        held.reset();
+        EXPECT_TRUE(device->stopFor(0ms).complete());
+        EXPECT_TRUE(device->stopFor(0ms).complete()) << "a stopped device stops again at once";
+        device->start();  // the cameras were closed properly and open again
+        sensor->step();
+        ASSERT_TRUE(client.waitFor([&] { return client.kept.size() == 1; }));
+        client.kept.clear();
+        device->stop();
+    }
 }
 
 TEST_F(Device, ControlRoutingAndRefusals) {

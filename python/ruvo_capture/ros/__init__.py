@@ -1,0 +1,1 @@
+"""The ROS 2 camera node (`ruvo-capture-ros`); needs the optional extra: pip install .[ros]."""
