@@ -48,9 +48,9 @@ inline std::string vectorInstructionSets() {
         const char* name;
         bool present;
     } features[] = {
-        {"sse4.2", __builtin_cpu_supports("sse4.2") != 0},   {"avx", __builtin_cpu_supports("avx") != 0},
-        {"avx2", __builtin_cpu_supports("avx2") != 0},       {"fma", __builtin_cpu_supports("fma") != 0},
-        {"avx512f", __builtin_cpu_supports("avx512f") != 0}, {"avx512bw", __builtin_cpu_supports("avx512bw") != 0},
+        {"sse4.2", __builtin_cpu_supports("sse4.2") != 0},     {"avx", __builtin_cpu_supports("avx") != 0},
+        {"avx2", __builtin_cpu_supports("avx2") != 0},         {"fma", __builtin_cpu_supports("fma") != 0},
+        {"avx512f", __builtin_cpu_supports("avx512f") != 0},   {"avx512bw", __builtin_cpu_supports("avx512bw") != 0},
         {"avx512vl", __builtin_cpu_supports("avx512vl") != 0},
     };
     for (const auto& feature : features) {
