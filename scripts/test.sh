@@ -95,6 +95,8 @@ if has_stage arm64; then
   configure_build build/arm64 -- -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-aarch64-linux-gnu.cmake" \
     -DCMAKE_BUILD_TYPE=Release -DRUVO_WITH_CUDA=OFF -DRUVO_BUILD_BENCH=OFF -DRUVO_BUILD_TOOLS=OFF \
     "-DRUVO_TEST_PROGRAMS=$arm64_tests"
-  run_tests build/arm64
+  # A death test runs the test program again through execve, which cannot start an arm64 program
+  # without binfmt_misc (absent in containers); the abort itself is checked in the host stages.
+  run_tests build/arm64 -E '^UnsupportedSize\.AbortsWithTheSizeAssertion$'
 fi
 echo "=== all stages passed: $stages"
