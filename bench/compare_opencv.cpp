@@ -2,8 +2,11 @@
 // OpenCV CPU pipeline on one thread: 16-bit bilinear demosaic (cvtColor Bayer to BGR on CV_16U),
 // values normalised by 16383 and raised to the power 0.8 per channel, conversion to 8 bits and to
 // I420. The two alternate run by run so that both see the same machine load; medians are printed
-// with the throughput ratio. Then the host pipeline on all threads, as frames per second.
+// with the throughput ratio. Then the host pipeline on all threads, as frames per second. The
+// header names the CPU, its vector instruction sets and the row-loop clones that ran, so that every
+// figure says which machine and code path it came from.
 // Usage: compare_opencv [runs per size, default 30]
+#include "host/grid/RowClones.h"
 #include "support/GpuPresence.h"
 #include "support/kernel_buffers.h"
 
@@ -16,6 +19,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
+#include <string>
 #include <vector>
 
 namespace {
@@ -98,6 +103,16 @@ void allThreads(const ProcessedSize& size, int runs) {
     std::printf("%-10s  %8.3f ms  %7.1f frames/s\n", sizeName(size).c_str(), ms, 1000.0 / ms);
 }
 
+// The CPU's model name as the kernel reports it ("unknown" where it does not).
+std::string cpuModel() {
+    std::ifstream cpuinfo("/proc/cpuinfo");
+    for (std::string line; std::getline(cpuinfo, line);) {
+        const size_t colon = line.find(':');
+        if (line.rfind("model name", 0) == 0 && colon != std::string::npos) return line.substr(colon + 2);
+    }
+    return "unknown";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -107,6 +122,9 @@ int main(int argc, char** argv) {
         return 0;
     }
     const int runs = argc > 1 ? std::max(3, std::atoi(argv[1])) : 30;
+    std::printf("CPU: %s, %d logical processors\n", cpuModel().c_str(), omp_get_num_procs());
+    std::printf("vector instruction sets: %s\n", cap::kernels::vectorInstructionSets().c_str());
+    std::printf("row loops: %s\n\n", cap::kernels::rowClonesChosen().c_str());
     std::printf("YUV_ONLY, bilinear, one thread; medians of %d alternating runs (ms)\n", runs);
     std::printf("%-10s  %17s   %17s   %15s\n", "", "OpenCV", "host pipeline", "throughput ratio");
     std::printf("%-10s  %8s %8s   %8s %8s   %7s %7s\n", "size", "wall", "cpu", "wall", "cpu", "wall", "cpu");

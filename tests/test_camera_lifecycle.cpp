@@ -253,6 +253,8 @@ public:
     int open(const std::string& path, int flags) override { return _inner->open(path, flags); }
     int close(int fd) override { return _inner->close(fd); }
     int select(int fd, struct ::timeval* timeout) override { return _inner->select(fd, timeout); }
+    void* mmap(int fd, size_t length, off_t offset) override { return _inner->mmap(fd, length, offset); }
+    int munmap(void* address, size_t length) override { return _inner->munmap(address, length); }
     int ioctl(int fd, unsigned long request, void* argument) override {
         const int result = _inner->ioctl(fd, request, argument);
         if (request == VIDIOC_DQBUF && result == 0) static_cast<v4l2_buffer*>(argument)->index = _index;

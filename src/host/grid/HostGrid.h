@@ -4,6 +4,7 @@
 // several instruction sets, chosen at load time.
 #pragma once
 
+#include "host/grid/RowClones.h"
 #include "isp/LaunchGeometry.h"
 #include "kernels/IndexRange.h"
 
@@ -27,17 +28,6 @@ __forceinline__ void runThread(const Kernel& kernel, unsigned tx, unsigned ty) {
         kernel.interior(tx, ty);
     }
 }
-
-// Row loops are compiled for AVX2 with FMA and for baseline x86-64; interior runs (of the colour
-// kernels, where the powers of the colour path take most of the time, and of the gradient kernels)
-// also for AVX-512 (16 lanes).
-#if defined(__x86_64__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#define RUVO_ROW_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
-#define RUVO_INTERIOR_ROW_CLONES __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
-#else
-#define RUVO_ROW_CLONES
-#define RUVO_INTERIOR_ROW_CLONES
-#endif
 
 // Threads begin .. end - 1 of row ty as one vectorised loop. The kernel is copied so that its
 // pointers and parameters are locals the output stores cannot alias.
