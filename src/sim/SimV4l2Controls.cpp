@@ -1,6 +1,6 @@
 // What the kernel's control framework gives every driver, for the simulated sensor: extended
 // control queries, the extended get/try/set requests with their error_idx rules, and control
-// events. Called under the sensor's mutex, except eventPending, which takes it.
+// events. Called under the sensor's mutex, except setStatusFlags and eventPending, which take it.
 #include "sim/SimulatedSensor.h"
 
 #include "SensorControls.h"
@@ -127,7 +127,9 @@ int SimulatedSensor::extControls(int fd, unsigned long request, v4l2_ext_control
 void SimulatedSensor::writeControl(int fd, const ControlInfo& info, int32_t value) {
     const int32_t old = _controls.value(info.id);
     const int32_t stored = _controls.set(info.id, value);
-    DelayedValue* delayed = info.id == sensor::CID_EXPOSURE ? &_exposure : info.id == sensor::CID_GAIN ? &_gain : nullptr;
+    DelayedValue* delayed = info.id == sensor::CID_EXPOSURE ? &_exposure
+                            : info.id == sensor::CID_GAIN   ? &_gain
+                                                            : nullptr;
     if (delayed) {
         const uint32_t delay = info.id == sensor::CID_EXPOSURE ? _config.exposureDelay : _config.gainDelay;
         if (_streaming)
@@ -196,7 +198,8 @@ int SimulatedSensor::unsubscribeEvent(int fd, const v4l2_event_subscription* sub
     // Events of a subscription that has ended are not delivered.
     file.events.erase(std::remove_if(file.events.begin(), file.events.end(),
                                      [&](const v4l2_event& event) {
-                                         return all || (event.type == subscription->type && event.id == subscription->id);
+                                         return all ||
+                                                (event.type == subscription->type && event.id == subscription->id);
                                      }),
                       file.events.end());
     return 0;
@@ -216,6 +219,12 @@ int SimulatedSensor::dequeueEvent(std::unique_lock<std::mutex>& lock, int fd, v4
     it->second.events.pop_front();
     event->pending = static_cast<uint32_t>(it->second.events.size());
     return 0;
+}
+
+void SimulatedSensor::setStatusFlags(int fd, int flags) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    auto it = _files.find(fd);
+    if (it != _files.end()) it->second.flags = (it->second.flags & ~O_NONBLOCK) | (flags & O_NONBLOCK);
 }
 
 bool SimulatedSensor::eventPending(int fd) const {

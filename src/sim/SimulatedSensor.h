@@ -51,6 +51,8 @@ public:
     // length runs past it, or the queue is not memory-mapped.
     void* mmap(int fd, size_t length, off_t offset);
     int munmap(void* address, size_t length);
+    // Takes the O_NONBLOCK of `flags` as the descriptor's, as fcntl(F_SETFL) changes it.
+    void setStatusFlags(int fd, int flags);
     // Whether `fd` has events to dequeue (VIDIOC_DQEVENT), which poll reports as POLLPRI.
     bool eventPending(int fd) const;
 
