@@ -131,7 +131,7 @@ public:
         if (added) it = _registrations.emplace(key, std::make_unique<Registration>()).first;
         it->second->hidden = hidden;
         it->second->data = event->data;
-        struct epoll_event hiddenEvent{};
+        struct epoll_event hiddenEvent {};
         hiddenEvent.events = EPOLLIN | (event->events & (EPOLLET | EPOLLONESHOT));
         hiddenEvent.data.ptr = it->second.get();
         ctl(epfd, added ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, hidden, &hiddenEvent);
