@@ -72,7 +72,7 @@ int __open64_2(const char* path, int flags) { return open(path, flags); }
 int openat(int dirfd, const char* path, int flags, ...) {
     READ_CREATION_MODE(flags)
     Nodes* n = nodes();
-    if (n && path && path[0] == '/' && n->serves(path)) return n->open(path, flags);
+    if (n && n->serves(path) && path[0] == '/') return n->open(path, flags);
     static auto f = next<int (*)(int, const char*, int, ...)>("openat");
     return f(dirfd, path, flags, mode);
 }

@@ -286,19 +286,20 @@ int SimulatedSensor::streamOff(std::unique_lock<std::mutex>& lock, int fd, const
     return 0;
 }
 
+// The extended query's answer in the older record, as the kernel derives it.
 int SimulatedSensor::queryControl(v4l2_queryctrl* query) const {
-    const ControlInfo* info = lookUpControl(query->id);
-    if (!info) return EINVAL;
-    const uint32_t asked = query->id;
+    v4l2_query_ext_ctrl extended{};
+    extended.id = query->id;
+    if (const int error = queryExtControl(&extended)) return error;
     std::memset(query, 0, sizeof *query);
-    query->id = reportedId(asked, *info);
-    query->type = info->type;
-    copyName(query->name, sizeof query->name, info->name);
-    query->minimum = info->minimum;
-    query->maximum = info->maximum;
-    query->step = info->step;
-    query->default_value = info->defaultValue;
-    query->flags = info->flags;
+    query->id = extended.id;
+    query->type = extended.type;
+    std::memcpy(query->name, extended.name, sizeof query->name);
+    query->minimum = static_cast<int32_t>(extended.minimum);
+    query->maximum = static_cast<int32_t>(extended.maximum);
+    query->step = static_cast<int32_t>(extended.step);
+    query->default_value = static_cast<int32_t>(extended.default_value);
+    query->flags = extended.flags;
     return 0;
 }
 

@@ -36,11 +36,6 @@ const ControlInfo* SimulatedSensor::findControl(uint32_t id) const {
     return nullptr;
 }
 
-// The id a query answers with: an old-style private id is kept, as the kernel keeps it.
-uint32_t SimulatedSensor::reportedId(uint32_t asked, const ControlInfo& info) {
-    return asked >= V4L2_CID_PRIVATE_BASE && !(asked & V4L2_CTRL_FLAG_NEXT_CTRL) ? asked : info.id;
-}
-
 // findControl, or with V4L2_CTRL_FLAG_NEXT_CTRL the control with the next id above. The sensor
 // has no compound controls, so V4L2_CTRL_FLAG_NEXT_COMPOUND alone finds nothing.
 const ControlInfo* SimulatedSensor::lookUpControl(uint32_t id) const {
@@ -54,7 +49,8 @@ int SimulatedSensor::queryExtControl(v4l2_query_ext_ctrl* query) const {
     if (!info) return EINVAL;
     const uint32_t asked = query->id;
     std::memset(query, 0, sizeof *query);
-    query->id = reportedId(asked, *info);
+    // An old-style private id is answered with, as the kernel does.
+    query->id = asked >= V4L2_CID_PRIVATE_BASE && !(asked & V4L2_CTRL_FLAG_NEXT_CTRL) ? asked : info->id;
     query->type = info->type;
     std::strncpy(query->name, info->name, sizeof query->name - 1);
     query->minimum = info->minimum;

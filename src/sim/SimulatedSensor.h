@@ -141,7 +141,6 @@ private:
     // Extended controls and control events (SimV4l2Controls.cpp).
     const ControlInfo* findControl(uint32_t id) const;
     const ControlInfo* lookUpControl(uint32_t id) const;
-    static uint32_t reportedId(uint32_t asked, const ControlInfo& info);
     int queryExtControl(struct v4l2_query_ext_ctrl* query) const;
     int queryMenu(const struct v4l2_querymenu* menu) const;
     int extControls(int fd, unsigned long request, struct v4l2_ext_controls* controls);
