@@ -79,9 +79,7 @@ int SimulatedSensor::checkExtControls(unsigned long request, v4l2_ext_controls& 
         const ControlInfo* info = _controls.find(control.id);
         const bool wrongClass = classFilter && V4L2_CTRL_ID2WHICH(control.id) != which;
         int error = !info || wrongClass ? EINVAL : 0;
-        if (!error && request == VIDIOC_G_EXT_CTRLS && which != V4L2_CTRL_WHICH_DEF_VAL &&
-            (info->flags & V4L2_CTRL_FLAG_WRITE_ONLY))
-            error = EACCES;
+        if (!error && request == VIDIOC_G_EXT_CTRLS && (info->flags & V4L2_CTRL_FLAG_WRITE_ONLY)) error = EACCES;
         if (!error && isWrite(request) && (info->flags & V4L2_CTRL_FLAG_READ_ONLY)) error = EACCES;
         if (error) {
             if (request == VIDIOC_TRY_EXT_CTRLS) controls.error_idx = i;
@@ -103,7 +101,6 @@ int SimulatedSensor::extControls(int fd, unsigned long request, v4l2_ext_control
     for (uint32_t i = 0; i < controls->count; ++i) {
         v4l2_ext_control& control = controls->controls[i];
         const ControlInfo& info = *_controls.find(control.id);
-        control.size = 0;
         if (request == VIDIOC_G_EXT_CTRLS) {
             control.value = controls->which == V4L2_CTRL_WHICH_DEF_VAL ? info.defaultValue : _controls.value(info.id);
         } else if (request == VIDIOC_TRY_EXT_CTRLS) {
