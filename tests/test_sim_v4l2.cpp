@@ -1,9 +1,9 @@
 // DeviceIo: the kernel select's bounds, the sim keys a simulated sensor refuses, and the
 // simulated sensor as a V4L2 capture driver through DeviceIo: formats, user-pointer and
 // memory-mapped buffers, streaming and select, and what the kernel's V4L2 core adds (unknown
-// requests, priorities, the input); its frame clocks (stepped, free-running, real time); and the
-// faults it injects on request (stall, disconnect, a failing QBUF or STREAMON, an interrupted
-// select, lost frames and damaged buffers).
+// requests, priorities, the input, control events and extended writes); its frame clocks (stepped, free-running, real
+// time); and the faults it injects on request (stall, disconnect, a failing QBUF or STREAMON, an interrupted select,
+// lost frames and damaged buffers).
 #include "support/sim_client.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
@@ -311,6 +311,51 @@ TEST(SimV4l2, CoreRequestsAnswerAsTheKernelDoes) {
     EXPECT_EQ(c.call(VIDIOC_TRY_FMT, &f), 0) << "trying changes nothing";
     ASSERT_EQ(c.io().close(recorder), 0);
     EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), 0);
+}
+
+// Beyond what the conformance tool checks: a written value reaches the other descriptors
+// subscribed to the control (not the writer, which asked for no feedback, and only when the value
+// changed), a newer event replaces a pending one of the same control, and an extended write with
+// one refused control writes none.
+TEST(SimV4l2, ControlEventsReachOtherDescriptorsAndExtendedWritesAreAllOrNothing) {
+    SimClient c;
+    const int other = c.io().open(c.path(), O_RDWR | O_NONBLOCK);
+    const auto callOther = [&](unsigned long request, void* argument) {
+        return c.io().ioctl(other, request, argument) == 0 ? 0 : errno;
+    };
+    v4l2_event_subscription subscription{};
+    subscription.type = V4L2_EVENT_CTRL;
+    subscription.id = sensor::CID_HFLIP;
+    ASSERT_EQ(c.call(VIDIOC_SUBSCRIBE_EVENT, &subscription), 0);
+    ASSERT_EQ(callOther(VIDIOC_SUBSCRIBE_EVENT, &subscription), 0);
+    v4l2_control flip{sensor::CID_HFLIP, 1};
+    ASSERT_EQ(c.call(VIDIOC_S_CTRL, &flip), 0);
+    ASSERT_EQ(c.call(VIDIOC_S_CTRL, &flip), 0) << "unchanged: no event";
+    v4l2_ext_control ext[2] = {};
+    ext[0].id = sensor::CID_GAIN;
+    ext[0].value = 1 << 20;
+    ext[1].id = sensor::CID_HFLIP;
+    v4l2_ext_controls controls{};
+    controls.count = 2;
+    controls.controls = ext;
+    ASSERT_EQ(c.call(VIDIOC_S_EXT_CTRLS, &controls), 0);
+    EXPECT_EQ(ext[0].value, 2047) << "clamped as S_CTRL clamps";
+    v4l2_event event{};
+    EXPECT_EQ(c.call(VIDIOC_DQEVENT, &event), ENOENT) << "the writer hears nothing";
+    ASSERT_EQ(callOther(VIDIOC_DQEVENT, &event), 0);
+    EXPECT_EQ(event.id, sensor::CID_HFLIP);
+    EXPECT_EQ(event.u.ctrl.value, 0);
+    EXPECT_EQ(event.sequence, 1u) << "the second change replaced the first";
+    EXPECT_EQ(event.pending, 0u);
+    EXPECT_EQ(callOther(VIDIOC_DQEVENT, &event), ENOENT);
+    ext[0].value = 5;
+    ext[1].id = sensor::CID_AVG_LUMINANCE;
+    EXPECT_EQ(c.call(VIDIOC_TRY_EXT_CTRLS, &controls), EACCES);
+    EXPECT_EQ(controls.error_idx, 1u) << "TRY names the refused control";
+    EXPECT_EQ(c.call(VIDIOC_S_EXT_CTRLS, &controls), EACCES);
+    EXPECT_EQ(controls.error_idx, 2u) << "S names none";
+    EXPECT_EQ(c.sensor().control(sensor::CID_GAIN), 2047) << "nothing was written";
+    ASSERT_EQ(c.io().close(other), 0);
 }
 
 // A requeued buffer forgets its last frame; select takes a timeout with 1000000 us or more.

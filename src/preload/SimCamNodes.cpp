@@ -6,6 +6,7 @@
 #include <Poco/Util/PropertyFileConfiguration.h>
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -31,6 +32,13 @@ int realClose(int fd) {
 
 thread_local bool loading = false;
 
+// Sets or clears an eventfd's readability; true when it now is as asked.
+bool setReadable(int eventFd, bool on) {
+    uint64_t value = 1;
+    return on ? ::write(eventFd, &value, sizeof value) == sizeof value
+              : ::read(eventFd, &value, sizeof value) == sizeof value;
+}
+
 }  // namespace
 
 Nodes::Nodes() {
@@ -53,6 +61,7 @@ Nodes::Nodes() {
         Node& node = _nodes[path];
         node.simPath = "sim:simcam-" + key;
         node.io = makeDeviceIo(node.simPath, entry);
+        node.sensor = sim::findSensor(node.simPath);
         node.minor = minor++;
     }
 }
@@ -74,6 +83,12 @@ bool Nodes::owns(int fd) const {
     return _files.count(fd) != 0;
 }
 
+int Nodes::eventDescriptor(int fd) const {
+    std::lock_guard<std::mutex> lock(_mutex);
+    auto it = _files.find(fd);
+    return it == _files.end() ? -1 : it->second->eventFd;
+}
+
 bool Nodes::mapped(const void* address) const {
     std::lock_guard<std::mutex> lock(_mutex);
     return _mappings.count(address) != 0;
@@ -83,9 +98,12 @@ int Nodes::open(const std::string& path, int flags) {
     const Node& node = _nodes.at(path);
     const int simFd = node.io->open(node.simPath, flags);
     if (simFd == -1) return -1;
-    const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (fd == -1) {
+    // The descriptor carries the file's status flags: fcntl reads and changes O_NONBLOCK on it.
+    const int fd = eventfd(0, EFD_CLOEXEC | ((flags & O_NONBLOCK) ? EFD_NONBLOCK : 0));
+    const int eventFd = fd == -1 ? -1 : eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (eventFd == -1) {
         const int error = errno;
+        if (fd != -1) realClose(fd);
         node.io->close(simFd);
         errno = error;
         return -1;
@@ -93,6 +111,7 @@ int Nodes::open(const std::string& path, int flags) {
     auto file = std::make_shared<OpenFile>();
     file->node = &node;
     file->simFd = simFd;
+    file->eventFd = eventFd;
     std::lock_guard<std::mutex> lock(_mutex);
     _files[fd] = file;
     refresh(fd, *file);
@@ -100,16 +119,18 @@ int Nodes::open(const std::string& path, int flags) {
     return fd;
 }
 
+void Nodes::refreshEvents(const Node& node) {
+    for (auto& [fd, file] : _files) {
+        if (file->node != &node) continue;
+        const bool pending = node.sensor->eventPending(file->simFd);
+        if (pending != file->eventSignalled && setReadable(file->eventFd, pending)) file->eventSignalled = pending;
+    }
+}
+
 void Nodes::refresh(int fd, OpenFile& file) {
     timeval zero{0, 0};
     const bool readable = file.node->io->select(file.simFd, &zero) == 1;
-    if (readable == file.readable) return;
-    uint64_t value = 1;
-    if (readable) {
-        if (::write(fd, &value, sizeof value) != sizeof value) return;
-    } else if (::read(fd, &value, sizeof value) != sizeof value) {
-        return;
-    }
+    if (readable == file.readable || !setReadable(fd, readable)) return;
     file.readable = readable;
     _changed.notify_all();
 }
@@ -144,6 +165,7 @@ int Nodes::close(int fd) {
     lock.unlock();
     file->watcher.join();
     file->node->io->close(file->simFd);
+    realClose(file->eventFd);
     return realClose(fd);
 }
 
@@ -151,10 +173,13 @@ int Nodes::ioctl(int fd, unsigned long request, void* argument) {
     std::unique_lock<std::mutex> lock(_mutex);
     const std::shared_ptr<OpenFile> file = _files.at(fd);
     lock.unlock();
+    // A blocking DQBUF or DQEVENT waits unless fcntl has made the descriptor non-blocking since.
+    file->node->sensor->setStatusFlags(file->simFd, ::fcntl(fd, F_GETFL));
     const int result = file->node->io->ioctl(file->simFd, request, argument);
     const int error = errno;
     lock.lock();
     if (!file->stop) refresh(fd, *file);
+    refreshEvents(*file->node);
     errno = error;
     return result;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "io/DeviceIo.h"
+#include "sim/SimulatedSensor.h"
 
 #include <sys/stat.h>
 
@@ -27,6 +28,9 @@ public:
     bool serves(const char* path) const;
     bool owns(int fd) const;
     bool mapped(const void* address) const;
+    // The hidden descriptor that is readable exactly while `fd` has control events to dequeue;
+    // -1 when `fd` is no open node.
+    int eventDescriptor(int fd) const;
 
     int open(const std::string& path, int flags);
     int close(int fd);
@@ -42,18 +46,22 @@ private:
     struct Node {
         std::string simPath;  // the sensor's "sim:" path
         std::shared_ptr<DeviceIo> io;
+        std::shared_ptr<sim::SimulatedSensor> sensor;  // the one `io` serves, asked for pending events
         unsigned minor = 0;
     };
     struct OpenFile {
         const Node* node = nullptr;
         int simFd = -1;
+        int eventFd = -1;  // readable while an event is pending
         bool readable = false;
+        bool eventSignalled = false;
         bool stop = false;
         std::thread watcher;
     };
 
     void watch(int fd, OpenFile& file);
     void refresh(int fd, OpenFile& file);  // under _mutex
+    void refreshEvents(const Node& node);  // under _mutex: a write on one file queues events on others
 
     std::map<std::string, Node> _nodes;
     mutable std::mutex _mutex;
@@ -61,6 +69,9 @@ private:
     std::map<int, std::shared_ptr<OpenFile>> _files;  // by the real descriptor handed out
     std::map<const void*, const Node*> _mappings;     // address -> the node whose buffer it is
 };
+
+// Drops what the epoll calls recorded about `fd`, a node or an epoll instance being closed.
+void forgetWaits(int fd);
 
 // The process's nodes, made on first use; null while they are being made (the configuration
 // is read through the interposed calls) and when none is configured.

@@ -2,7 +2,8 @@
 // programs. Configured node paths are served by the in-process simulated sensor; every other
 // path and descriptor goes to the C library untouched.
 //
-// Each open of a node gets a real descriptor (an eventfd) that select, poll and epoll watch: a
+// Each open of a node gets a real descriptor (an eventfd) that select, poll and epoll watch (for
+// pending events too, see SimCamWait.cpp): a
 // watcher thread per open file keeps it readable exactly while the sensor would report the node
 // readable, and every request on it re-evaluates that at once, so a dequeued frame does not
 // leave the descriptor readable. stat and fstat describe a character device of the video major,
@@ -71,7 +72,7 @@ int __open64_2(const char* path, int flags) { return open(path, flags); }
 int openat(int dirfd, const char* path, int flags, ...) {
     READ_CREATION_MODE(flags)
     Nodes* n = nodes();
-    if (n && path && path[0] == '/' && n->serves(path)) return n->open(path, flags);
+    if (n && n->serves(path) && path[0] == '/') return n->open(path, flags);
     static auto f = next<int (*)(int, const char*, int, ...)>("openat");
     return f(dirfd, path, flags, mode);
 }
@@ -79,6 +80,7 @@ int openat(int dirfd, const char* path, int flags, ...) {
 int openat64(int dirfd, const char* path, int flags, ...) __attribute__((alias("openat")));
 
 int close(int fd) {
+    ruvo::capture::simcam::forgetWaits(fd);
     Nodes* n = nodes();
     if (n && n->owns(fd)) return n->close(fd);
     static auto f = next<int (*)(int)>("close");

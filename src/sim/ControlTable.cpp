@@ -32,7 +32,18 @@ ControlTable::ControlTable(float fps) {
         static_cast<int32_t>(std::lround(kDefaultExposureSeconds * 1e6 / kExposureUnitMicroseconds));
     ControlInfo luminance = integer(CID_AVG_LUMINANCE, "Average Luminance", 0, kLuminanceMaximum, 0);
     luminance.flags = V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_VOLATILE;
+    // Every control is in the user class, which the kernel's control framework heads with a
+    // class control that can be neither read nor written.
+    const ControlInfo userClass{V4L2_CID_USER_CLASS,
+                                "User Controls",
+                                V4L2_CTRL_TYPE_CTRL_CLASS,
+                                0,
+                                0,
+                                0,
+                                0,
+                                V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY};
     _infos = {
+        userClass,
         integer(CID_EXPOSURE, "Exposure", 1, framePeriodLines, std::min(defaultLines, framePeriodLines)),
         integer(CID_GAIN, "Analogue Gain", 0, 2047, 128),
         boolean(CID_HFLIP, "Horizontal Flip"),
@@ -69,11 +80,13 @@ int32_t ControlTable::value(uint32_t id) const {
     return _values[static_cast<size_t>(info - _infos.data())];
 }
 
-int32_t ControlTable::set(uint32_t id, int32_t requested) {
+int32_t ControlTable::clamp(uint32_t id, int32_t requested) const {
     const ControlInfo* info = find(id);
     if (!info) throw std::out_of_range("no sensor control " + std::to_string(id));
     int64_t v = requested;
-    if (info->type == V4L2_CTRL_TYPE_BOOLEAN) {
+    if (info->type == V4L2_CTRL_TYPE_CTRL_CLASS) {
+        v = 0;  // a heading holds no value
+    } else if (info->type == V4L2_CTRL_TYPE_BOOLEAN) {
         v = requested != 0;
     } else {
         // Clamp, then round to the nearest step counted from the minimum, as the kernel does.
@@ -82,8 +95,13 @@ int32_t ControlTable::set(uint32_t id, int32_t requested) {
         v = info->minimum + info->step * ((offset + info->step / 2) / info->step);
         if (v > info->maximum) v -= info->step;
     }
-    _values[static_cast<size_t>(info - _infos.data())] = static_cast<int32_t>(v);
     return static_cast<int32_t>(v);
+}
+
+int32_t ControlTable::set(uint32_t id, int32_t requested) {
+    const int32_t v = clamp(id, requested);
+    _values[static_cast<size_t>(find(id) - _infos.data())] = v;
+    return v;
 }
 
 void DelayedValue::schedule(int32_t value, uint64_t nextFrame, uint32_t delay) {

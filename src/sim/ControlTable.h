@@ -13,7 +13,7 @@ namespace sim {
 struct ControlInfo {
     uint32_t id = 0;
     const char* name = "";
-    uint32_t type = 0;  // V4L2_CTRL_TYPE_INTEGER or V4L2_CTRL_TYPE_BOOLEAN
+    uint32_t type = 0;  // V4L2_CTRL_TYPE_INTEGER, _BOOLEAN, or _CTRL_CLASS for the class heading
     int32_t minimum = 0, maximum = 0, step = 1, defaultValue = 0;
     uint32_t flags = 0;  // V4L2_CTRL_FLAG_*
 };
@@ -38,8 +38,10 @@ public:
 
     // Current value; the id must name a control.
     int32_t value(uint32_t id) const;
-    // Stores `requested` clamped to the range and rounded to the step (booleans become 0 or 1)
-    // and returns the stored value. Read-only controls are the caller's to refuse.
+    // `requested` clamped to the range and rounded to the step (booleans become 0 or 1): the
+    // value a write of `requested` stores.
+    int32_t clamp(uint32_t id, int32_t requested) const;
+    // Stores clamp(id, requested) and returns it. Read-only controls are the caller's to refuse.
     int32_t set(uint32_t id, int32_t requested);
 
 private:

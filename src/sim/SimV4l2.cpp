@@ -91,7 +91,21 @@ int SimulatedSensor::dispatch(std::unique_lock<std::mutex>& lock, int fd, unsign
         case VIDIOC_G_CTRL:
             return getControl(static_cast<v4l2_control*>(argument));
         case VIDIOC_S_CTRL:
-            return setControl(static_cast<v4l2_control*>(argument));
+            return setControl(fd, static_cast<v4l2_control*>(argument));
+        case VIDIOC_QUERY_EXT_CTRL:
+            return queryExtControl(static_cast<v4l2_query_ext_ctrl*>(argument));
+        case VIDIOC_QUERYMENU:
+            return queryMenu(static_cast<const v4l2_querymenu*>(argument));
+        case VIDIOC_G_EXT_CTRLS:
+        case VIDIOC_S_EXT_CTRLS:
+        case VIDIOC_TRY_EXT_CTRLS:
+            return extControls(fd, request, static_cast<v4l2_ext_controls*>(argument));
+        case VIDIOC_SUBSCRIBE_EVENT:
+            return subscribeEvent(fd, static_cast<const v4l2_event_subscription*>(argument));
+        case VIDIOC_UNSUBSCRIBE_EVENT:
+            return unsubscribeEvent(fd, static_cast<const v4l2_event_subscription*>(argument));
+        case VIDIOC_DQEVENT:
+            return dequeueEvent(lock, fd, static_cast<v4l2_event*>(argument));
         default:
             return coreRequest(fd, request, argument);
     }
@@ -272,46 +286,37 @@ int SimulatedSensor::streamOff(std::unique_lock<std::mutex>& lock, int fd, const
     return 0;
 }
 
+// The extended query's answer in the older record, as the kernel derives it.
 int SimulatedSensor::queryControl(v4l2_queryctrl* query) const {
-    const uint32_t flags = V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND;
-    const ControlInfo* info =
-        (query->id & V4L2_CTRL_FLAG_NEXT_CTRL) ? _controls.next(query->id & ~flags) : _controls.find(query->id);
-    if (!info) return EINVAL;
+    v4l2_query_ext_ctrl extended{};
+    extended.id = query->id;
+    if (const int error = queryExtControl(&extended)) return error;
     std::memset(query, 0, sizeof *query);
-    query->id = info->id;
-    query->type = info->type;
-    copyName(query->name, sizeof query->name, info->name);
-    query->minimum = info->minimum;
-    query->maximum = info->maximum;
-    query->step = info->step;
-    query->default_value = info->defaultValue;
-    query->flags = info->flags;
+    query->id = extended.id;
+    query->type = extended.type;
+    std::memcpy(query->name, extended.name, sizeof query->name);
+    query->minimum = static_cast<int32_t>(extended.minimum);
+    query->maximum = static_cast<int32_t>(extended.maximum);
+    query->step = static_cast<int32_t>(extended.step);
+    query->default_value = static_cast<int32_t>(extended.default_value);
+    query->flags = extended.flags;
     return 0;
 }
 
 int SimulatedSensor::getControl(v4l2_control* control) const {
-    if (!_controls.find(control->id)) return EINVAL;
-    control->value = _controls.value(control->id);
+    const ControlInfo* info = findControl(control->id);
+    if (!info) return EINVAL;
+    if (info->flags & V4L2_CTRL_FLAG_WRITE_ONLY) return EACCES;
+    control->value = _controls.value(info->id);
     return 0;
 }
 
-int SimulatedSensor::setControl(v4l2_control* control) {
-    const ControlInfo* info = _controls.find(control->id);
+int SimulatedSensor::setControl(int fd, v4l2_control* control) {
+    const ControlInfo* info = findControl(control->id);
     if (!info) return EINVAL;
     if (info->flags & V4L2_CTRL_FLAG_READ_ONLY) return EACCES;
-    control->value = _controls.set(control->id, control->value);
-    // Exposure and gain are latched by the sensor a number of frames after the write; while it
-    // is not streaming, the next frame sees them.
-    DelayedValue* delayed = control->id == sensor::CID_EXPOSURE ? &_exposure
-                            : control->id == sensor::CID_GAIN   ? &_gain
-                                                                : nullptr;
-    if (delayed) {
-        const uint32_t delay = control->id == sensor::CID_EXPOSURE ? _config.exposureDelay : _config.gainDelay;
-        if (_streaming)
-            delayed->schedule(control->value, _nextFrame, delay);
-        else
-            delayed->reset(control->value);
-    }
+    writeControl(fd, *info, control->value);
+    control->value = _controls.value(info->id);
     return 0;
 }
 

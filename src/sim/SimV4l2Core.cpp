@@ -30,6 +30,14 @@ bool SimulatedSensor::knownRequest(unsigned long request) {
         case VIDIOC_QUERYCTRL:
         case VIDIOC_G_CTRL:
         case VIDIOC_S_CTRL:
+        case VIDIOC_QUERY_EXT_CTRL:
+        case VIDIOC_QUERYMENU:
+        case VIDIOC_G_EXT_CTRLS:
+        case VIDIOC_S_EXT_CTRLS:
+        case VIDIOC_TRY_EXT_CTRLS:
+        case VIDIOC_SUBSCRIBE_EVENT:
+        case VIDIOC_UNSUBSCRIBE_EVENT:
+        case VIDIOC_DQEVENT:
         case VIDIOC_G_PRIORITY:
         case VIDIOC_S_PRIORITY:
         case VIDIOC_ENUMINPUT:
@@ -50,6 +58,7 @@ int SimulatedSensor::checkPriority(int fd, unsigned long request) const {
         case VIDIOC_STREAMON:
         case VIDIOC_STREAMOFF:
         case VIDIOC_S_CTRL:
+        case VIDIOC_S_EXT_CTRLS:
         case VIDIOC_S_INPUT:
             return _files.at(fd).priority < highestPriority() ? EBUSY : 0;
         default:

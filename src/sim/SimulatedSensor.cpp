@@ -80,13 +80,14 @@ int SimulatedSensor::open(const std::string& path, int flags) {
     if (path != _path) return fail(ENOENT);
     if (flags & (O_CREAT | O_DIRECTORY)) return fail(flags & O_CREAT ? EEXIST : ENOTDIR);
     const int fd = nextDescriptor.fetch_add(1);
-    _files[fd] = OpenFile{flags};
+    _files[fd].flags = flags;
     return fd;
 }
 
 int SimulatedSensor::close(int fd) {
     std::unique_lock<std::mutex> lock(_mutex);
     if (_files.erase(fd) == 0) return fail(EBADF);
+    _frameCv.notify_all();  // a DQEVENT waiting on this descriptor returns
     // Closing the descriptor that owns the buffers stops streaming and frees them, as the
     // kernel's queue release does; this works on a disconnected device too.
     if (fd == _owner) {

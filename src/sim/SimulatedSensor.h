@@ -17,6 +17,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -50,6 +51,10 @@ public:
     // length runs past it, or the queue is not memory-mapped.
     void* mmap(int fd, size_t length, off_t offset);
     int munmap(void* address, size_t length);
+    // Takes the O_NONBLOCK of `flags` as the descriptor's, as fcntl(F_SETFL) changes it.
+    void setStatusFlags(int fd, int flags);
+    // Whether `fd` has events to dequeue (VIDIOC_DQEVENT), which poll reports as POLLPRI.
+    bool eventPending(int fd) const;
 
     // --- Frame clock. ---
     // Exposes `frames` frames now, on the caller's thread: each fills the oldest queued buffer,
@@ -104,6 +109,9 @@ private:
     struct OpenFile {
         int flags = 0;
         uint32_t priority = V4L2_PRIORITY_DEFAULT;
+        std::map<uint32_t, uint32_t> controlEvents;  // subscribed control id -> V4L2_EVENT_SUB_FL_*
+        std::deque<struct v4l2_event> events;        // queued, oldest first
+        uint32_t eventSequence = 0;                  // of the next event queued
     };
     struct Mapping {
         MappedMemory memory;
@@ -128,8 +136,20 @@ private:
     int streamOff(std::unique_lock<std::mutex>& lock, int fd, const int* type);
     int queryControl(struct v4l2_queryctrl* query) const;
     int getControl(struct v4l2_control* control) const;
-    int setControl(struct v4l2_control* control);
+    int setControl(int fd, struct v4l2_control* control);
     int checkOwner(int fd) const;
+    // Extended controls and control events (SimV4l2Controls.cpp).
+    const ControlInfo* findControl(uint32_t id) const;
+    const ControlInfo* lookUpControl(uint32_t id) const;
+    int queryExtControl(struct v4l2_query_ext_ctrl* query) const;
+    int queryMenu(const struct v4l2_querymenu* menu) const;
+    int extControls(int fd, unsigned long request, struct v4l2_ext_controls* controls);
+    int checkExtControls(unsigned long request, struct v4l2_ext_controls& controls) const;
+    void writeControl(int fd, const ControlInfo& info, int32_t value);
+    void queueControlEvent(OpenFile& file, const ControlInfo& info, uint32_t changes);
+    int subscribeEvent(int fd, const struct v4l2_event_subscription* subscription);
+    int unsubscribeEvent(int fd, const struct v4l2_event_subscription* subscription);
+    int dequeueEvent(std::unique_lock<std::mutex>& lock, int fd, struct v4l2_event* event);
     // The kernel's V4L2 core (SimV4l2Core.cpp).
     static bool knownRequest(unsigned long request);
     int checkPriority(int fd, unsigned long request) const;
