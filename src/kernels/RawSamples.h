@@ -138,28 +138,37 @@ struct RawUnpack {
         out[static_cast<size_t>(ty) * width + tx] = toPipelineScale(value, bits);
     }
 
-    // Output row ty: the delivered row converted group by group in place order (a loop the host
-    // vectoriser takes: the lanes of a group are constants, the scale is two shifts fixed for the
-    // row, and the rows do not overlap), then moved left by the column offset with the last sample
-    // taken from two columns before it.
-    void row(unsigned ty) const {
-        const uint8_t* __restrict__ src = in + shiftedIndex(ty, rowOffset, height) * inStride;
-        uint16_t* __restrict__ dst = out + static_cast<size_t>(ty) * width;
+    const uint8_t* sourceRow(unsigned ty) const { return in + shiftedIndex(ty, rowOffset, height) * inStride; }
+    uint16_t* outputRow(unsigned ty) const { return out + static_cast<size_t>(ty) * width; }
+
+    // Samples of groups firstGroup onwards of a delivered row converted in place order (a loop the
+    // host vectoriser takes: the lanes of a group are constants, the scale is two shifts fixed for
+    // the row, and the rows do not overlap).
+    void convertGroups(const uint8_t* __restrict__ src, uint16_t* __restrict__ dst, size_t firstGroup) const {
         const unsigned mask = (1u << bits) - 1u;
         const unsigned up = bits <= 14 ? 14 - bits : 0;
         const unsigned down = bits <= 14 ? 0 : bits - 14;
         const size_t groups = width / Samples::kGroup;
-        for (size_t g = 0; g < groups; ++g) {
+        for (size_t g = firstGroup; g < groups; ++g) {
             unsigned v[Samples::kGroup];
             Samples::readGroup(src, g, v);
             for (size_t lane = 0; lane < Samples::kGroup; ++lane) {
                 dst[g * Samples::kGroup + lane] = static_cast<uint16_t>(((v[lane] & mask) << up) >> down);
             }
         }
-        if (columnOffset != 0) {
-            std::memmove(dst, dst + 1, (width - 1) * sizeof(uint16_t));
-            dst[width - 1] = dst[width - 3];
-        }
+    }
+    // A converted row moved left by the column offset, the last sample taken from two columns
+    // before it.
+    void shiftColumns(uint16_t* dst) const {
+        if (columnOffset == 0) return;
+        std::memmove(dst, dst + 1, (width - 1) * sizeof(uint16_t));
+        dst[width - 1] = dst[width - 3];
+    }
+    // Output row ty.
+    void row(unsigned ty) const {
+        uint16_t* dst = outputRow(ty);
+        convertGroups(sourceRow(ty), dst, 0);
+        shiftColumns(dst);
     }
 };
 
