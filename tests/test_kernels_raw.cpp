@@ -101,6 +101,34 @@ INSTANTIATE_TEST_SUITE_P(Storage, SampleLayouts,
                                            RawLayout{BayerOrder::kBGGR, SampleStorage::kWords, 16}),
                          [](const auto& info) { return layoutName(info.param); });
 
+// The CUDA build converts one sample per thread (operator()), the host build row by row; the
+// per-sample path is run here on the CPU for every storage and order against the row path.
+TEST(RawUnpackPaths, PerSampleThreadsMatchTheRowConversion) {
+    for (const RawLayout storage : {RawLayout{BayerOrder::kBGGR, SampleStorage::kBytes, 8},
+                                    RawLayout{BayerOrder::kBGGR, SampleStorage::kWords, 12},
+                                    RawLayout{BayerOrder::kBGGR, SampleStorage::kCsi2Packed10, 10},
+                                    RawLayout{BayerOrder::kBGGR, SampleStorage::kCsi2Packed12, 12}}) {
+        for (BayerOrder order : {BayerOrder::kBGGR, BayerOrder::kGBRG, BayerOrder::kGRBG, BayerOrder::kRGGB}) {
+            const RawLayout layout{order, storage.storage, storage.bits};
+            const size_t stride = k::packedRowBytes(layout.storage, kSmall.width) + 8;
+            const std::vector<uint8_t> bytes =
+                packFrame(layout.storage, randomValues(layout.bits, 11), kSmall.width, kSmall.height, stride);
+            std::vector<uint16_t> rows(kPixels), threads(kPixels);
+            k::visitRawUnpack(layout, bytes.data(), stride, rows.data(), kSmall.width, kSmall.height,
+                              [](const auto& unpack) {
+                                  for (unsigned ty = 0; ty < unpack.height; ++ty) unpack.row(ty);
+                              });
+            k::visitRawUnpack(layout, bytes.data(), stride, threads.data(), kSmall.width, kSmall.height,
+                              [](const auto& unpack) {
+                                  for (unsigned ty = 0; ty < unpack.height; ++ty) {
+                                      for (unsigned tx = 0; tx < unpack.width; ++tx) unpack(tx, ty);
+                                  }
+                              });
+            ASSERT_EQ(threads, rows) << layoutName(layout);
+        }
+    }
+}
+
 // An image of 6 x 4 flat patches (10-bit r, g, b per pixel) and its YUV_ONLY output in `order`.
 struct Rgb10 {
     uint16_t r, g, b;
