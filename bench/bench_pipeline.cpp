@@ -1,9 +1,12 @@
 // Throughput of the image pipeline: one cudaISP run (and its stream synchronisation) for every
 // output configuration, both demosaic modes and the four processed sizes, on one thread and on all
 // threads (host build; the CUDA build runs on the GPU whatever the thread count). Names read
-// pipeline/<configuration>/<mode>/<size>/threads:<n>; filter with --benchmark_filter. The
+// pipeline/<configuration>/<mode>/<size>/threads:<n>; filter with --benchmark_filter. GB/s counts the
+// bytes the plan moves (raw frame read, every output written, every intermediate read again); the
+// CUDA build adds the device's peak memory bandwidth to the context (device_peak_GB/s). The
 // delivered sample layouts are timed with their conversion included, YUV_ONLY bilinear:
 // layout/<layout>/<size>/threads:<n>.
+#include "isp/IspPlan.h"
 #include "isp/RawUnpack.h"
 #include "support/GpuPresence.h"
 #include "support/kernel_buffers.h"
@@ -34,6 +37,25 @@ const char* const kConfigurationNames[] = {"YUV_ONLY",
                                            "NO_DEMOSAIC_RGB",
                                            "RGB_ONLY"};
 
+namespace k = ruvo::capture::kernels;
+
+double bytesPerRun(int configuration, cap::CUDADemosaicMode mode, ProcessedSize size) {
+    const k::IspPlan plan = k::planIsp(configuration, mode);
+    double bytes = 2.0 * size.width * size.height;
+    for (int i = 0; i < plan.count; ++i) {
+        const k::PlannedLaunch& launch = plan.launches[i];
+        for (int slot = 0; slot < 3; ++slot) {
+            if (launch.outputs[slot] != k::kNoTarget) {
+                bytes += static_cast<double>(k::launchOutputBytes(launch, slot, size.width, size.height));
+            }
+        }
+        if (launch.input != k::kNoTarget) {
+            bytes += static_cast<double>(k::planOutputBytes(plan, launch.input, size.width, size.height));
+        }
+    }
+    return bytes;
+}
+
 void runPipeline(benchmark::State& state, int configuration, cap::CUDADemosaicMode mode, ProcessedSize size,
                  int threads) {
     std::string reason;
@@ -51,6 +73,22 @@ void runPipeline(benchmark::State& state, int configuration, cap::CUDADemosaicMo
         benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
     state.counters["Mpixel/s"] = benchmark::Counter(
         static_cast<double>(state.iterations()) * size.width * size.height / 1e6, benchmark::Counter::kIsRate);
+    state.counters["GB/s"] =
+        benchmark::Counter(static_cast<double>(state.iterations()) * bytesPerRun(configuration, mode, size) / 1e9,
+                           benchmark::Counter::kIsRate);
+}
+
+// Peak memory bandwidth of device 0 from its memory clock and bus width (double data rate).
+void addDevicePeak() {
+#ifdef RUVO_CUDA_BUILD
+    int clockKHz = 0, busBits = 0;
+    if (cudaDeviceGetAttribute(&clockKHz, cudaDevAttrMemoryClockRate, 0) != cudaSuccess ||
+        cudaDeviceGetAttribute(&busBits, cudaDevAttrGlobalMemoryBusWidth, 0) != cudaSuccess) {
+        (void)cudaGetLastError();
+        return;
+    }
+    benchmark::AddCustomContext("device_peak_GB/s", std::to_string(2.0 * clockKHz * 1e3 * busBits / 8 / 1e9));
+#endif
 }
 
 namespace k = ruvo::capture::kernels;
@@ -135,6 +173,7 @@ void registerAll() {
 int main(int argc, char** argv) {
     registerAll();
     registerLayouts();
+    addDevicePeak();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();

@@ -10,6 +10,7 @@ packages=(
   gnuplot-nox
   libopencv-core-dev libopencv-imgproc-dev
   clang libclang-rt-14-dev libomp-dev clang-format
+  v4l-utils
 )
 
 if [[ "${RUVO_SKIP_APT:-0}" == "1" ]]; then

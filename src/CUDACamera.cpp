@@ -154,41 +154,42 @@ void CUDACamera::stop() {
 void CUDACamera::deinit_device() { deinit_mem(); }
 
 void CUDACamera::init_mem(const v4l2_format& format) {
-    v4l2_requestbuffers request{};
-    request.count = _params.bufferPoolSize;
-    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    request.memory = V4L2_MEMORY_USERPTR;
-    if (xioctl(VIDIOC_REQBUFS, &request) == -1) {
-        if (errno == EINVAL) throw CaptureDeviceException(_params.path + " does not support user pointer I/O");
-        throw CaptureDeviceException("VIDIOC_REQBUFS");
-    }
+    const uint32_t granted = requestBuffers();
     const uint32_t W = format.fmt.pix.width;
     const uint32_t H = format.fmt.pix.height;
     const uint32_t C = paddedHeight(H);
     if (_params.bufferPoolSize == 0) return;
 
-    for (uint32_t i = 0; i < _params.bufferPoolSize; ++i) {
+    // Buckets beyond the count the driver granted stay without memory and are never queued.
+    for (uint32_t i = 0; i < granted; ++i) {
         Bucket& bucket = _buckets[i];
         bucket.status = Bucket::FREE;
         CUDA_CHECK(cudaStreamCreateWithFlags(&_buckets[i].stream, cudaStreamNonBlocking));
-        CUDABuffer& buf = bucket.cudaIn;
-        buf.size = W * C * 2;
-        buf.length = W * C;
-        CUDA_CHECK(cudaMallocManaged((void**)&buf.host, buf.size, cudaMemAttachGlobal));
-        buf.device = buf.host;
         bucket.width = W;
         bucket.height = H;
         bucket.cuda_height = C;
         bucket.index = i;
+        if (_memoryType == V4L2_MEMORY_MMAP) mapDriverBuffer(bucket, C);
+        CUDABuffer& buf = bucket.cudaIn;
+        if (!buf.host) {
+            buf.size = W * C * 2;
+            buf.length = W * C;
+            CUDA_CHECK(cudaMallocManaged((void**)&buf.host, buf.size, cudaMemAttachGlobal));
+            buf.device = buf.host;
+            // The input belongs to the bucket's stream alone. Globally attached, the CPU could not
+            // touch it while any stream's kernels run on a device without concurrent managed access,
+            // yet the driver (or the simulated sensor, from its own thread) fills a queued bucket's
+            // input while other buckets are processed.
+            CUDA_CHECK(cudaStreamAttachMemAsync(bucket.stream, buf.device, 0, cudaMemAttachSingle));
+            CUDA_CHECK(cudaStreamSynchronize(bucket.stream));
+            // The driver is told the visible size; the padding rows lie beyond what it writes. The
+            // pipeline reads them (the bottom rows' neighbourhoods, the histogram, the metering), so
+            // they are zeroed once here rather than left with whatever the allocator handed back.
+            std::memset(static_cast<unsigned char*>(buf.host) + static_cast<size_t>(W) * H * 2, 0,
+                        static_cast<size_t>(W) * (C - H) * 2);
+        }
         allocateOutputs(bucket, W, C, H);
-        // The driver is told the visible size; the padding rows lie beyond what it writes. The
-        // pipeline reads them (the bottom rows' neighbourhoods, the histogram, the metering), so they
-        // are zeroed once here rather than left with whatever the allocator handed back.
-        std::memset(static_cast<unsigned char*>(buf.host) + static_cast<size_t>(W) * H * 2, 0,
-                    static_cast<size_t>(W) * (C - H) * 2);
-        bucket.v4l2.data = bucket.cudaIn.host;
-        bucket.v4l2.size = W * H * 2;
-        bucket.v4l2.length = W * H;
+        if (_memoryType == V4L2_MEMORY_USERPTR) attachUserBuffer(bucket);
     }
 }
 
@@ -255,6 +256,7 @@ void CUDACamera::allocateOutputs(Bucket& bucket, uint32_t W, uint32_t C, uint32_
 void CUDACamera::deinit_mem() {
     for (Bucket& bucket : _buckets) {
         if (bucket.status == Bucket::INVALID) continue;
+        releaseDriverBuffer(bucket);
         if (bucket.cudaIn.host) {
             CUDA_CHECK(cudaFree(bucket.cudaIn.host));
             bucket.cudaIn.host = bucket.cudaIn.device = nullptr;
@@ -299,19 +301,28 @@ CUDACamera::Bucket* CUDACamera::read() {
 
     v4l2_buffer buf{};
     buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buf.memory = V4L2_MEMORY_USERPTR;
+    buf.memory = _memoryType;
     if (xioctl(VIDIOC_DQBUF, &buf) == -1) {
         if (errno == EAGAIN) return nullptr;
         throw CaptureDeviceException("VIDIOC_DQBUF: " + errnoText(errno));
     }
-    assert(buf.index < _buckets.size());
+    assert(buf.index < _buckets.size() && _buckets[buf.index].status == Bucket::FREE);
     Bucket& bucket = _buckets[buf.index];
     bucket.status = Bucket::USED;
     bucket.timestamp = std::chrono::time_point_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now());
     try {
+        if (!acceptFrame(buf, bucket)) {
+            // A damaged frame goes straight back to the driver, undelivered.
+            release(bucket.index);
+            return nullptr;
+        }
+        if (bucket.v4l2.data != bucket.cudaIn.host) copyIn(bucket);
         process(bucket);
     } catch (...) {
-        // A frame that fails on its way goes back at once, so that stop() never waits for it.
+        // A frame that fails on its way goes back at once, so that stop() never waits for it; its
+        // kernels already enqueued finish first, so that none reads the input while it is refilled.
+        // A failure of the wait itself adds nothing to the one being reported.
+        (void)cudaStreamSynchronize(bucket.stream);
         try {
             release(bucket.index);
         } catch (const std::exception&) {  // the bucket counts as back even when the driver is gone
@@ -392,7 +403,7 @@ void CUDACamera::release(unsigned bucketIndex) {
     v4l2_buffer buf{};
     buf.index = bucketIndex;
     buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buf.memory = V4L2_MEMORY_USERPTR;
+    buf.memory = _memoryType;
     Bucket& bucket = _buckets[bucketIndex];
     if (xioctl(VIDIOC_QUERYBUF, &buf) == -1) {
         // No client holds the bucket any more: count it as back so that stop() can finish on a
@@ -402,13 +413,11 @@ void CUDACamera::release(unsigned bucketIndex) {
         throw CaptureDeviceException("VIDIOC_QUERYBUF");
     }
     bucket.status = Bucket::FREE;
-    // The driver reports the queued pointer and length once the buffer was queued; give them anyway.
-    buf.m.userptr = reinterpret_cast<unsigned long>(bucket.v4l2.data);
-    buf.length = bucket.v4l2.size;
-    if (xioctl(VIDIOC_QBUF, &buf) == -1) {
-        const int error = errno;
+    try {
+        queueBuffer(bucket, "VIDIOC_QBUF: ");
+    } catch (...) {
         _releaseEvent.set();  // the bucket is back with the camera, if not with the driver
-        throw CaptureDeviceException("VIDIOC_QBUF: " + errnoText(error));
+        throw;
     }
     _releaseEvent.set();
 }

@@ -35,11 +35,17 @@ class CUDACamera {
 public:
     using Params = CUDACameraParams;
 
-    // User-pointer buffer handed to the driver.
+    // The memory the driver writes a frame into: the bucket's raw input itself, or, when the
+    // driver's rows are padded or its buffer cannot be read by the pipeline where it lies, a
+    // buffer whose rows are copied into the raw input after each dequeue.
     struct V4L2Buffer {
         void* data = nullptr;
-        uint32_t size = 0;    // bytes the driver writes
-        uint32_t length = 0;  // pixels
+        uint32_t size = 0;        // bytes queued (user pointers) or mapped (memory-mapped)
+        uint32_t length = 0;      // pixels
+        uint32_t stride = 0;      // bytes from one row to the next, as the driver writes them
+        bool mapped = false;      // the driver's buffer, mapped into this process
+        bool registered = false;  // registered with the CUDA runtime: the raw input reads it in place
+        bool staging = false;     // the camera's own memory apart from the raw input
     };
 
     // Managed allocation: one address for host and device.
@@ -150,6 +156,14 @@ private:
     void open_device();
     void init_device();
     void init_mem(const v4l2_format& format);
+    // Driver buffers (CUDACameraBuffers.cpp).
+    uint32_t requestBuffers();
+    void mapDriverBuffer(Bucket& bucket, uint32_t cudaHeight);
+    void attachUserBuffer(Bucket& bucket);
+    void releaseDriverBuffer(Bucket& bucket);
+    void queueBuffer(Bucket& bucket, const char* context);
+    bool acceptFrame(const v4l2_buffer& buf, Bucket& bucket);
+    void copyIn(Bucket& bucket) const;
     void deinit_mem();
     void deinit_device();
     void start_capturing();
@@ -205,6 +219,12 @@ private:
     metering::MeteringScratch _meteringScratch;  // metering state, reused frame to frame
     float _aeMeteredY = 0.0f;       // luminance (0..1) that the last automatic exposure evaluation measured
     std::shared_ptr<DeviceIo> _io;  // the only way to the device node
+    uint32_t _memoryType = V4L2_MEMORY_USERPTR;  // the queue's, as granted at REQBUFS
+    uint32_t _bytesPerLine = 0;                  // of the driver's format
+    uint32_t _sizeImage = 0;
+    int64_t _nextSequence = -1;  // the driver sequence expected next; -1 before the first frame
+    uint64_t _droppedFrames = 0;
+    uint64_t _errorBuffers = 0;
 };
 
 }  // namespace capture

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <string>
 
 namespace ruvo {
 namespace capture {
@@ -31,6 +32,11 @@ void validate(const Controls& c) {
     }
     if (c.outputBuffersConfIndex >= CUDA_OUTPUT_BUFFER_CONFIG.size()) {
         throw CaptureDeviceException("Output buffer configuration index out of range");
+    }
+    // The kernels run for the index and write into the buffers of the list: they must agree.
+    if (CUDA_OUTPUT_BUFFER_CONFIG[c.outputBuffersConfIndex] != c.outputBuffers) {
+        throw CaptureDeviceException("Output buffer configuration index " + std::to_string(c.outputBuffersConfIndex) +
+                                     " does not match the output buffer list");
     }
     // Gammas, gains and targets reach per-pixel powers and register conversions: only numbers.
     for (float v : {c.awb.gammaRed, c.awb.gammaGreen, c.awb.gammaBlue, c.awb.gammaCr, c.awb.gammaCb,

@@ -60,10 +60,13 @@ void CUDACamera::init_device() {
         if (errno == EINVAL) throw CaptureDeviceException(_params.path + " is not a V4L2 device");
         throw CaptureDeviceException("VIDIOC_QUERYCAP");
     }
-    if (!(capability.capabilities & V4L2_CAP_VIDEO_CAPTURE)) {
+    // The node's own abilities; `capabilities` covers every node of the physical device.
+    const uint32_t caps =
+        (capability.capabilities & V4L2_CAP_DEVICE_CAPS) ? capability.device_caps : capability.capabilities;
+    if (!(caps & V4L2_CAP_VIDEO_CAPTURE)) {
         throw CaptureDeviceException(_params.path + " is not a video capture device");
     }
-    if (!(capability.capabilities & V4L2_CAP_STREAMING)) {
+    if (!(caps & V4L2_CAP_STREAMING)) {
         throw CaptureDeviceException(_params.path + " does not support streaming i/o");
     }
     v4l2_format format{};
@@ -81,21 +84,25 @@ void CUDACamera::init_device() {
         throw CaptureDeviceException("Unsupported resolution: " + std::to_string(_controls.width) + "x" +
                                      std::to_string(_controls.height));
     }
+    // Rows may be padded; the image may need more than its rows.
+    _bytesPerLine = format.fmt.pix.bytesperline;
+    _sizeImage = format.fmt.pix.sizeimage;
+    if (_bytesPerLine < 2 * format.fmt.pix.width ||
+        _sizeImage < static_cast<uint64_t>(_bytesPerLine) * format.fmt.pix.height) {
+        throw CaptureDeviceException(_params.path + " reports " + std::to_string(_bytesPerLine) +
+                                     " bytes per line and " + std::to_string(_sizeImage) +
+                                     " bytes per image, too few for the frame");
+    }
     init_mem(format);
 }
 
 void CUDACamera::start_capturing() {
-    for (uint32_t i = 0; i < _buckets.size(); ++i) {
-        v4l2_buffer buf{};
-        buf.index = i;
-        buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        buf.memory = V4L2_MEMORY_USERPTR;
-        buf.m.userptr = reinterpret_cast<unsigned long>(_buckets[i].v4l2.data);
-        buf.length = _buckets[i].v4l2.size;
-        if (xioctl(VIDIOC_QBUF, &buf) == -1) {
-            throw CaptureDeviceException("Start Capturing: VIDIOC_QBUF: " + errnoText(errno));
-        }
+    for (Bucket& bucket : _buckets) {
+        if (bucket.status != Bucket::INVALID) queueBuffer(bucket, "Start Capturing: VIDIOC_QBUF: ");
     }
+    _nextSequence = -1;
+    _droppedFrames = 0;
+    _errorBuffers = 0;
     v4l2_buf_type type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     if (xioctl(VIDIOC_STREAMON, &type) == -1) throw CaptureDeviceException("VIDIOC_STREAMON");
     _isRunning = true;

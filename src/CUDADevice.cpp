@@ -129,9 +129,21 @@ void CUDADeviceImpl::init_cuda(Poco::AutoPtr<Poco::Util::AbstractConfiguration> 
     const int devID = 0;
     cudaDeviceProp deviceProp;
     CUDA_CHECK(cudaGetDeviceProperties(&deviceProp, devID));
-    CUDA_CHECK(cudaSetDevice(devID));
-    // Blocking synchronisation: reader threads sleep, not spin, while their streams run.
+    // Blocking synchronisation: reader threads sleep, not spin, while their streams run. The flags
+    // are set before cudaSetDevice, which creates the device's context; afterwards they may not apply.
     CUDA_CHECK(cudaSetDeviceFlags(cudaDeviceMapHost | cudaDeviceScheduleBlockingSync));
+    CUDA_CHECK(cudaSetDevice(devID));
+    unsigned int flags = 0;
+    CUDA_CHECK(cudaGetDeviceFlags(&flags));
+    Poco::Logger& logger = Poco::Logger::get("Capture.CUDADevice");
+    logger.information("CUDA device " + std::to_string(devID) + ": " + deviceProp.name + ", compute " +
+                       std::to_string(deviceProp.major) + "." + std::to_string(deviceProp.minor) + ", managedMemory " +
+                       std::to_string(deviceProp.managedMemory) + ", concurrentManagedAccess " +
+                       std::to_string(deviceProp.concurrentManagedAccess));
+    if ((flags & cudaDeviceScheduleBlockingSync) == 0) {
+        logger.warning("CUDA device flags " + std::to_string(flags) +
+                       " lack blocking synchronisation: reader threads spin while they wait");
+    }
 }
 
 void CUDADeviceImpl::deinit_cuda() { (void)cudaDeviceReset(); }

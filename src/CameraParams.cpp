@@ -22,6 +22,13 @@ CUDACameraParams::CUDACameraParams(Poco::AutoPtr<Poco::Util::AbstractConfigurati
     name = config->getString("name", "CUDACamera");
     path = config->getString("path");
     bufferPoolSize = config->getUInt("bufferPoolSize", 4);
+    const std::string memoryName = config->getString("memory", "auto");
+    if (memoryName == "userptr")
+        memory = CaptureMemory::UserPtr;
+    else if (memoryName == "mmap")
+        memory = CaptureMemory::Mmap;
+    else if (memoryName != "auto")
+        throw CaptureDeviceException("Unsupported memory \"" + memoryName + "\": expected auto, userptr or mmap");
     width = config->getUInt("width", 1280);
     height = config->getUInt("height", 720);
     hFlip = config->getBool("hFlip", true);

@@ -18,6 +18,11 @@ constexpr uint32_t kMaxBufferPoolSize = 32;
 constexpr uint32_t kMaxMeteringSamples = 10000000;
 constexpr uint32_t kMaxMeteringRegions = 65536;
 
+// How frames reach the camera's memory: the driver writes into the camera's own buffers
+// (user pointers), or the camera maps the driver's buffers; auto takes user pointers where the
+// driver offers them.
+enum class CaptureMemory { Auto, UserPtr, Mmap };
+
 struct CUDACameraParams {
     struct Gamma {
         float R = 0.8f, G = 0.8f, B = 0.8f, Cr = 0.8f, Cb = 0.8f;
@@ -48,6 +53,7 @@ struct CUDACameraParams {
     std::string name;
     std::string path;
     uint32_t bufferPoolSize = 4;
+    CaptureMemory memory = CaptureMemory::Auto;  // "memory": auto | userptr | mmap
     uint32_t width = 0;
     uint32_t height = 0;
     bool hFlip = false;

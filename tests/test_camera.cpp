@@ -75,15 +75,16 @@ TEST_F(Camera, ValidationRefusesAndChangesNothing) {
     c = before;
     c.ae.manualGain = INFINITY;
     EXPECT_EQ(refusal(*camera, c), "Unsupported control value: not a finite number");
-    const Controls after = camera->getControls();
-    EXPECT_EQ(after.height, before.height);
-    EXPECT_EQ(after.outputBuffers, before.outputBuffers);
-    EXPECT_FLOAT_EQ(after.ae.manualGain, before.ae.manualGain);
-    // Index and list are independent: a list of row 1 with index 3 is accepted.
+    // The kernels of index 3 would write a third buffer that the list of row 1 does not have.
     c = before;
     c.outputBuffers = CUDA_OUTPUT_BUFFER_CONFIG[1];
     c.outputBuffersConfIndex = 3;
-    EXPECT_EQ(refusal(*camera, c), "");
+    EXPECT_EQ(refusal(*camera, c), "Output buffer configuration index 3 does not match the output buffer list");
+    const Controls after = camera->getControls();
+    EXPECT_EQ(after.height, before.height);
+    EXPECT_EQ(after.outputBuffers, before.outputBuffers);
+    EXPECT_EQ(after.outputBuffersConfIndex, before.outputBuffersConfIndex);
+    EXPECT_FLOAT_EQ(after.ae.manualGain, before.ae.manualGain);
 }
 
 // Flips apply to the running sensor; a size change restarts it and keeps the sensor's values.
@@ -253,6 +254,57 @@ TEST_F(Camera, MeteringRectangleAndFeedback) {
     camera->setControls(c);
     EXPECT_EQ(meter(), (std::vector<int32_t>{0, 0, 0, 0, 0}));
     camera->stop();
+}
+
+// The driver's account: lost frames (gaps in the sequence) and damaged buffers (requeued, never
+// delivered) are counted as the sensor injected them; each frame carries the driver's sequence
+// and capture time, taken before it was dequeued. In both memory modes.
+TEST_F(Camera, DriverDropsAndDamagedBuffersAreCountedNotDelivered) {
+    for (const std::string memory : {"userptr", "mmap"}) {
+        SCOPED_TRACE(memory);
+        // Of frames 0..12, 2, 5, 8 and 11 are lost and 1, 4, 7 and 10 damaged.
+        configure({{"sim.dropEvery", "3"}, {"sim.errorEvery", "2"}, {"memory", memory}});
+        camera->start();
+        std::vector<uint32_t> sequences;
+        Feedback last;
+        for (int round = 0; round < 5; ++round) {
+            sensor()->step(round < 4 ? 3 : 1);
+            for (int filled = round < 4 ? 2 : 1; filled > 0; --filled) {
+                CUDACamera::Bucket* bucket = camera->read();
+                if (!bucket) continue;
+                EXPECT_LE(bucket->feedback.captureTimestamp, bucket->timestamp);
+                EXPECT_GT(bucket->feedback.captureTimestamp, last.captureTimestamp);
+                last = bucket->feedback;
+                sequences.push_back(last.sequence);
+                camera->release(bucket->index);
+            }
+        }
+        EXPECT_EQ(sequences, (std::vector<uint32_t>{0, 3, 6, 9, 12}));
+        EXPECT_EQ(last.droppedFrames, sensor()->framesDropped());
+        EXPECT_EQ(last.errorBuffers, sensor()->errorBuffers());
+        EXPECT_EQ(last.droppedFrames, 4u);
+        EXPECT_EQ(last.errorBuffers, 4u);
+        EXPECT_EQ(sensor()->queuedCount(), 4u) << "damaged buffers went back to the driver";
+        camera->stop();
+    }
+}
+
+// A driver without user pointers: "auto" streams by memory mapping, "userptr" is refused.
+TEST_F(Camera, AutoMemoryMapsWhenTheDriverOffersNoUserPointers) {
+    configure({{"sim.userptr", "false"}});
+    camera->start();
+    CUDACamera::Bucket* bucket = next();
+    ASSERT_NE(bucket, nullptr);
+    EXPECT_TRUE(bucket->v4l2.mapped);
+    camera->release(bucket->index);
+    camera->stop();
+    configure({{"sim.userptr", "false"}, {"memory", "userptr"}});
+    try {
+        camera->start();
+        FAIL() << "started without user pointers";
+    } catch (const CaptureDeviceException& e) {
+        EXPECT_EQ(std::string(e.what()), path + " does not support user pointer I/O");
+    }
 }
 
 TEST(MeteringSamples, SeedZeroCamerasDrawIdenticalTablesThatGrowPerStartAndFitTheSize) {

@@ -1,6 +1,6 @@
 // Camera lifecycle against the simulated sensor: the failure texts of opening and format
-// negotiation, and start-read-release-stop cycles for every output configuration and size
-// with the bucket memory each one lays out.
+// negotiation, and start-read-release-stop cycles for every output configuration, size and
+// memory mode with the bucket memory each one lays out.
 #include "CUDACamera.h"
 #include "OutputBufferConfig.h"
 #include "sim/SimulatedSensor.h"
@@ -18,6 +18,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #ifdef RUVO_HOST_BUILD
 #include "host/runtime/HostRuntimeControl.h"
@@ -63,17 +64,20 @@ struct SizeCase {
     uint32_t width, height, rows;
 };
 
-class CameraCycle : public ::testing::TestWithParam<std::tuple<int, SizeCase>> {};
+class CameraCycle : public ::testing::TestWithParam<std::tuple<int, SizeCase, std::string>> {};
 
-// Every configuration at every size: one frame in, every output out and back, stop frees all.
+// Every configuration at every size in both memory modes: one frame in, every output out and
+// back, stop frees all.
 TEST_P(CameraCycle, StartReadReleaseStop) {
     RUVO_REQUIRE_CUDA_DEVICE();
     const int configuration = std::get<0>(GetParam());
     const SizeCase size = std::get<1>(GetParam());
+    const std::string memory = std::get<2>(GetParam());
     const std::string path = uniqueSimPath("cycle");
     CUDACamera camera(simCameraConfig(path, {{"width", std::to_string(size.width)},
                                              {"height", std::to_string(size.height)},
-                                             {"outputBufferFormats", std::to_string(configuration)}}),
+                                             {"outputBufferFormats", std::to_string(configuration)},
+                                             {"memory", memory}}),
                       0);
 #ifdef RUVO_HOST_BUILD
     const size_t allocationsBefore = ruvo::hostrt::liveAllocations();
@@ -90,7 +94,13 @@ TEST_P(CameraCycle, StartReadReleaseStop) {
     EXPECT_EQ(bucket->status, CUDACamera::Bucket::USED);
     EXPECT_EQ(bucket->cuda_height, size.rows);
     EXPECT_EQ(bucket->cudaIn.size, size.width * size.rows * 2);
-    EXPECT_EQ(bucket->v4l2.size, size.width * size.height * 2);
+    if (memory == "userptr") {
+        EXPECT_EQ(bucket->v4l2.size, size.width * size.height * 2);
+    } else {
+        EXPECT_GE(bucket->v4l2.size, size.width * size.height * 2);
+    }
+    // A mapped driver buffer is read in place when the padding rows fit in it, else copied from.
+    EXPECT_EQ(bucket->v4l2.data == bucket->cudaIn.host, memory == "userptr" || size.rows == size.height);
     const auto& definitions = CUDA_OUTPUT_BUFFER_CONFIG[configuration];
     ASSERT_EQ(bucket->buffers.size(), definitions.size());
     EXPECT_EQ(bucket->releaseCounter.load(), definitions.size());
@@ -119,7 +129,36 @@ TEST_P(CameraCycle, StartReadReleaseStop) {
 INSTANTIATE_TEST_SUITE_P(AllConfigurationsAndSizes, CameraCycle,
                          ::testing::Combine(::testing::Range(0, 12),
                                             ::testing::Values(SizeCase{672, 380, 384}, SizeCase{1280, 720, 720},
-                                                              SizeCase{1920, 1080, 1152}, SizeCase{2688, 1520, 1520})));
+                                                              SizeCase{1920, 1080, 1152}, SizeCase{2688, 1520, 1520}),
+                                            ::testing::Values("userptr", "mmap")));
+
+// The two memory modes deliver the same processed frames, whether the mapped buffer is read in
+// place (1280x720) or copied from (672x380, whose padding rows do not fit in the driver's buffer).
+TEST(CameraMemory, MappedAndUserPointerCamerasDeliverTheSameFrames) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    for (const SizeCase size : {SizeCase{672, 380, 384}, SizeCase{1280, 720, 720}}) {
+        SCOPED_TRACE(size.width);
+        std::vector<std::vector<uint8_t>> outputs[2];
+        for (int mode = 0; mode < 2; ++mode) {
+            const std::string path = uniqueSimPath("same");
+            CUDACamera camera(simCameraConfig(path, {{"width", std::to_string(size.width)},
+                                                     {"height", std::to_string(size.height)},
+                                                     {"outputBufferFormats", "2"},
+                                                     {"memory", mode == 0 ? "userptr" : "mmap"}}),
+                              0);
+            camera.start();
+            ASSERT_TRUE(sim::findSensor(path)->step());
+            CUDACamera::Bucket* bucket = camera.read();
+            ASSERT_NE(bucket, nullptr);
+            for (const auto& buffer : bucket->buffers)
+                outputs[mode].emplace_back(buffer.frame.data, buffer.frame.data + buffer.frame.size);
+            camera.release(bucket->index);
+            camera.stop();
+        }
+        ASSERT_EQ(outputs[0].size(), outputs[1].size());
+        for (size_t k = 0; k < outputs[0].size(); ++k) EXPECT_TRUE(outputs[0][k] == outputs[1][k]) << "buffer " << k;
+    }
+}
 
 #ifdef RUVO_HOST_BUILD
 // The byte counts of the layout: 1280x720 YUV_ONLY and the seven outputs of the histogram row.
@@ -142,7 +181,7 @@ TEST(CameraMemory, AllocatesTheDocumentedByteCounts) {
         EXPECT_EQ(ruvo::hostrt::attachedStream(bucket.buffers[k].cudaOut.host), bucket.stream);
     }
     EXPECT_GT(bucket.extraCudaDevicePtrsLengths[4][0], 0);
-    EXPECT_EQ(ruvo::hostrt::attachedStream(bucket.cudaIn.host), nullptr);  // the driver writes it outside streams
+    EXPECT_EQ(ruvo::hostrt::attachedStream(bucket.cudaIn.host), bucket.stream);
     camera.stop();
     EXPECT_EQ(ruvo::hostrt::liveAllocations(), before);
 }

@@ -82,6 +82,8 @@ TEST(CameraParamsValidation, OutOfRangeValuesAreRefusedWithTheirMessage) {
         {"ae.numRegions", "65536", ""},
         {"ae.numRegions", "65537", "Unsupported number of metering regions"},
         {"regionExposureWeight", "-2.5", ""},  // weights are not checked
+        {"memory", "mmap", ""},
+        {"memory", "MMAP", "Unsupported memory \"MMAP\": expected auto, userptr or mmap"},
     };
     for (const auto& c : cases) {
         std::string message;

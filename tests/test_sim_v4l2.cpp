@@ -1,7 +1,9 @@
 // DeviceIo: the kernel select's bounds, the sim keys a simulated sensor refuses, and the
-// simulated sensor as a V4L2 capture driver through DeviceIo: formats, user-pointer buffers,
-// streaming and select; its frame clocks (stepped, free-running, real time); and the faults it
-// injects on request (stall, disconnect, a failing QBUF or STREAMON, an interrupted select).
+// simulated sensor as a V4L2 capture driver through DeviceIo: formats, user-pointer and
+// memory-mapped buffers, streaming and select, and what the kernel's V4L2 core adds (unknown
+// requests, priorities, the input); its frame clocks (stepped, free-running, real time); and the
+// faults it injects on request (stall, disconnect, a failing QBUF or STREAMON, an interrupted
+// select, lost frames and damaged buffers).
 #include "support/sim_client.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
@@ -9,9 +11,12 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
 #include <functional>
 #include <thread>
 
@@ -42,7 +47,7 @@ std::pair<int, int> selectWhile(SimClient& c, const std::function<void()>& actio
     std::pair<int, int> selected;
     std::thread waiter([&] {
         selected.first = c.io().select(c.fd(), nullptr);
-        selected.second = errno;
+        selected.second = selected.first == -1 ? errno : 0;
     });
     action();
     waiter.join();
@@ -67,9 +72,10 @@ TEST(SystemDeviceIo, SelectWaitsForReadabilityWithinItsBounds) {
 }
 
 TEST(MakeDeviceIo, RejectsSimKeysItCannotUse) {
-    for (const std::string entry : {"sim.clock=fast", "sim.fps=0", "sim.samples=msb16", "sim.level=1.5",
-                                    "sim.noise=maybe", "sim.scene=stripes", "sim.scene=", "sim.scene=image.jpg",
-                                    "sim.script=10:brightness=2", "sim.script=x:illuminance=2", "sim.pedestal=2000"}) {
+    for (const std::string entry :
+         {"sim.clock=fast", "sim.fps=0", "sim.samples=msb16", "sim.level=1.5", "sim.noise=maybe", "sim.scene=stripes",
+          "sim.scene=", "sim.scene=image.jpg", "sim.script=10:brightness=2", "sim.script=x:illuminance=2",
+          "sim.pedestal=2000", "sim.dropEvery=-1"}) {
         const size_t equals = entry.find('=');
         const std::string path = testing::uniqueSimPath("bad");
         EXPECT_THROW(makeDeviceIo(path, testing::cameraEntry({{entry.substr(0, equals), entry.substr(equals + 1)}})),
@@ -112,16 +118,23 @@ TEST(SimV4l2, SetFormatRoundsToTheNearestSupportedSizeAndIsBusyWhileStreaming) {
     EXPECT_EQ(c.io().close(other), 0);
     EXPECT_TRUE(c.sensor().streaming());
     c.streamOff();
+    EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), EBUSY) << "buffers of the old size are still allocated";
+    r.count = 0;
+    ASSERT_EQ(c.call(VIDIOC_REQBUFS, &r), 0);
     EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), 0);
 }
 
-TEST(SimV4l2, BuffersAreUserPointersCheckedWhenQueued) {
+TEST(SimV4l2, UserPointersAreCheckedWhenQueued) {
     SimClient c;
     c.setFormat(672, 380);
     v4l2_requestbuffers r = userptrRequest(3);
-    for (uint32_t memory : {V4L2_MEMORY_MMAP, V4L2_MEMORY_DMABUF, V4L2_MEMORY_OVERLAY}) {
+    for (uint32_t memory : {V4L2_MEMORY_DMABUF, V4L2_MEMORY_OVERLAY}) {
         r.memory = memory;
+        r.capabilities = 0;
         EXPECT_EQ(c.call(VIDIOC_REQBUFS, &r), EINVAL) << memory;
+        EXPECT_EQ(r.capabilities & (V4L2_BUF_CAP_SUPPORTS_USERPTR | V4L2_BUF_CAP_SUPPORTS_MMAP),
+                  V4L2_BUF_CAP_SUPPORTS_USERPTR | V4L2_BUF_CAP_SUPPORTS_MMAP)
+            << "a refused request still reports what the queue supports";
     }
     r.memory = V4L2_MEMORY_USERPTR;
     ASSERT_EQ(c.call(VIDIOC_REQBUFS, &r), 0);
@@ -139,6 +152,14 @@ TEST(SimV4l2, BuffersAreUserPointersCheckedWhenQueued) {
         spoil(b);
         EXPECT_EQ(c.call(VIDIOC_QBUF, &b), EINVAL) << what;
     }
+    // Memory that is not mapped in the process cannot be pinned.
+    const long page = sysconf(_SC_PAGESIZE);
+    void* hole = ::mmap(nullptr, kFrameBytes + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(hole, MAP_FAILED);
+    ASSERT_EQ(::munmap(static_cast<char*>(hole) + page, kFrameBytes), 0);
+    v4l2_buffer unmapped = userptrBuffer(0, hole, kFrameBytes);
+    EXPECT_EQ(c.call(VIDIOC_QBUF, &unmapped), EFAULT);
+    ::munmap(hole, page);
     EXPECT_EQ(c.sensor().queuedCount(), 0u);
     v4l2_buffer b = userptrBuffer(0, memory.data(), kFrameBytes);
     ASSERT_EQ(c.call(VIDIOC_QBUF, &b), 0);
@@ -203,6 +224,112 @@ TEST(SimV4l2, DequeueGivesFramesInOrderDropsCountAndStreamOffReturnsEveryBuffer)
     c.streamOn();
     EXPECT_FALSE(c.dequeue().has_value());
     EXPECT_EQ(c.stepAndDequeue().sequence, 0u);
+}
+
+// The driver's own buffers: page-aligned offsets, mappings checked against them, the same
+// frames a user-pointer queue gets, and memory that outlives the queue while mapped.
+TEST(SimV4l2, MemoryMappedBuffersStreamTheFramesUserPointersGet) {
+    SimClient user;
+    user.start(672, 380);
+    SimClient mapped;
+    mapped.setFormat(672, 380);
+    mapped.requestMapped(2);
+    const long page = sysconf(_SC_PAGESIZE);
+    v4l2_buffer second = userptrBuffer(1);
+    second.memory = V4L2_MEMORY_MMAP;
+    ASSERT_EQ(mapped.call(VIDIOC_QUERYBUF, &second), 0);
+    EXPECT_EQ(second.m.offset % page, 0u);
+    EXPECT_GE(second.length, kFrameBytes);
+    EXPECT_EQ(second.length % page, 0u);
+    EXPECT_TRUE(second.flags & V4L2_BUF_FLAG_MAPPED);
+    for (const auto& [offset, length] : {std::pair<off_t, size_t>{second.m.offset + page, page},
+                                         std::pair<off_t, size_t>{second.m.offset, second.length + 1}}) {
+        EXPECT_EQ(mapped.io().mmap(mapped.fd(), length, offset), MAP_FAILED) << offset << " " << length;
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(user.io().mmap(user.fd(), page, 0), MAP_FAILED) << "a user-pointer queue has nothing to map";
+    mapped.queueAll();
+    mapped.streamOn();
+    for (int frame = 0; frame < 3; ++frame) {
+        const v4l2_buffer u = user.stepAndDequeue();
+        const v4l2_buffer m = mapped.stepAndDequeue();
+        EXPECT_EQ(m.memory, uint32_t{V4L2_MEMORY_MMAP});
+        EXPECT_EQ(m.sequence, u.sequence);
+        EXPECT_EQ(m.bytesused, kFrameBytes);
+        ASSERT_EQ(std::memcmp(mapped.samples(m.index), user.samples(u.index), kFrameBytes), 0) << frame;
+        EXPECT_EQ(user.queue(u.index), 0);
+        EXPECT_EQ(mapped.queue(m.index), 0);
+    }
+    // Freeing the queue orphans the buffers: still mapped, still readable.
+    const uint16_t kept = mapped.samples(1)[1000];
+    mapped.streamOff();
+    v4l2_requestbuffers none = userptrRequest(0);
+    none.memory = V4L2_MEMORY_MMAP;
+    ASSERT_EQ(mapped.call(VIDIOC_REQBUFS, &none), 0);
+    EXPECT_EQ(mapped.samples(1)[1000], kept);
+}
+
+// What the kernel's V4L2 core answers for every driver.
+TEST(SimV4l2, CoreRequestsAnswerAsTheKernelDoes) {
+    SimClient c;
+    EXPECT_EQ(c.call(_IOWR('V', 250, int), nullptr), ENOTTY) << "an unknown request before its argument";
+    EXPECT_EQ(c.call(VIDIOC_QUERYCAP, nullptr), EFAULT);
+    v4l2_capability cap{};
+    ASSERT_EQ(c.call(VIDIOC_QUERYCAP, &cap), 0);
+    EXPECT_TRUE(cap.device_caps & V4L2_CAP_EXT_PIX_FORMAT);
+    EXPECT_EQ(cap.capabilities & ~V4L2_CAP_DEVICE_CAPS, cap.device_caps);
+    v4l2_format f{};
+    std::memset(&f.fmt, 0xff, sizeof f.fmt);
+    f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    for (unsigned long request : {VIDIOC_G_FMT, VIDIOC_TRY_FMT}) {
+        f.fmt.pix.width = 1280;
+        f.fmt.pix.height = 720;
+        ASSERT_EQ(c.call(request, &f), 0);
+        EXPECT_EQ(f.fmt.pix.priv, uint32_t{V4L2_PIX_FMT_PRIV_MAGIC});
+        const auto* tail = reinterpret_cast<const unsigned char*>(&f.fmt) + sizeof f.fmt.pix;
+        EXPECT_EQ(std::count(tail, tail + sizeof f.fmt - sizeof f.fmt.pix, 0), long(sizeof f.fmt - sizeof f.fmt.pix));
+    }
+    v4l2_frmsizeenum size{};
+    std::memset(size.reserved, 0xff, sizeof size.reserved);
+    size.pixel_format = V4L2_PIX_FMT_SBGGR10;
+    ASSERT_EQ(c.call(VIDIOC_ENUM_FRAMESIZES, &size), 0);
+    EXPECT_EQ(size.reserved[0] | size.reserved[1], 0u);
+    v4l2_input input{};
+    ASSERT_EQ(c.call(VIDIOC_ENUMINPUT, &input), 0);
+    EXPECT_EQ(input.type, uint32_t{V4L2_INPUT_TYPE_CAMERA});
+    input.index = 1;
+    EXPECT_EQ(c.call(VIDIOC_ENUMINPUT, &input), EINVAL);
+    // A descriptor with record priority keeps the others from changing the device.
+    const int recorder = c.io().open(c.path(), O_RDWR);
+    uint32_t priority = V4L2_PRIORITY_RECORD;
+    ASSERT_EQ(c.io().ioctl(recorder, VIDIOC_S_PRIORITY, &priority), 0);
+    priority = 0;
+    ASSERT_EQ(c.call(VIDIOC_G_PRIORITY, &priority), 0);
+    EXPECT_EQ(priority, uint32_t{V4L2_PRIORITY_RECORD});
+    f = captureFormat(672, 380);
+    EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), EBUSY);
+    EXPECT_EQ(c.call(VIDIOC_TRY_FMT, &f), 0) << "trying changes nothing";
+    ASSERT_EQ(c.io().close(recorder), 0);
+    EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), 0);
+}
+
+// A requeued buffer forgets its last frame; select takes a timeout with 1000000 us or more.
+TEST(SimV4l2, QueueForgetsTheLastFrameAndSelectNormalisesItsTimeout) {
+    SimClient c;
+    c.start(672, 380);
+    c.sensor().step(2);
+    const v4l2_buffer first = *c.dequeue();
+    timeval longWait{0, 2500000};
+    EXPECT_EQ(c.io().select(c.fd(), &longWait), 1);
+    const v4l2_buffer second = *c.dequeue();
+    EXPECT_EQ(second.sequence, 1u);
+    ASSERT_EQ(c.queue(second.index), 0);
+    v4l2_buffer queried = userptrBuffer(second.index);
+    ASSERT_EQ(c.call(VIDIOC_QUERYBUF, &queried), 0);
+    EXPECT_EQ(queried.bytesused, 0u);
+    EXPECT_EQ(queried.sequence, 0u);
+    EXPECT_EQ(queried.timestamp.tv_sec | queried.timestamp.tv_usec, 0);
+    EXPECT_EQ(first.sequence, 0u);
 }
 
 TEST(SimV4l2, SelectReportsFilledBuffersTimesOutAndWakes) {
@@ -286,7 +413,10 @@ TEST(SimFaults, AStalledSensorExposesNothingUntilTheStallIsLifted) {
 TEST(SimFaults, ADisconnectedDeviceAnswersEveryCallWithNoDevice) {
     SimClient c;
     c.start(672, 380);
-    EXPECT_EQ(selectWhile(c, [&] { c.sensor().disconnect(); }), std::pair(-1, ENODEV)) << "a waiting select wakes";
+    // A waiting select wakes with the descriptor readable; the DQBUF that follows says why.
+    EXPECT_EQ(selectWhile(c, [&] { c.sensor().disconnect(); }), std::pair(1, 0));
+    v4l2_buffer gone = userptrBuffer(0);
+    EXPECT_EQ(c.call(VIDIOC_DQBUF, &gone), ENODEV);
     struct ::stat status {};
     EXPECT_EQ(c.io().stat(c.path(), &status), -1);
     EXPECT_EQ(errno, ENODEV);
@@ -320,6 +450,27 @@ TEST(SimFaults, OneQueueOrStreamOnFailure) {
     EXPECT_EQ(c.queue(b.index), EIO);
     EXPECT_EQ(c.queue(b.index), 0);
     EXPECT_TRUE(c.sensor().step(2));
+}
+
+// Lost frames leave gaps in the sequence, damaged buffers come back flagged; both as injected,
+// and counted by the sensor as a client sees them.
+TEST(SimFaults, LostFramesAndDamagedBuffersAreSeenAsInjected) {
+    SimClient c({{"sim.dropEvery", "3"}, {"sim.errorEvery", "2"}});
+    c.start(672, 380);
+    uint32_t gaps = 0, damaged = 0, next = 0;
+    for (int frame = 0; frame < 12; ++frame) {
+        c.sensor().step();
+        const std::optional<v4l2_buffer> b = c.dequeue();
+        if (!b) continue;
+        gaps += b->sequence - next;
+        next = b->sequence + 1;
+        damaged += (b->flags & V4L2_BUF_FLAG_ERROR) != 0;
+        ASSERT_EQ(c.queue(b->index), 0);
+    }
+    EXPECT_EQ(gaps + (12 - next), 4u) << "frames 2, 5, 8 and 11 are lost";
+    EXPECT_EQ(damaged, 4u) << "every second of the 8 completed buffers";
+    EXPECT_EQ(c.sensor().framesDropped(), 4u);
+    EXPECT_EQ(c.sensor().errorBuffers(), 4u);
 }
 
 TEST(SimFaults, InterruptedSelect) {

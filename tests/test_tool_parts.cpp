@@ -133,9 +133,12 @@ std::shared_ptr<Frame> frame(uint32_t camera, uint32_t frameId, uint32_t batch, 
 TEST(ToolParts, SamplesTakeTheFirstFrameAndTheRedGreenBlueGains) {
     int released = 0;
     const auto f = frame(1, 7, 3, &released);
+    f->feedback.sequence = 9;
+    f->feedback.droppedFrames = 2;
+    f->feedback.errorBuffers = 1;
     const FeedbackSample s = sampleOf(*f, f->timestamp + std::chrono::milliseconds(5));
-    // Gains are stored red, green, green, blue; latency 5 ms.
-    EXPECT_EQ(csvRow(s), "1,7,3,4000000000,0.0199999996,2,1.5,1,0.75,0.25,5.000");
+    // Gains are stored red, green, green, blue; latency 5 ms; then the driver's sequence and counts.
+    EXPECT_EQ(csvRow(s), "1,7,3,4000000000,0.0199999996,2,1.5,1,0.75,0.25,5.000,9,2,1");
 }
 
 TEST(ToolParts, RecorderKeepsTheNewestBatchAndHandsTheRestBack) {
@@ -185,9 +188,11 @@ TEST(ToolParts, StatusAndSummaryTexts) {
     status.last.wbRed = 1.1;
     status.last.wbGreen = 1.0;
     status.last.wbBlue = 0.9;
+    status.last.droppedFrames = 3;
+    status.last.errorBuffers = 1;
     EXPECT_EQ(statusLine(camera, 0, status, 0.5),
               "camera 0 left:  30.0 fps, latency   3.2 ms, exposure 12.50 ms, gain 1.50, luminance 0.300, wb "
-              "1.100/1.000/0.900, 42 frames");
+              "1.100/1.000/0.900, 42 frames, 3 dropped, 1 errors");
     CameraTotals totals;
     totals.delivered = 11;
     totals.firstDeliveryS = 10.0;

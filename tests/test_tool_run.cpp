@@ -31,7 +31,22 @@ namespace {
 constexpr int kFrames = 200;
 
 // Columns of feedback.csv.
-enum Column { kCamera, kFrameId, kBatchId, kTimestampNs, kExposureS, kGain, kWbR, kWbG, kWbB, kLuminance, kLatencyMs };
+enum Column {
+    kCamera,
+    kFrameId,
+    kBatchId,
+    kTimestampNs,
+    kExposureS,
+    kGain,
+    kWbR,
+    kWbG,
+    kWbB,
+    kLuminance,
+    kLatencyMs,
+    kSequence,
+    kDropped,
+    kErrors
+};
 
 class ToolRun : public ::testing::Test {
 protected:
@@ -132,8 +147,10 @@ TEST_F(ToolRun, DrawsTheHistogramTheContactSheetAndThePlot) {
 TEST_F(ToolRun, CsvHasOneRowPerCameraPerBatch) {
     const std::vector<std::string> lines = splitLines(readText(outDir + "/feedback.csv"));
     ASSERT_GT(lines.size(), 1u);
-    EXPECT_EQ(lines[0], "camera,frame_id,batch_id,timestamp_ns,exposure_s,gain,wb_r,wb_g,wb_b,luminance,latency_ms");
-    for (const std::string& line : lines) ASSERT_EQ(std::count(line.begin(), line.end(), ','), 10) << line;
+    EXPECT_EQ(lines[0],
+              "camera,frame_id,batch_id,timestamp_ns,exposure_s,gain,wb_r,wb_g,wb_b,luminance,latency_ms,sequence,"
+              "dropped,errors");
+    for (const std::string& line : lines) ASSERT_EQ(std::count(line.begin(), line.end(), ','), 13) << line;
     std::set<std::pair<double, double>> cameraBatches;
     std::map<double, std::vector<double>> previous;
     std::map<double, int> count;
@@ -143,9 +160,11 @@ TEST_F(ToolRun, CsvHasOneRowPerCameraPerBatch) {
         EXPECT_TRUE(cameraBatches.insert({camera, row[kBatchId]}).second)
             << "camera " << camera << " twice in batch " << row[kBatchId];
         if (previous.count(camera)) {
-            for (Column c : {kFrameId, kBatchId, kTimestampNs}) EXPECT_GT(row[c], previous[camera][c]) << c;
+            for (Column c : {kFrameId, kBatchId, kTimestampNs, kSequence}) EXPECT_GT(row[c], previous[camera][c]) << c;
         }
         EXPECT_GE(row[kLatencyMs], 0.0);
+        // A free-running sensor fills a buffer only when one is queued: nothing is lost or damaged.
+        EXPECT_EQ(row[kDropped] + row[kErrors], 0.0);
         previous[camera] = row;
         ++count[camera];
     }

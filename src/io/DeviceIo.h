@@ -7,6 +7,7 @@
 #include <Poco/AutoPtr.h>
 #include <Poco/Util/AbstractConfiguration.h>
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -27,6 +28,10 @@ public:
     // Waits until `fd` is readable or `timeout` passes (null: no limit). Returns the number of
     // ready descriptors (1), 0 on time-out, -1 with errno on failure (EINTR when interrupted).
     virtual int select(int fd, struct ::timeval* timeout) = 0;
+    // Maps `length` bytes of the driver buffer at `offset` (the m.offset QUERYBUF reported),
+    // shared and readable and writable. Returns MAP_FAILED with errno on failure.
+    virtual void* mmap(int fd, size_t length, off_t offset) = 0;
+    virtual int munmap(void* address, size_t length) = 0;
 };
 
 // The kernel's calls.

@@ -34,6 +34,12 @@ public:
         FD_SET(fd, &readable);
         return ::select(fd + 1, &readable, nullptr, nullptr, timeout);
     }
+
+    void* mmap(int fd, size_t length, off_t offset) override {
+        return ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, offset);
+    }
+
+    int munmap(void* address, size_t length) override { return ::munmap(address, length); }
 };
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "isp/CubHistogram.h"
 #include "isp/KernelMap.h"
 #include "isp/LaunchExecutor.h"
+#include "isp/LaunchGeometry.h"
 
 #include <cub/device/device_histogram.cuh>
 
@@ -22,64 +23,65 @@ __device__ __forceinline__ void runThread(const Kernel& kernel) {
 
 }  // namespace
 
-__global__ void yuv420_fast(cudaKernelParams params, unsigned char* yuv) {
-    runThread(kernels::Yuv420Fast{params, {yuv}});
-}
+// Every kernel is compiled for the largest block of the launch geometry table, so the compiler
+// keeps its registers within what such a block may use.
+#define RUVO_KERNEL __global__ void __launch_bounds__(kernels::kMaxThreadsPerBlock)
 
-__global__ void yuv420_lanczos(cudaKernelParams params, unsigned char* yuv) {
+RUVO_KERNEL yuv420_fast(cudaKernelParams params, unsigned char* yuv) { runThread(kernels::Yuv420Fast{params, {yuv}}); }
+
+RUVO_KERNEL yuv420_lanczos(cudaKernelParams params, unsigned char* yuv) {
     runThread(kernels::Yuv420Lanczos{params, {yuv}});
 }
 
-__global__ void yuv420_fast_bggr(cudaKernelParams params, unsigned char* yuv, unsigned char* mosaic) {
+RUVO_KERNEL yuv420_fast_bggr(cudaKernelParams params, unsigned char* yuv, unsigned char* mosaic) {
     runThread(kernels::Yuv420FastBggr{params, {yuv, mosaic}});
 }
 
-__global__ void yuv420_rgb_only(cudaKernelParams params, unsigned char* rgb) {
+RUVO_KERNEL yuv420_rgb_only(cudaKernelParams params, unsigned char* rgb) {
     runThread(kernels::Yuv420RgbOnly{params, {rgb}});
 }
 
-__global__ void yuv420_no_demosaic_rgb(cudaKernelParams params, unsigned char* rgb, unsigned char* yuv) {
+RUVO_KERNEL yuv420_no_demosaic_rgb(cudaKernelParams params, unsigned char* rgb, unsigned char* yuv) {
     runThread(kernels::Yuv420NoDemosaicRgb{params, {rgb, yuv}});
 }
 
-__global__ void yuv420_fast_segment_skin(cudaKernelParams params, unsigned char* yuv, unsigned char* skin) {
+RUVO_KERNEL yuv420_fast_segment_skin(cudaKernelParams params, unsigned char* yuv, unsigned char* skin) {
     runThread(kernels::Yuv420FastSegmentSkin{params, {yuv, skin}});
 }
 
-__global__ void yuv420_fast_skin_histogram(cudaKernelParams params, unsigned char* yuv, unsigned char* skinY,
-                                           float colorModelThreshold) {
+RUVO_KERNEL yuv420_fast_skin_histogram(cudaKernelParams params, unsigned char* yuv, unsigned char* skinY,
+                                       float colorModelThreshold) {
     runThread(kernels::Yuv420FastSkinHistogram{params, {yuv, skinY, colorModelThreshold}});
 }
 
-__global__ void step_down_YUV(const unsigned char* in, int width, int height, unsigned char* out) {
+RUVO_KERNEL step_down_YUV(const unsigned char* in, int width, int height, unsigned char* out) {
     runThread(kernels::StepDownYuv{in, width, height, out});
 }
 
-__global__ void step_down_Y_twice(const unsigned char* in, int width, int height, unsigned char* out) {
+RUVO_KERNEL step_down_Y_twice(const unsigned char* in, int width, int height, unsigned char* out) {
     runThread(kernels::StepDownYTwice{in, width, height, out});
 }
 
-__global__ void step_down_erode_Y(const unsigned char* in, int width, int height, unsigned char* out) {
+RUVO_KERNEL step_down_erode_Y(const unsigned char* in, int width, int height, unsigned char* out) {
     runThread(kernels::StepDownErodeY{in, width, height, out});
 }
 
-__global__ void gradient(const unsigned char* in, int width, int height, unsigned char* gx, unsigned char* gy) {
+RUVO_KERNEL gradient(const unsigned char* in, int width, int height, unsigned char* gx, unsigned char* gy) {
     runThread(kernels::Gradient{{in, width, height, gx, gy}});
 }
 
-__global__ void gradient_magnitude(const unsigned char* in, int width, int height, unsigned char* magnitude,
-                                   unsigned char* orientation) {
+RUVO_KERNEL gradient_magnitude(const unsigned char* in, int width, int height, unsigned char* magnitude,
+                               unsigned char* orientation) {
     runThread(kernels::GradientMagnitude{{in, width, height, magnitude, orientation}});
 }
 
-__global__ void step_down_YUV_and_gradient(const unsigned char* in, int width, int height, unsigned char* half,
-                                           unsigned char* gx, unsigned char* gy) {
+RUVO_KERNEL step_down_YUV_and_gradient(const unsigned char* in, int width, int height, unsigned char* half,
+                                       unsigned char* gx, unsigned char* gy) {
     runThread(kernels::StepDownYuvAndGradient{{in, width, height, half, gx, gy}});
 }
 
-__global__ void step_down_YUV_and_gradient_magnitude(const unsigned char* in, int width, int height,
-                                                     unsigned char* half, unsigned char* magnitude,
-                                                     unsigned char* orientation) {
+RUVO_KERNEL step_down_YUV_and_gradient_magnitude(const unsigned char* in, int width, int height, unsigned char* half,
+                                                 unsigned char* magnitude, unsigned char* orientation) {
     runThread(kernels::StepDownYuvAndGradientMagnitude{{in, width, height, half, magnitude, orientation}});
 }
 
@@ -145,7 +147,7 @@ void launch(const kernels::StepDownYuvAndGradientMagnitude& k, const Launch& l) 
 
 namespace kernels {
 
-// Launch failures are not checked here: the caller learns of them when it synchronises the stream.
+// Launch-time failures are left for the dispatcher's cudaGetLastError after each launch.
 void executeLaunch(const PlannedLaunch& planned, const LaunchGeometry& geometry, const cudaKernelParams& params,
                    unsigned char** targets, float colorModelThreshold, cudaStream_t stream) {
     const LaunchShape shape = geometry.shape(planned.step);

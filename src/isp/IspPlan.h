@@ -6,6 +6,7 @@
 #include "CUDAKernels.h"
 
 #include <cstddef>
+#include <initializer_list>
 
 namespace ruvo {
 namespace capture {
@@ -29,7 +30,31 @@ enum class KernelId {
     step_down_YUV_and_gradient_magnitude
 };
 
+// The kernel's name as launched (the __global__ function's name in the CUDA build).
+constexpr const char* kernelName(KernelId kernel) {
+    constexpr const char* names[] = {"yuv420_fast",
+                                     "yuv420_lanczos",
+                                     "yuv420_fast_bggr",
+                                     "yuv420_rgb_only",
+                                     "yuv420_no_demosaic_rgb",
+                                     "yuv420_fast_segment_skin",
+                                     "yuv420_fast_skin_histogram",
+                                     "histogram_even",
+                                     "step_down_YUV",
+                                     "step_down_Y_twice",
+                                     "step_down_erode_Y",
+                                     "gradient",
+                                     "gradient_magnitude",
+                                     "step_down_YUV_and_gradient",
+                                     "step_down_YUV_and_gradient_magnitude"};
+    static_assert(
+        sizeof names / sizeof names[0] == static_cast<size_t>(KernelId::step_down_YUV_and_gradient_magnitude) + 1,
+        "one name per kernel id");
+    return names[static_cast<int>(kernel)];
+}
+
 constexpr int kNoTarget = -1;
+constexpr int kMaxTargets = 16;  // above every target index a plan uses
 
 struct PlannedLaunch {
     KernelId kernel;
@@ -147,6 +172,17 @@ inline LaunchArguments launchArguments(const PlannedLaunch& launch, unsigned cha
         arguments.out[slot] = launch.outputs[slot] == kNoTarget ? nullptr : targets[launch.outputs[slot]];
     }
     return arguments;
+}
+
+// The highest target index a plan reads or writes.
+inline int highestTarget(const IspPlan& plan) {
+    int highest = 0;
+    for (int i = 0; i < plan.count; ++i) {
+        const PlannedLaunch& l = plan.launches[i];
+        for (int target : {l.input, l.outputs[0], l.outputs[1], l.outputs[2]})
+            highest = target > highest ? target : highest;
+    }
+    return highest;
 }
 
 // Bytes written into output `slot` of a launch, for a processed size of width x height.

@@ -46,6 +46,20 @@ constexpr LaunchGeometry kLaunchGeometries[] = {
     {2688, 1520, {{32, 10}, {32, 10}, {24, 19}, {24, 19}}},
 };
 
+// Threads per block every kernel is compiled for (__launch_bounds__): the largest block of the
+// table. A larger block would fail at launch with "too many resources requested for launch".
+constexpr unsigned kMaxThreadsPerBlock = 768;
+
+constexpr unsigned largestBlock() {
+    unsigned largest = 0;
+    for (const LaunchGeometry& geometry : kLaunchGeometries) {
+        for (const Extent2& block : geometry.blocks)
+            largest = block.x * block.y > largest ? block.x * block.y : largest;
+    }
+    return largest;
+}
+static_assert(largestBlock() <= kMaxThreadsPerBlock, "a launch geometry's block exceeds the kernels' launch bounds");
+
 // The geometry of a processed size, or null when the size is not one of the four.
 constexpr const LaunchGeometry* findLaunchGeometry(unsigned width, unsigned height) {
     for (const LaunchGeometry& geometry : kLaunchGeometries) {

@@ -91,10 +91,13 @@ SimulatedSensor::Exposure SimulatedSensor::exposeFrame() {
     const MeterRect rect = meterRect();
     const NoiseSettings noise{_config.noise, _config.readNoise, _config.seed};
     const uint32_t bytes = _format.sizeimage;
-    const int index = _buffers.startFilling();
+    // A frame lost on its way to memory (sim.dropEvery) takes no buffer, as one with no buffer
+    // queued; the driver's sequence counts it all the same.
+    const bool lost = _config.dropEvery != 0 && (frame + 1) % _config.dropEvery == 0;
+    const int index = lost ? -1 : _buffers.startFilling();
     const uint64_t generation = _buffers.generation();
-    // The sensor writes straight into the memory the client queued.
-    auto* destination = index >= 0 ? reinterpret_cast<uint16_t*>(_buffers.slot(index).userptr) : nullptr;
+    // The sensor writes straight into the buffer's memory: the client's, or the driver's own.
+    auto* destination = index >= 0 ? reinterpret_cast<uint16_t*>(_buffers.destination(index)) : nullptr;
     _filling = true;
     lock.unlock();
 
@@ -109,9 +112,11 @@ SimulatedSensor::Exposure SimulatedSensor::exposeFrame() {
     if (index < 0) {
         ++_dropped;
     } else if (generation == _buffers.generation()) {
-        _buffers.finishFilling(static_cast<size_t>(index), bytes, sequence, timestamp);
-        ++_produced;
-        result = Exposure::Captured;
+        // Every sim.errorEvery-th completed buffer is flagged as damaged in transfer.
+        const bool damaged = _config.errorEvery != 0 && (_produced + _errorBuffers + 1) % _config.errorEvery == 0;
+        _buffers.finishFilling(static_cast<size_t>(index), bytes, sequence, timestamp, damaged);
+        ++(damaged ? _errorBuffers : _produced);
+        result = damaged ? Exposure::Dropped : Exposure::Captured;
     }
     _frameCv.notify_all();
     return result;

@@ -136,6 +136,9 @@ SimConfig readSimConfig(const AbstractConfiguration& config) {
     c.exposureDelay = static_cast<uint32_t>(readInteger(config, "sim.exposureDelay", c.exposureDelay, 0, 16));
     c.gainDelay = static_cast<uint32_t>(readInteger(config, "sim.gainDelay", c.gainDelay, 0, 16));
     c.script = parseScript(config.getString("sim.script", ""));
+    c.dropEvery = static_cast<uint32_t>(readInteger(config, "sim.dropEvery", c.dropEvery, 0, 1000000));
+    c.errorEvery = static_cast<uint32_t>(readInteger(config, "sim.errorEvery", c.errorEvery, 0, 1000000));
+    c.userptr = readFlag(config, "sim.userptr", c.userptr);
     return c;
 }
 

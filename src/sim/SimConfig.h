@@ -48,6 +48,9 @@ struct SimConfig {
     uint32_t exposureDelay = 2;       // frames until an exposure write shows
     uint32_t gainDelay = 1;           // frames until a gain write shows
     std::vector<ScriptEvent> script;  // sorted by frame
+    uint32_t dropEvery = 0;           // every n-th exposed frame is lost before reaching a buffer; 0: none
+    uint32_t errorEvery = 0;          // every n-th completed buffer carries V4L2_BUF_FLAG_ERROR; 0: none
+    bool userptr = true;              // user-pointer buffers offered (memory-mapped ones always are)
 };
 
 // Reads the "sim.*" keys of a camera entry; keys that are absent keep the defaults above.

@@ -22,6 +22,8 @@ public:
     int close(int fd) override { return _sensor->close(fd); }
     int ioctl(int fd, unsigned long request, void* argument) override { return _sensor->ioctl(fd, request, argument); }
     int select(int fd, struct ::timeval* timeout) override { return _sensor->select(fd, timeout); }
+    void* mmap(int fd, size_t length, off_t offset) override { return _sensor->mmap(fd, length, offset); }
+    int munmap(void* address, size_t length) override { return _sensor->munmap(address, length); }
 
 private:
     std::shared_ptr<SimulatedSensor> _sensor;

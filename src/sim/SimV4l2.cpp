@@ -1,15 +1,19 @@
-// The simulated sensor's V4L2 requests: capability, formats, user-pointer buffers, streaming
-// and controls, each with the kernel's checks and errno values. Called under the sensor's mutex.
+// The simulated sensor's V4L2 requests: capability, formats, user-pointer and memory-mapped
+// buffers, streaming and controls, each with the checks and errno values of a videobuf2 driver
+// under the kernel's V4L2 core. Called under the sensor's mutex.
 #include "sim/SimulatedSensor.h"
 
 #include "SensorControls.h"
 
 #include <fcntl.h>
 #include <linux/version.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 namespace ruvo {
 namespace capture {
@@ -40,6 +44,16 @@ FrameSize nearestSize(uint32_t width, uint32_t height) {
 void copyName(uint8_t* destination, size_t size, const std::string& text) {
     std::memset(destination, 0, size);
     std::memcpy(destination, text.data(), std::min(size - 1, text.size()));
+}
+
+// Whether every page of [address, address + length) is mapped in this process: the kernel pins
+// a user buffer's pages at QBUF and fails for memory that is not there.
+bool userMemoryMapped(unsigned long address, size_t length) {
+    const unsigned long page = static_cast<unsigned long>(sysconf(_SC_PAGESIZE));
+    const unsigned long first = address / page * page;
+    const size_t span = address + length - first;
+    std::vector<unsigned char> resident((span + page - 1) / page);
+    return mincore(reinterpret_cast<void*>(first), span, resident.data()) == 0;
 }
 
 }  // namespace
@@ -79,7 +93,7 @@ int SimulatedSensor::dispatch(std::unique_lock<std::mutex>& lock, int fd, unsign
         case VIDIOC_S_CTRL:
             return setControl(static_cast<v4l2_control*>(argument));
         default:
-            return ENOTTY;
+            return coreRequest(fd, request, argument);
     }
 }
 
@@ -89,7 +103,7 @@ int SimulatedSensor::queryCapability(v4l2_capability* cap) const {
     copyName(cap->card, sizeof cap->card, "Simulated 10-bit Bayer sensor");
     copyName(cap->bus_info, sizeof cap->bus_info, "platform:" + _path);
     cap->version = LINUX_VERSION_CODE;
-    cap->device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+    cap->device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT;
     cap->capabilities = cap->device_caps | V4L2_CAP_DEVICE_CAPS;
     return 0;
 }
@@ -106,6 +120,7 @@ int SimulatedSensor::enumerateFormat(v4l2_fmtdesc* desc) const {
 
 int SimulatedSensor::enumerateFrameSizes(v4l2_frmsizeenum* size) const {
     if (size->pixel_format != V4L2_PIX_FMT_SBGGR10 || size->index >= kFrameSizes.size()) return EINVAL;
+    std::memset(size->reserved, 0, sizeof size->reserved);
     size->type = V4L2_FRMSIZE_TYPE_DISCRETE;
     size->discrete.width = kFrameSizes[size->index].width;
     size->discrete.height = kFrameSizes[size->index].height;
@@ -114,17 +129,19 @@ int SimulatedSensor::enumerateFrameSizes(v4l2_frmsizeenum* size) const {
 
 int SimulatedSensor::getFormat(v4l2_format* format) const {
     if (format->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+    std::memset(&format->fmt, 0, sizeof format->fmt);
     format->fmt.pix = _format;
+    format->fmt.pix.priv = V4L2_PIX_FMT_PRIV_MAGIC;
     return 0;
 }
 
 int SimulatedSensor::setFormat(v4l2_format* format, bool apply) {
     if (format->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
-    // The frame size cannot change under buffers that are being filled or waiting to be.
-    if (apply && (_streaming || _buffers.withDriver() > 0)) return EBUSY;
+    // The frame size cannot change while buffers of the old size are allocated.
+    if (apply && (_streaming || _buffers.count() > 0)) return EBUSY;
     const FrameSize size = nearestSize(format->fmt.pix.width, format->fmt.pix.height);
     v4l2_pix_format& pix = format->fmt.pix;
-    std::memset(&pix, 0, sizeof pix);
+    std::memset(&format->fmt, 0, sizeof format->fmt);
     pix.width = size.width;
     pix.height = size.height;
     // The one format there is: any other request is answered with it.
@@ -134,6 +151,7 @@ int SimulatedSensor::setFormat(v4l2_format* format, bool apply) {
     pix.sizeimage = 2 * size.width * size.height;
     pix.colorspace = V4L2_COLORSPACE_RAW;
     if (apply) _format = pix;
+    pix.priv = V4L2_PIX_FMT_PRIV_MAGIC;
     return 0;
 }
 
@@ -149,13 +167,22 @@ int SimulatedSensor::getParameters(v4l2_streamparm* parameters) const {
 int SimulatedSensor::checkOwner(int fd) const { return _owner != -1 && _owner != fd ? EBUSY : 0; }
 
 int SimulatedSensor::requestBuffers(int fd, v4l2_requestbuffers* request) {
-    if (request->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || request->memory != V4L2_MEMORY_USERPTR) return EINVAL;
+    // The queue's abilities are reported whatever the answer.
+    request->capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
+    if (_config.userptr) request->capabilities |= V4L2_BUF_CAP_SUPPORTS_USERPTR;
+    const bool supportedMemory =
+        request->memory == V4L2_MEMORY_MMAP || (request->memory == V4L2_MEMORY_USERPTR && _config.userptr);
+    // No cache hints: the non-coherent flag is cleared, as the kernel does for such queues.
+    request->flags = 0;
+    std::memset(request->reserved, 0, sizeof request->reserved);
+    if (request->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || !supportedMemory) return EINVAL;
     if (const int busy = checkOwner(fd)) return busy;
     if (_streaming) return EBUSY;
     request->count = std::min(request->count, kMaxBuffers);
-    _buffers.reset(request->count, _format.sizeimage);
+    // Freed memory-mapped buffers stay alive for as long as the client keeps them mapped.
+    _buffers.reset(request->count, _format.sizeimage, request->memory);
     _owner = request->count > 0 ? fd : -1;
-    request->capabilities = V4L2_BUF_CAP_SUPPORTS_USERPTR;
+    _waitingForBuffers = true;
     return 0;
 }
 
@@ -164,11 +191,16 @@ void SimulatedSensor::describeBuffer(size_t index, v4l2_buffer* buffer) const {
     std::memset(buffer, 0, sizeof *buffer);
     buffer->index = static_cast<uint32_t>(index);
     buffer->type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buffer->memory = V4L2_MEMORY_USERPTR;
-    buffer->m.userptr = slot.userptr;
+    buffer->memory = _buffers.memory();
+    if (buffer->memory == V4L2_MEMORY_MMAP)
+        buffer->m.offset = slot.offset;
+    else
+        buffer->m.userptr = slot.userptr;
     buffer->length = slot.length;
     buffer->field = V4L2_FIELD_NONE;
     buffer->flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
+    if (slot.error) buffer->flags |= V4L2_BUF_FLAG_ERROR;
+    if (slot.memory && slot.memory.use_count() > 1) buffer->flags |= V4L2_BUF_FLAG_MAPPED;
     if (slot.state == BufferState::Queued || slot.state == BufferState::Filling) buffer->flags |= V4L2_BUF_FLAG_QUEUED;
     if (slot.state == BufferState::Done) buffer->flags |= V4L2_BUF_FLAG_DONE;
     buffer->bytesused = slot.bytesused;
@@ -183,10 +215,13 @@ int SimulatedSensor::queryBuffer(v4l2_buffer* buffer) const {
 }
 
 int SimulatedSensor::queueBuffer(int fd, v4l2_buffer* buffer) {
-    if (buffer->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || buffer->memory != V4L2_MEMORY_USERPTR) return EINVAL;
+    if (buffer->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || buffer->memory != _buffers.memory()) return EINVAL;
     if (const int busy = checkOwner(fd)) return busy;
     if (buffer->index >= _buffers.count()) return EINVAL;
-    if (buffer->m.userptr == 0 || buffer->length < _format.sizeimage) return EINVAL;
+    if (buffer->memory == V4L2_MEMORY_USERPTR) {
+        if (buffer->m.userptr == 0 || buffer->length < _format.sizeimage) return EINVAL;
+        if (!userMemoryMapped(buffer->m.userptr, buffer->length)) return EFAULT;
+    }
     if (_buffers.slot(buffer->index).state != BufferState::Dequeued) return EINVAL;
     if (_queueErrno != 0) {
         const int injected = _queueErrno;
@@ -194,13 +229,15 @@ int SimulatedSensor::queueBuffer(int fd, v4l2_buffer* buffer) {
         return injected;
     }
     _buffers.queue(buffer->index, buffer->m.userptr, buffer->length);
+    _waitingForBuffers = false;
     describeBuffer(buffer->index, buffer);
     _clockCv.notify_all();
     return 0;
 }
 
 int SimulatedSensor::dequeueBuffer(std::unique_lock<std::mutex>& lock, int fd, v4l2_buffer* buffer) {
-    if (buffer->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || buffer->memory != V4L2_MEMORY_USERPTR) return EINVAL;
+    // The queue's memory type is reported back; the one asked for does not matter.
+    if (buffer->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
     if (const int busy = checkOwner(fd)) return busy;
     const bool blocking = (_files.at(fd).flags & O_NONBLOCK) == 0;
     if (blocking)
@@ -231,6 +268,7 @@ int SimulatedSensor::streamOff(std::unique_lock<std::mutex>& lock, int fd, const
     if (*type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
     if (const int busy = checkOwner(fd)) return busy;
     stopStreaming(lock);
+    _waitingForBuffers = true;
     return 0;
 }
 

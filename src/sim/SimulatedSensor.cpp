@@ -91,7 +91,7 @@ int SimulatedSensor::close(int fd) {
     // kernel's queue release does; this works on a disconnected device too.
     if (fd == _owner) {
         stopStreaming(lock);
-        _buffers.reset(0, 0);
+        _buffers.reset(0, 0, V4L2_MEMORY_USERPTR);
         _owner = -1;
     }
     return 0;
@@ -106,31 +106,34 @@ int SimulatedSensor::ioctl(int fd, unsigned long request, void* argument) {
         ++_interruptedIoctls;
         return fail(EINTR);
     }
+    // The core answers requests it does not know before it looks at the argument.
+    if (!knownRequest(request)) return fail(ENOTTY);
     if (!argument) return fail(EFAULT);
+    if (const int busy = checkPriority(fd, request)) return fail(busy);
     const int result = dispatch(lock, fd, request, argument);
     return result == 0 ? 0 : fail(result);
 }
 
 bool SimulatedSensor::readable() const {
-    // A queue that is not streaming, or that has failed, polls as an error, which select
-    // reports as readable; the DQBUF that follows says what is wrong.
-    return !_streaming || _dequeueErrno != 0 || _buffers.hasFilled();
+    // A queue that is not streaming, that has failed, that has had no QBUF since it was set
+    // up, or whose device is gone polls as an error, which select reports as readable; the
+    // DQBUF that follows says what is wrong.
+    return !_streaming || _waitingForBuffers || _disconnected || _dequeueErrno != 0 || _buffers.hasFilled();
 }
 
 int SimulatedSensor::select(int fd, struct ::timeval* timeout) {
     std::unique_lock<std::mutex> lock(_mutex);
     if (_files.find(fd) == _files.end()) return fail(EBADF);
-    if (timeout && (timeout->tv_sec < 0 || timeout->tv_usec < 0 || timeout->tv_usec >= 1000000)) return fail(EINVAL);
+    if (timeout && (timeout->tv_sec < 0 || timeout->tv_usec < 0)) return fail(EINVAL);
     const auto start = std::chrono::steady_clock::now();
     const auto deadline = timeout ? start + toDuration(*timeout) : std::chrono::steady_clock::time_point::max();
-    const auto wake = [&] { return _disconnected || _interruptSelect || readable(); };
+    const auto wake = [&] { return _interruptSelect || readable(); };
     if (timeout)
         _frameCv.wait_until(lock, deadline, wake);
     else
         _frameCv.wait(lock, wake);
-    // Linux leaves the time not slept in the timeout.
+    // Linux leaves the time not slept in the timeout, normalised.
     if (timeout) *timeout = toTimeval(deadline - std::chrono::steady_clock::now());
-    if (_disconnected) return fail(ENODEV);
     if (_interruptSelect) {
         _interruptSelect = false;
         return fail(EINTR);
@@ -247,6 +250,11 @@ uint64_t SimulatedSensor::framesProduced() const {
 uint64_t SimulatedSensor::framesDropped() const {
     std::lock_guard<std::mutex> lock(_mutex);
     return _dropped;
+}
+
+uint64_t SimulatedSensor::errorBuffers() const {
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _errorBuffers;
 }
 
 int32_t SimulatedSensor::control(uint32_t id) const {

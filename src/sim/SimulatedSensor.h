@@ -45,12 +45,18 @@ public:
     int close(int fd);
     int ioctl(int fd, unsigned long request, void* argument);
     int select(int fd, struct ::timeval* timeout);
+    // Maps the memory-mapped buffer whose m.offset is `offset`: the driver's own memory, which
+    // stays alive while mapped. MAP_FAILED with errno EINVAL when no buffer starts there, the
+    // length runs past it, or the queue is not memory-mapped.
+    void* mmap(int fd, size_t length, off_t offset);
+    int munmap(void* address, size_t length);
 
     // --- Frame clock. ---
     // Exposes `frames` frames now, on the caller's thread: each fills the oldest queued buffer,
     // or is dropped (counted in the sequence) when none is queued. Works with every clock mode.
     // Returns true when the sensor was streaming and every frame filled a buffer; false when it
-    // is not streaming, stalled or disconnected (nothing exposed) or a frame was dropped.
+    // is not streaming, stalled or disconnected (nothing exposed), or a frame was dropped or
+    // completed with the error flag.
     bool step(unsigned frames = 1);
 
     // Waits until at least `count` buffers are with the driver (see queuedCount), so that a
@@ -87,7 +93,8 @@ public:
     size_t queuedCount() const;
     bool streaming() const;
     uint64_t framesProduced() const;     // frames written into buffers
-    uint64_t framesDropped() const;      // frames exposed with no buffer queued
+    uint64_t framesDropped() const;      // frames exposed with no buffer queued, or lost (sim.dropEvery)
+    uint64_t errorBuffers() const;       // buffers completed with V4L2_BUF_FLAG_ERROR (sim.errorEvery)
     int32_t control(uint32_t id) const;  // throws std::out_of_range for an id that is no control
     struct v4l2_pix_format format() const;
     size_t openCount() const;
@@ -96,6 +103,11 @@ public:
 private:
     struct OpenFile {
         int flags = 0;
+        uint32_t priority = V4L2_PRIORITY_DEFAULT;
+    };
+    struct Mapping {
+        MappedMemory memory;
+        unsigned count = 0;  // mmap calls not yet undone
     };
     enum class Exposure { Captured, Dropped, None };
 
@@ -118,6 +130,11 @@ private:
     int getControl(struct v4l2_control* control) const;
     int setControl(struct v4l2_control* control);
     int checkOwner(int fd) const;
+    // The kernel's V4L2 core (SimV4l2Core.cpp).
+    static bool knownRequest(unsigned long request);
+    int checkPriority(int fd, unsigned long request) const;
+    uint32_t highestPriority() const;
+    int coreRequest(int fd, unsigned long request, void* argument);
     void describeBuffer(size_t index, struct v4l2_buffer* buffer) const;
     bool readable() const;
 
@@ -144,12 +161,15 @@ private:
     DelayedValue _exposure;
     DelayedValue _gain;
     BufferQueue _buffers;
+    std::map<const void*, Mapping> _mappings;
     bool _streaming = false;
+    bool _waitingForBuffers = true;  // no QBUF since the buffers were requested or streaming stopped
     bool _filling = false;
     uint32_t _sequence = 0;   // of the next frame in this stream
     uint64_t _nextFrame = 0;  // exposed frames over the sensor's life: the next frame's number
     uint64_t _produced = 0;
     uint64_t _dropped = 0;
+    uint64_t _errorBuffers = 0;
     size_t _nextScriptEvent = 0;
     float _illuminance;
     float _colourTemperature;

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -68,6 +69,7 @@ SimClient::SimClient(SimKeys keys, const std::string& stem) : _path(uniqueSimPat
 }
 
 SimClient::~SimClient() {
+    for (const auto& [address, length] : _mapped) _io->munmap(address, length);
     if (_fd >= 0) _io->close(_fd);
 }
 
@@ -88,13 +90,28 @@ void SimClient::requestBuffers(uint32_t count, size_t guardSamples) {
     _memory.assign(request.count, std::vector<uint16_t>(_format.sizeimage / 2 + guardSamples, kGuard));
 }
 
+void SimClient::requestMapped(uint32_t count) {
+    v4l2_requestbuffers request = userptrRequest(count);
+    request.memory = V4L2_MEMORY_MMAP;
+    if (const int error = call(VIDIOC_REQBUFS, &request)) failed("VIDIOC_REQBUFS", error);
+    for (uint32_t i = 0; i < request.count; ++i) {
+        v4l2_buffer buffer = userptrBuffer(i);
+        buffer.memory = V4L2_MEMORY_MMAP;
+        if (const int error = call(VIDIOC_QUERYBUF, &buffer)) failed("VIDIOC_QUERYBUF", error);
+        void* address = _io->mmap(_fd, buffer.length, buffer.m.offset);
+        if (address == MAP_FAILED) failed("mmap", errno);
+        _mapped.emplace_back(address, buffer.length);
+    }
+}
+
 int SimClient::queue(uint32_t index) {
-    v4l2_buffer buffer = userptrBuffer(index, _memory.at(index).data(), _format.sizeimage);
+    v4l2_buffer buffer = userptrBuffer(index, _memory.empty() ? nullptr : _memory.at(index).data(), _format.sizeimage);
+    if (!_mapped.empty()) buffer.memory = V4L2_MEMORY_MMAP;
     return call(VIDIOC_QBUF, &buffer);
 }
 
 void SimClient::queueAll() {
-    for (uint32_t i = 0; i < _memory.size(); ++i)
+    for (uint32_t i = 0; i < std::max(_memory.size(), _mapped.size()); ++i)
         if (const int error = queue(i)) failed("VIDIOC_QBUF", error);
 }
 

@@ -1,5 +1,6 @@
 // A small V4L2 client for tests of the simulated sensor: it drives a "sim:" device only through
-// the public DeviceIo calls, as a camera does, and owns the user-pointer buffers it queues.
+// the public DeviceIo calls, as a camera does, and owns the user-pointer buffers it queues or
+// the mappings of the driver's buffers.
 #pragma once
 
 #include "SensorControls.h"
@@ -59,6 +60,8 @@ public:
     // REQBUFS for `count` user-pointer buffers, each given memory of sizeimage bytes plus a
     // guard of `guardSamples` samples filled with kGuard. Throws on failure.
     void requestBuffers(uint32_t count, size_t guardSamples = 0);
+    // REQBUFS for `count` memory-mapped buffers, each mapped through the io. Throws on failure.
+    void requestMapped(uint32_t count);
     int queue(uint32_t index);  // 0 or errno
     void queueAll();
     void streamOn() { stream(VIDIOC_STREAMON); }
@@ -73,7 +76,9 @@ public:
     int32_t get(uint32_t id);
     int32_t set(uint32_t id, int32_t value);  // returns the value the driver stored
 
-    uint16_t* samples(uint32_t index) { return _memory.at(index).data(); }
+    uint16_t* samples(uint32_t index) {
+        return _mapped.empty() ? _memory.at(index).data() : static_cast<uint16_t*>(_mapped.at(index).first);
+    }
     size_t sampleCount() const { return _format.width * _format.height; }
 
     static constexpr uint16_t kGuard = 0xA5A5;
@@ -87,6 +92,7 @@ private:
     int _fd = -1;
     v4l2_pix_format _format{};
     std::vector<std::vector<uint16_t>> _memory;
+    std::vector<std::pair<void*, size_t>> _mapped;  // address and length of each mapped buffer
 };
 
 // Mean 10-bit value (stored sample >> shift) of the sites of one Bayer channel (0 red, 1 green,

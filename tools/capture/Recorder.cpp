@@ -29,18 +29,23 @@ FeedbackSample sampleOf(const Frame& frame, TimePoint deliveredAt) {
     s.wbBlue = frame.feedback.autoWhiteBalanceGains[3];
     s.luminance = frame.feedback.luminance;
     s.latencyMs = std::chrono::duration<double, std::milli>(deliveredAt - frame.timestamp).count();
+    s.sequence = frame.feedback.sequence;
+    s.droppedFrames = frame.feedback.droppedFrames;
+    s.errorBuffers = frame.feedback.errorBuffers;
     return s;
 }
 
 std::string csvHeader() {
-    return "camera,frame_id,batch_id,timestamp_ns,exposure_s,gain,wb_r,wb_g,wb_b,luminance,latency_ms";
+    return "camera,frame_id,batch_id,timestamp_ns,exposure_s,gain,wb_r,wb_g,wb_b,luminance,latency_ms,sequence,"
+           "dropped,errors";
 }
 
 std::string csvRow(const FeedbackSample& s) {
     char row[256];
-    std::snprintf(row, sizeof(row), "%u,%u,%u,%lld,%.9g,%.6g,%.6g,%.6g,%.6g,%.6g,%.3f", s.cameraId, s.frameId,
-                  s.batchId, static_cast<long long>(s.timestampNs), s.exposureS, s.gain, s.wbRed, s.wbGreen, s.wbBlue,
-                  s.luminance, s.latencyMs);
+    std::snprintf(row, sizeof(row), "%u,%u,%u,%lld,%.9g,%.6g,%.6g,%.6g,%.6g,%.6g,%.3f,%u,%llu,%llu", s.cameraId,
+                  s.frameId, s.batchId, static_cast<long long>(s.timestampNs), s.exposureS, s.gain, s.wbRed, s.wbGreen,
+                  s.wbBlue, s.luminance, s.latencyMs, s.sequence, static_cast<unsigned long long>(s.droppedFrames),
+                  static_cast<unsigned long long>(s.errorBuffers));
     return row;
 }
 

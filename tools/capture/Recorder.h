@@ -27,8 +27,11 @@ struct FeedbackSample {
     double wbRed = 0.0;
     double wbGreen = 0.0;
     double wbBlue = 0.0;
-    double luminance = 0.0;  // 0..1
-    double latencyMs = 0.0;  // capture to delivery
+    double luminance = 0.0;      // 0..1
+    double latencyMs = 0.0;      // capture to delivery
+    uint32_t sequence = 0;       // the driver's frame number
+    uint64_t droppedFrames = 0;  // frames the driver dropped since the camera started
+    uint64_t errorBuffers = 0;   // damaged buffers the camera did not deliver since it started
 };
 
 // The sample of a capture whose first delivered frame is `frame`, delivered at `deliveredAt`.

@@ -30,7 +30,9 @@ std::string statusLine(const CameraEntry& camera, uint32_t cameraId, const Camer
     char rates[96];
     const double fps = intervalS > 0.0 ? static_cast<double>(status.windowFrames) / intervalS : 0.0;
     std::snprintf(rates, sizeof(rates), "%5.1f fps, latency %5.1f ms, ", fps, status.windowLatencyMs);
-    return label + rates + feedbackText(status.last) + ", " + std::to_string(status.delivered) + " frames";
+    return label + rates + feedbackText(status.last) + ", " + std::to_string(status.delivered) + " frames, " +
+           std::to_string(status.last.droppedFrames) + " dropped, " + std::to_string(status.last.errorBuffers) +
+           " errors";
 }
 
 std::string summaryText(const std::vector<CameraEntry>& cameras, const std::vector<CameraTotals>& totals) {

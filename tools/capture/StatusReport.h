@@ -13,7 +13,8 @@ namespace ruvo {
 namespace tool {
 
 // "camera 0 left: 29.9 fps, latency 3.2 ms, exposure 18.20 ms, gain 1.00, luminance 0.291,
-// wb 1.000/1.000/1.000, 120 frames" for a window of `intervalS` seconds.
+// wb 1.000/1.000/1.000, 120 frames, 0 dropped, 0 errors" for a window of `intervalS` seconds; the
+// counts are the driver's dropped frames and the damaged buffers not delivered since the start.
 std::string statusLine(const CameraEntry& camera, uint32_t cameraId, const CameraStatus& status, double intervalS);
 
 // Per camera: frames, mean frame rate, latency median and 99th percentile, final exposure, gain,

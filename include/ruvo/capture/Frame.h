@@ -39,6 +39,12 @@ struct Feedback {
     std::array<float, 4> autoWhiteBalanceGains{};  // red, green, green, blue as factors (register / 1024)
     std::vector<ruvo::util::WeightedRegion> autoWhiteBalanceRegions;
     float luminance = 0.0f;  // sensor statistic divided by its range
+    // The driver's account of the frame and of the stream since the camera started.
+    uint32_t sequence = 0;                          // the driver's frame number, 0 at stream start
+    TimePoint captureTimestamp = TimePoint::min();  // the driver's capture time where it gives a
+                                                    // monotonic one, else the dequeue time
+    uint64_t droppedFrames = 0;                     // frames the driver dropped: gaps in the sequence
+    uint64_t errorBuffers = 0;                      // buffers the driver flagged as damaged, given back undelivered
 };
 
 struct Frame {

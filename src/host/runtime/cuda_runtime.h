@@ -1,6 +1,7 @@
 // Host runtime: the subset of the CUDA runtime API that the capture library calls, for the
 // host build. Managed and device memory are ordinary aligned host memory; a stream is an
-// object whose work has already run when the enqueuing call returns. Error codes, flag values
+// object whose work has already run when the enqueuing call returns (unless the strict mode of
+// HostRuntimeControl.h defers it to the stream's synchronisation). Error codes, flag values
 // and error texts are CUDA's own, so messages read the same in both builds.
 #pragma once
 
@@ -26,15 +27,19 @@ enum cudaError {
     cudaErrorMemoryAllocation = 2,
     cudaErrorInitializationError = 3,
     cudaErrorCudartUnloading = 4,
+    cudaErrorInvalidConfiguration = 9,
     cudaErrorLaunchFailure = 719,
     cudaErrorInsufficientDriver = 35,
     cudaErrorInvalidDevice = 101,
     cudaErrorNoDevice = 100,
+    cudaErrorNoKernelImageForDevice = 209,
     cudaErrorSetOnActiveProcess = 36,
     cudaErrorInvalidResourceHandle = 400,
     cudaErrorNotReady = 600,
     cudaErrorIllegalAddress = 700,
     cudaErrorLaunchOutOfResources = 701,
+    cudaErrorHostMemoryAlreadyRegistered = 712,
+    cudaErrorHostMemoryNotRegistered = 713,
     cudaErrorNotSupported = 801,
     cudaErrorUnknown = 999
 };
@@ -49,6 +54,8 @@ typedef enum cudaError cudaError_t;
 #define cudaDeviceLmemResizeToMax 0x10
 
 // Managed memory attach flags.
+#define cudaHostRegisterDefault 0x00
+#define cudaHostRegisterMapped 0x02
 #define cudaMemAttachGlobal 0x01
 #define cudaMemAttachHost 0x02
 #define cudaMemAttachSingle 0x04
@@ -84,6 +91,9 @@ cudaError_t cudaDeviceSynchronize(void);
 cudaError_t cudaMallocManaged(void** devPtr, size_t size, unsigned int flags);
 cudaError_t cudaMalloc(void** devPtr, size_t size);
 cudaError_t cudaFree(void* devPtr);
+cudaError_t cudaHostRegister(void* ptr, size_t size, unsigned int flags);
+cudaError_t cudaHostUnregister(void* ptr);
+cudaError_t cudaHostGetDevicePointer(void** pDevice, void* pHost, unsigned int flags);
 cudaError_t cudaStreamCreate(cudaStream_t* stream);
 cudaError_t cudaStreamCreateWithFlags(cudaStream_t* stream, unsigned int flags);
 cudaError_t cudaStreamDestroy(cudaStream_t stream);

@@ -1,0 +1,108 @@
+// Unmodified V4L2 programs against a simulated camera through the preload library: v4l2-ctl
+// streams by memory mapping, and the frames it writes equal the simulator's own rendering of the
+// same frames, made in process by a twin sensor; the kernel's conformance tool finds every
+// request outside the control section, buffers and streaming (user pointers and memory mapping,
+// with select and with epoll) included, as a real driver answers them.
+#include "support/sim_client.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace ruvo::capture {
+namespace {
+
+constexpr const char* kV4l2Ctl = "/usr/bin/v4l2-ctl";
+constexpr const char* kCompliance = "/usr/bin/v4l2-compliance";
+
+// Runs `command` through the shell; its exit status and what it printed.
+std::pair<int, std::string> run(const std::string& command) {
+    std::string output;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (!pipe) return {-1, "popen failed"};
+    char chunk[512];
+    while (size_t n = std::fread(chunk, 1, sizeof chunk, pipe)) output.append(chunk, n);
+    return {pclose(pipe), output};
+}
+
+TEST(SimCam, V4l2CtlCapturesTheFramesTheSimulatorRenders) {
+#ifndef RUVO_SIMCAM_LIBRARY
+    GTEST_SKIP() << "the preload library is not built in sanitizer builds";
+#else
+    if (access(kV4l2Ctl, X_OK) != 0) GTEST_SKIP() << "v4l2-ctl is absent: install v4l-utils (scripts/install-deps.sh)";
+    const std::string dir = ::testing::TempDir();
+    const std::string config = dir + "ruvo-simcam-ctl.properties";
+    const std::string node = "/dev/ruvo-simcam-test0";
+    const std::string frames = dir + "ruvo-simcam-ctl.raw";
+    std::ofstream(config) << "node.0.path = " << node << "\nnode.0.sim.clock = free\n"
+                          << "node.0.sim.noise = true\nnode.0.sim.seed = 7\n";
+    const auto [status, output] =
+        run("RUVO_SIMCAM_CONFIG=" + config + " LD_PRELOAD=" + RUVO_SIMCAM_LIBRARY + " " + kV4l2Ctl + " -d " + node +
+            " --set-fmt-video=width=672,height=380 --stream-mmap --stream-count=30 --stream-to=" + frames);
+    ASSERT_EQ(status, 0) << output;
+    std::ifstream file(frames, std::ios::binary);
+    const std::vector<char> captured((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const size_t frameBytes = 672 * 380 * 2;
+    ASSERT_EQ(captured.size(), 30 * frameBytes) << output;
+    // Noise makes every frame different, so a frame out of place or repeated does not match.
+    testing::SimClient twin({{"sim.noise", "true"}, {"sim.seed", "7"}});
+    twin.start(672, 380);
+    for (size_t i = 0; i < 30; ++i) {
+        const v4l2_buffer b = twin.stepAndDequeue();
+        ASSERT_EQ(std::memcmp(captured.data() + i * frameBytes, twin.samples(b.index), frameBytes), 0) << "frame " << i;
+        ASSERT_EQ(twin.queue(b.index), 0);
+    }
+    std::remove(frames.c_str());
+    std::remove(config.c_str());
+#endif
+}
+
+// The conformance tool's failing tests, by section ("Buffer ioctls (Input 0)": "VIDIOC_REQBUFS...").
+std::set<std::string> failingTests(const std::string& output, const std::string& skippedSection) {
+    std::set<std::string> failing;
+    std::istringstream lines(output);
+    std::string line, section;
+    while (std::getline(lines, line)) {
+        if (!line.empty() && line[0] != '\t' && line.back() == ':') section = line;
+        const size_t test = line.find("\ttest ");
+        if (test == std::string::npos || line.find(": FAIL") == std::string::npos) continue;
+        if (section.rfind(skippedSection, 0) != 0) failing.insert(section + " " + line.substr(test + 6));
+    }
+    return failing;
+}
+
+class SimCamCompliance : public ::testing::TestWithParam<std::string> {};
+
+// Without and with streaming (-s: memory mapping and user pointers, each without polling, with
+// select and with epoll). Control requests beyond QUERYCTRL/G_CTRL/S_CTRL (the extended ones and
+// control events) are not served, so the control section is left out.
+TEST_P(SimCamCompliance, EverythingButTheControlSectionConforms) {
+#ifndef RUVO_SIMCAM_LIBRARY
+    GTEST_SKIP() << "the preload library is not built in sanitizer builds";
+#else
+    if (access(kCompliance, X_OK) != 0)
+        GTEST_SKIP() << "v4l2-compliance is absent: install v4l-utils (scripts/install-deps.sh)";
+    const std::string config = ::testing::TempDir() + "ruvo-simcam-compliance.properties";
+    const std::string node = "/dev/ruvo-simcam-compliance0";
+    std::ofstream(config) << "node.0.path = " << node << "\nnode.0.sim.clock = free\n";
+    const auto [status, output] = run("RUVO_SIMCAM_CONFIG=" + config + " LD_PRELOAD=" + RUVO_SIMCAM_LIBRARY + " " +
+                                      kCompliance + " -d " + node + " " + GetParam());
+    EXPECT_NE(output.find("Total for ruvo-sim device " + node), std::string::npos) << output;
+    EXPECT_EQ(failingTests(output, "Control ioctls"), std::set<std::string>{}) << output;
+    std::remove(config.c_str());
+#endif
+}
+
+INSTANTIATE_TEST_SUITE_P(WithoutAndWithStreaming, SimCamCompliance, ::testing::Values("", "-s 20"));
+
+}  // namespace
+}  // namespace ruvo::capture
