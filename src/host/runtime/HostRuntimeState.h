@@ -46,6 +46,7 @@ struct RuntimeState {
     std::mutex mutex;
     std::map<std::string, Fault> faults;
     std::map<const void*, Allocation> allocations;
+    std::map<const void*, size_t> registered;  // host ranges given to cudaHostRegister, by start
     std::set<cudaStream_t> streams;
     std::map<cudaStream_t, StreamWork> work;  // by stream; the null stream too
     int deviceCount = 1;
