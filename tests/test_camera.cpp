@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <future>
@@ -28,6 +29,15 @@ using ruvo::test::simCameraConfig;
 using ruvo::test::uniqueSimPath;
 
 namespace {
+
+// Where two outputs first differ; "equal" when they do not.
+std::string difference(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+    if (a.size() != b.size()) return "sizes " + std::to_string(a.size()) + " and " + std::to_string(b.size());
+    const auto at = std::mismatch(a.begin(), a.end(), b.begin());
+    if (at.first == a.end()) return "equal";
+    return "byte " + std::to_string(at.first - a.begin()) + ": " + std::to_string(*at.first) + " vs " +
+           std::to_string(*at.second);
+}
 
 std::string refusal(CUDACamera& camera, const Controls& controls) {
     try {
@@ -47,6 +57,18 @@ struct Camera : ::testing::Test {
         camera = std::make_unique<CUDACamera>(simCameraConfig(path, keys), 0);
     }
     std::shared_ptr<sim::SimulatedSensor> sensor() { return sim::findSensor(path); }
+    // The first frame's first output of a camera configured with `keys`, bytes as delivered.
+    std::vector<uint8_t> firstOutput(const ruvo::test::Keys& keys) {
+        configure(keys);
+        camera->start();
+        CUDACamera::Bucket* bucket = next();
+        if (!bucket) return {};
+        const CUDACamera::CUDAFrame& out = bucket->buffers.at(0).frame;
+        std::vector<uint8_t> copy(out.data, out.data + out.size);
+        camera->release(bucket->index);
+        camera->stop();
+        return copy;
+    }
     // Steps the sensor once and reads the frame.
     CUDACamera::Bucket* next() {
         sensor()->step();
@@ -305,6 +327,52 @@ TEST_F(Camera, AutoMemoryMapsWhenTheDriverOffersNoUserPointers) {
     } catch (const CaptureDeviceException& e) {
         EXPECT_EQ(std::string(e.what()), path + " does not support user pointer I/O");
     }
+}
+
+// The same noiseless chart delivered 10-bit LSB-aligned (v), CSI-2 packed 10-bit (v), packed
+// 12-bit (v x 4) or in 16-bit words (v x 64) gives the YUV of the default layout (v x 16), by user
+// pointers and by memory mapping; a format the driver lacks is refused by name.
+TEST_F(Camera, EveryDeliveredLayoutGivesTheDefaultLayoutsOutput) {
+    const std::vector<uint8_t> reference = firstOutput({{"sim.scene", "chart"}});
+    ASSERT_FALSE(reference.empty());
+    // BG10 from a driver with the private controls is the default layout unless named.
+    const ruvo::test::Keys cases[] = {
+        {{"sim.format", "BG10"}, {"pixelFormat", "BG10"}},  {{"sim.format", "pBAA"}},
+        {{"sim.format", "pBAA"}, {"sim.userptr", "false"}}, {{"sim.format", "BG12,pBCC"}, {"pixelFormat", "pBCC"}},
+        {{"sim.format", "BG12"}, {"sim.userptr", "false"}}, {{"sim.format", "BYR2"}}};
+    for (ruvo::test::Keys keys : cases) {
+        keys.emplace_back("sim.scene", "chart");
+        SCOPED_TRACE(keys.front().second + (keys.size() > 2 ? " " + keys[1].first + "=" + keys[1].second : ""));
+        EXPECT_EQ(difference(firstOutput(keys), reference), "equal");
+    }
+    configure({{"sim.format", "pBAA"}, {"pixelFormat", "RG12"}});
+    try {
+        camera->start();
+        FAIL() << "started with a format the driver does not offer";
+    } catch (const CaptureDeviceException& e) {
+        EXPECT_EQ(std::string(e.what()), path + " does not support RG12 format");
+    }
+}
+
+// A flat field under a warm illuminant (red above blue) gives the same YUV whichever of the four
+// orders the sensor delivers, and stays warm: V above neutral, U below.
+TEST_F(Camera, AFlatColouredFieldLooksTheSameInEveryBayerOrder) {
+    const auto flat = [&](const std::string& format) {
+        return firstOutput({{"sim.format", format},
+                            {"sim.scene", "flat"},
+                            {"sim.level", "0.4"},
+                            {"sim.colourTemperature", "3000"},
+                            {"pixelFormat", format}});
+    };
+    const std::vector<uint8_t> reference = flat("BG10");
+    ASSERT_GE(reference.size(), 1280u * 720 * 3 / 2);
+    // YUV 4:2:0 planes, a sample from the middle of each chroma plane.
+    const size_t luma = 1280 * 720;
+    const uint8_t u = reference[luma + luma / 8], v = reference[luma + luma / 4 + luma / 8];
+    EXPECT_LT(u, 118);
+    EXPECT_GT(v, 138);
+    for (const char* format : {"GB10", "BA10", "RG10", "pRAA"})
+        EXPECT_EQ(difference(flat(format), reference), "equal") << format;
 }
 
 TEST(MeteringSamples, SeedZeroCamerasDrawIdenticalTablesThatGrowPerStartAndFitTheSize) {
