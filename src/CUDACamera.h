@@ -167,6 +167,7 @@ private:
     bool acceptFrame(const v4l2_buffer& buf, Bucket& bucket);
     // Raw format (CUDACameraFormat.cpp).
     std::vector<uint32_t> offeredFormats();
+    void describeFormats(Capabilities& capabilities);
     sensor::PixelFormat chooseRawFormat();
     v4l2_format negotiateFormat();
     void allocateDelivered(Bucket& bucket);
@@ -230,6 +231,7 @@ private:
     uint32_t _bytesPerLine = 0;                  // of the driver's format
     uint32_t _sizeImage = 0;
     sensor::PixelFormat _pixelFormat = sensor::defaultLayoutFormat();  // as negotiated
+    std::vector<uint32_t> _offeredFormats;                             // the driver's list at the last start
     int64_t _nextSequence = -1;  // the driver sequence expected next; -1 before the first frame
     uint64_t _droppedFrames = 0;
     uint64_t _errorBuffers = 0;

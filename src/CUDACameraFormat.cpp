@@ -34,8 +34,8 @@ std::vector<uint32_t> CUDACamera::offeredFormats() {
 // private channel-gain controls (the default sensor) is its 14-bit layout; otherwise the first
 // offered format the pipeline converts. A driver that lists no formats is asked for the default.
 sensor::PixelFormat CUDACamera::chooseRawFormat() {
+    const std::vector<uint32_t> offered = _offeredFormats = offeredFormats();
     if (_params.pixelFormat != "auto") return sensor::parsePixelFormat(_params.pixelFormat, "pixelFormat");
-    const std::vector<uint32_t> offered = offeredFormats();
     v4l2_queryctrl query{};
     query.id = sensor::CID_RED_GAIN;
     const bool privateControls = xioctl(VIDIOC_QUERYCTRL, &query) == 0;
@@ -48,6 +48,32 @@ sensor::PixelFormat CUDACamera::chooseRawFormat() {
         names += (names.empty() ? "" : ", ") + sensor::fourccText(code);
     }
     throw CaptureDeviceException(_params.path + " offers no Bayer format the pipeline takes (" + names + ")");
+}
+
+// The formats the driver offers that the camera takes, and the one in use: as found at the last
+// start while running, else asked of the device, opened for the purpose (a device that cannot
+// be opened lists none).
+void CUDACamera::describeFormats(Capabilities& capabilities) {
+    sensor::PixelFormat chosen = _pixelFormat;
+    if (!_isRunning && _fd == -1) {
+        try {
+            open_device();
+        } catch (const CaptureDeviceException&) {
+            return;
+        }
+        try {
+            chosen = chooseRawFormat();
+        } catch (const CaptureDeviceException&) {
+            chosen = sensor::PixelFormat{};  // nothing the camera takes
+        }
+        close_device();
+    }
+    for (uint32_t code : _offeredFormats) {
+        if (code == sensor::defaultLayoutFormat().fourcc || sensor::findBayerFormat(code))
+            capabilities.pixelFormats.push_back(sensor::fourccText(code));
+    }
+    if (chosen.fourcc != 0)
+        capabilities.pixelFormat = chosen.isDefaultLayout() ? "default" : sensor::fourccText(chosen.fourcc);
 }
 
 // Sets the chosen format at the configured size; the driver's answer comes back.

@@ -351,6 +351,11 @@ TEST_F(Camera, EveryDeliveredLayoutGivesTheDefaultLayoutsOutput) {
     }
     configure({{"sim.format", "pBAA"}, {"pixelFormat", "RG12"}});
     EXPECT_EQ(startFailure(), path + " does not support RG12 format");
+    // Before a start, the capabilities ask the driver: "auto" takes the first format it offers.
+    configure({{"sim.format", "RG16,BA81,pRCC"}});
+    const Capabilities offered = camera->getCapabilities();
+    EXPECT_EQ(offered.pixelFormats, (std::vector<std::string>{"RG16", "BA81", "pRCC"}));
+    EXPECT_EQ(offered.pixelFormat, "RG16");
 }
 
 // A flat field under a warm illuminant (red above blue) gives the same YUV whichever of the four
