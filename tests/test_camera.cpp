@@ -6,6 +6,7 @@
 #include "CUDACamera.h"
 #include "OutputBufferConfig.h"
 #include "SensorControls.h"
+#include "sim/Scene.h"
 #include "sim/SimulatedSensor.h"
 #include "support/CameraTestAccess.h"
 #include "support/GpuPresence.h"
@@ -17,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <future>
@@ -377,6 +379,48 @@ TEST_F(Camera, AFlatColouredFieldLooksTheSameInEveryBayerOrder) {
     EXPECT_GT(v, 138);
     for (const char* format : {"GB10", "BA10", "RG10", "pRAA"})
         EXPECT_EQ(difference(flat(format), reference), "equal") << format;
+}
+
+// On the chart, unmirrored so that the patches sit where the chart's geometry puts them, every
+// patch's interior has the same mean Y, U and V within 1 in all four orders (the orders differ by
+// a one-pixel shift of the sampling grid), and the red patch stays red.
+TEST_F(Camera, ChartPatchesAgreeAcrossBayerOrders) {
+    constexpr int kWidth = 1280, kHeight = 720, kRedPatch = 14;
+    // Mean Y, U and V over the middle half of each patch of a YUV 4:2:0 frame.
+    const auto patchMeans = [&](const std::string& format) {
+        const std::vector<uint8_t> yuv = firstOutput({{"sim.format", format},
+                                                      {"sim.scene", "chart"},
+                                                      {"pixelFormat", format},
+                                                      {"hFlip", "false"},
+                                                      {"vFlip", "false"}});
+        std::vector<std::array<double, 3>> means(24);
+        if (yuv.size() < size_t{kWidth} * kHeight * 3 / 2) return means;
+        const uint8_t* planes[3] = {yuv.data(), yuv.data() + kWidth * kHeight, yuv.data() + kWidth * kHeight * 5 / 4};
+        for (int p = 0; p < 24; ++p) {
+            const sim::RelativeRect r = sim::chartPatchRect(p);
+            for (int c = 0; c < 3; ++c) {
+                const int w = c == 0 ? kWidth : kWidth / 2, h = c == 0 ? kHeight : kHeight / 2;
+                const int x0 = static_cast<int>((r.left * 3 + r.right) / 4 * w),
+                          x1 = static_cast<int>((r.left + r.right * 3) / 4 * w);
+                const int y0 = static_cast<int>((r.top * 3 + r.bottom) / 4 * h),
+                          y1 = static_cast<int>((r.top + r.bottom * 3) / 4 * h);
+                double sum = 0;
+                for (int y = y0; y < y1; ++y)
+                    for (int x = x0; x < x1; ++x) sum += planes[c][y * w + x];
+                means[p][c] = sum / ((x1 - x0) * (y1 - y0));
+            }
+        }
+        return means;
+    };
+    const auto reference = patchMeans("BG10");
+    EXPECT_GT(reference[kRedPatch][2], 150.0) << "V of the red patch";
+    EXPECT_LT(reference[kRedPatch][1], 128.0) << "U of the red patch";
+    for (const char* format : {"GB10", "BA10", "RG10"}) {
+        const auto means = patchMeans(format);
+        for (int p = 0; p < 24; ++p)
+            for (int c = 0; c < 3; ++c)
+                EXPECT_NEAR(means[p][c], reference[p][c], 1.0) << format << " patch " << p << " plane " << c;
+    }
 }
 
 TEST(MeteringSamples, SeedZeroCamerasDrawIdenticalTablesThatGrowPerStartAndFitTheSize) {
