@@ -3,14 +3,19 @@
 // threads (host build; the CUDA build runs on the GPU whatever the thread count). Names read
 // pipeline/<configuration>/<mode>/<size>/threads:<n>; filter with --benchmark_filter. GB/s counts the
 // bytes the plan moves (raw frame read, every output written, every intermediate read again); the
-// CUDA build adds the device's peak memory bandwidth to the context (device_peak_GB/s).
+// CUDA build adds the device's peak memory bandwidth to the context (device_peak_GB/s). The
+// delivered sample layouts are timed with their conversion included, YUV_ONLY bilinear:
+// layout/<layout>/<size>/threads:<n>.
 #include "isp/IspPlan.h"
+#include "isp/RawUnpack.h"
 #include "support/GpuPresence.h"
 #include "support/kernel_buffers.h"
+#include "support/raw_layouts.h"
 
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -86,6 +91,64 @@ void addDevicePeak() {
 #endif
 }
 
+namespace k = ruvo::capture::kernels;
+
+// YUV_ONLY bilinear from a frame delivered in `layout`, its conversion to the pipeline's samples
+// included (none for the pipeline's own layout).
+void runLayout(benchmark::State& state, k::RawLayout layout, ProcessedSize size, int threads) {
+    std::string reason;
+    if (!cudaDeviceAvailable(&reason)) {
+        state.SkipWithError(reason.c_str());
+        return;
+    }
+    omp_set_num_threads(threads);
+    IspRig rig(cap::YUV_ONLY, size);
+    std::vector<uint16_t> values = colourFrame(size.width, size.height, 614, 409, 307, 300, 1);
+    for (uint16_t& v : values) v = static_cast<uint16_t>(v >> (14 - layout.bits));
+    const size_t stride = k::packedRowBytes(layout.storage, size.width);
+    const std::vector<uint8_t> bytes = packFrame(layout.storage, values, size.width, size.height, stride);
+    void* delivered = nullptr;
+    if (cudaMallocManaged(&delivered, bytes.size(), cudaMemAttachGlobal) != cudaSuccess) {
+        state.SkipWithError("cudaMallocManaged failed");
+        return;
+    }
+    std::memcpy(delivered, bytes.data(), bytes.size());
+    if (layout.isPipelineLayout()) rig.fillRaw(values);
+    cudaStream_t stream = nullptr;
+    cudaStreamCreate(&stream);
+    const auto frame = [&] {
+        if (!layout.isPipelineLayout()) {
+            cap::unpackRawFrame(stream, layout, delivered, stride, rig.raw(), size.width, size.height);
+            cudaStreamSynchronize(stream);
+        }
+        rig.run(cap::BILINEAR_5, {0.8f, 0.8f, 0.8f, 0.9f, 0.9f});
+    };
+    frame();
+    for (auto _ : state) frame();
+    cudaStreamDestroy(stream);
+    cudaFree(delivered);
+}
+
+void registerLayouts() {
+    const k::RawLayout layouts[] = {k::kPipelineLayout,
+                                    {k::BayerOrder::kBGGR, k::SampleStorage::kWords, 10},
+                                    {k::BayerOrder::kBGGR, k::SampleStorage::kCsi2Packed10, 10},
+                                    {k::BayerOrder::kBGGR, k::SampleStorage::kCsi2Packed12, 12},
+                                    {k::BayerOrder::kRGGB, k::SampleStorage::kCsi2Packed10, 10}};
+    const int allThreads = omp_get_num_procs();
+    for (const k::RawLayout& layout : layouts) {
+        for (int threads : {1, allThreads}) {
+            const ProcessedSize size{1280, 720};
+            const std::string name =
+                "layout/" + layoutName(layout) + "/" + sizeName(size) + "/threads:" + std::to_string(threads);
+            benchmark::RegisterBenchmark(name.c_str(), runLayout, layout, size, threads)
+                ->Unit(benchmark::kMillisecond)
+                ->UseRealTime();
+            if (allThreads == 1) break;
+        }
+    }
+}
+
 void registerAll() {
     const int allThreads = omp_get_num_procs();
     for (int configuration = 0; configuration < 12; ++configuration) {
@@ -109,6 +172,7 @@ void registerAll() {
 
 int main(int argc, char** argv) {
     registerAll();
+    registerLayouts();
     addDevicePeak();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

@@ -188,6 +188,7 @@ void CUDACamera::init_mem(const v4l2_format& format) {
             std::memset(static_cast<unsigned char*>(buf.host) + static_cast<size_t>(W) * H * 2, 0,
                         static_cast<size_t>(W) * (C - H) * 2);
         }
+        if (!_pixelFormat.isDefaultLayout()) allocateDelivered(bucket);
         allocateOutputs(bucket, W, C, H);
         if (_memoryType == V4L2_MEMORY_USERPTR) attachUserBuffer(bucket);
     }
@@ -260,6 +261,10 @@ void CUDACamera::deinit_mem() {
         if (bucket.cudaIn.host) {
             CUDA_CHECK(cudaFree(bucket.cudaIn.host));
             bucket.cudaIn.host = bucket.cudaIn.device = nullptr;
+        }
+        if (bucket.delivered.host) {
+            CUDA_CHECK(cudaFree(bucket.delivered.host));
+            bucket.delivered = CUDABuffer{};
         }
         for (Bucket::OutputBuffer& outBuffer : bucket.buffers) {
             if (outBuffer.cudaOut.host) {

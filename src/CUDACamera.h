@@ -7,6 +7,7 @@
 #include "CUDAKernels.h"
 #include "CameraParams.h"
 #include "io/DeviceIo.h"
+#include "sensor/PixelFormats.h"
 
 #include <ruvo/capture/Capabilities.h>
 #include <ruvo/capture/Frame.h>
@@ -82,7 +83,8 @@ public:
         uint32_t height = 0;
         uint32_t cuda_height = 0;  // rows of the GPU input: 384 for 380, 1152 for 1080
         V4L2Buffer v4l2;
-        CUDABuffer cudaIn;  // raw frame: 16-bit samples, the same memory as v4l2.data
+        CUDABuffer cudaIn;     // raw frame: 16-bit samples, the same memory as v4l2.data
+        CUDABuffer delivered;  // the frame in a format converted into cudaIn; empty for the default layout
         std::vector<OutputBuffer> buffers;
         std::vector<std::vector<unsigned char*>> extraCudaBuffers;  // scratch device memory per output
         std::vector<std::vector<int>> extraCudaBufferLengths;
@@ -172,6 +174,12 @@ private:
     void releaseDriverBuffer(Bucket& bucket);
     void queueBuffer(Bucket& bucket, const char* context);
     bool acceptFrame(const v4l2_buffer& buf, Bucket& bucket);
+    // Raw format (CUDACameraFormat.cpp).
+    std::vector<uint32_t> offeredFormats();
+    void describeFormats(Capabilities& capabilities);
+    sensor::PixelFormat chooseRawFormat();
+    v4l2_format negotiateFormat();
+    void allocateDelivered(Bucket& bucket);
     void copyIn(Bucket& bucket) const;
     void deinit_mem();
     void deinit_device();
@@ -231,6 +239,8 @@ private:
     uint32_t _memoryType = V4L2_MEMORY_USERPTR;  // the queue's, as granted at REQBUFS
     uint32_t _bytesPerLine = 0;                  // of the driver's format
     uint32_t _sizeImage = 0;
+    sensor::PixelFormat _pixelFormat = sensor::defaultLayoutFormat();  // as negotiated
+    std::vector<uint32_t> _offeredFormats;                             // the driver's list at the last start
     int64_t _nextSequence = -1;  // the driver sequence expected next; -1 before the first frame
     uint64_t _droppedFrames = 0;
     uint64_t _errorBuffers = 0;

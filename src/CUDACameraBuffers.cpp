@@ -73,7 +73,7 @@ void CUDACamera::mapDriverBuffer(Bucket& bucket, uint32_t cudaHeight) {
     v4l2.length = bucket.width * bucket.height;
     v4l2.mapped = true;
     const size_t inputBytes = static_cast<size_t>(bucket.width) * cudaHeight * 2;
-    if (_bytesPerLine != bucket.width * 2 || buf.length < inputBytes) return;
+    if (!_pixelFormat.isDefaultLayout() || _bytesPerLine != bucket.width * 2 || buf.length < inputBytes) return;
     if (cudaHostRegister(data, buf.length, cudaHostRegisterMapped) != cudaSuccess) {
         cudaGetLastError();  // refused registration is not a fault: the frames are copied instead
         return;
@@ -97,6 +97,10 @@ void CUDACamera::attachUserBuffer(Bucket& bucket) {
     v4l2.stride = _bytesPerLine;
     v4l2.length = bucket.width * bucket.height;
     v4l2.size = std::max(_sizeImage, _bytesPerLine * bucket.height);
+    if (!_pixelFormat.isDefaultLayout()) {  // delivered where the conversion reads it
+        v4l2.data = bucket.delivered.host;
+        return;
+    }
     if (_bytesPerLine == bucket.width * 2 && v4l2.size <= bucket.cudaIn.size) {
         v4l2.data = bucket.cudaIn.host;
         return;
@@ -138,7 +142,8 @@ bool CUDACamera::acceptFrame(const v4l2_buffer& buf, Bucket& bucket) {
     if (_nextSequence < 0) _droppedFrames += buf.sequence;  // frames lost before the first one
     _nextSequence = static_cast<int64_t>(buf.sequence) + 1;
     const bool damaged = (buf.flags & V4L2_BUF_FLAG_ERROR) != 0 ||
-                         buf.bytesused < static_cast<uint64_t>(_bytesPerLine) * (bucket.height - 1) + bucket.width * 2;
+                         buf.bytesused < static_cast<uint64_t>(_bytesPerLine) * (bucket.height - 1) +
+                                             _pixelFormat.rowBytes(bucket.width);
     if (damaged) {
         ++_errorBuffers;
         return false;
@@ -153,15 +158,6 @@ bool CUDACamera::acceptFrame(const v4l2_buffer& buf, Bucket& bucket) {
     fb.droppedFrames = _droppedFrames;
     fb.errorBuffers = _errorBuffers;
     return true;
-}
-
-// Packs the driver's rows into the raw input when the pipeline cannot read them where they are.
-void CUDACamera::copyIn(Bucket& bucket) const {
-    const auto* source = static_cast<const unsigned char*>(bucket.v4l2.data);
-    auto* destination = static_cast<unsigned char*>(bucket.cudaIn.host);
-    const size_t row = static_cast<size_t>(bucket.width) * 2;
-    for (uint32_t y = 0; y < bucket.height; ++y)
-        std::memcpy(destination + y * row, source + static_cast<size_t>(y) * bucket.v4l2.stride, row);
 }
 
 }  // namespace capture

@@ -65,6 +65,7 @@ void CUDACamera::copyControls(Controls& into) {
 Capabilities CUDACamera::getCapabilities() {
     Capabilities capabilities;
     capabilities.resolutions.assign(kSupportedSizes.begin(), kSupportedSizes.end());
+    describeFormats(capabilities);
     return capabilities;
 }
 

@@ -69,17 +69,7 @@ void CUDACamera::init_device() {
     if (!(caps & V4L2_CAP_STREAMING)) {
         throw CaptureDeviceException(_params.path + " does not support streaming i/o");
     }
-    v4l2_format format{};
-    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    format.fmt.pix.width = _controls.width;  // a size set through the controls applies at the next start
-    format.fmt.pix.height = _controls.height;
-    format.fmt.pix.pixelformat = V4L2_PIX_FMT_SBGGR10;
-    format.fmt.pix.field = V4L2_FIELD_NONE;
-    if (xioctl(VIDIOC_S_FMT, &format) == -1) throw CaptureDeviceException("VIDIOC_S_FMT " + errnoText(errno));
-    if (format.fmt.pix.pixelformat != V4L2_PIX_FMT_SBGGR10) {
-        throw CaptureDeviceException(_params.path +
-                                     " does not support SBGGR10 format. Support for more formats need to be added!");
-    }
+    const v4l2_format format = negotiateFormat();
     if (format.fmt.pix.width != _controls.width || format.fmt.pix.height != _controls.height) {
         throw CaptureDeviceException("Unsupported resolution: " + std::to_string(_controls.width) + "x" +
                                      std::to_string(_controls.height));
@@ -87,7 +77,7 @@ void CUDACamera::init_device() {
     // Rows may be padded; the image may need more than its rows.
     _bytesPerLine = format.fmt.pix.bytesperline;
     _sizeImage = format.fmt.pix.sizeimage;
-    if (_bytesPerLine < 2 * format.fmt.pix.width ||
+    if (_bytesPerLine < _pixelFormat.rowBytes(format.fmt.pix.width) ||
         _sizeImage < static_cast<uint64_t>(_bytesPerLine) * format.fmt.pix.height) {
         throw CaptureDeviceException(_params.path + " reports " + std::to_string(_bytesPerLine) +
                                      " bytes per line and " + std::to_string(_sizeImage) +

@@ -3,6 +3,7 @@
 #include "CameraParams.h"
 
 #include "OutputBufferConfig.h"
+#include "sensor/PixelFormats.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
 
@@ -29,6 +30,8 @@ CUDACameraParams::CUDACameraParams(Poco::AutoPtr<Poco::Util::AbstractConfigurati
         memory = CaptureMemory::Mmap;
     else if (memoryName != "auto")
         throw CaptureDeviceException("Unsupported memory \"" + memoryName + "\": expected auto, userptr or mmap");
+    pixelFormat = config->getString("pixelFormat", "auto");
+    if (pixelFormat != "auto") sensor::parsePixelFormat(pixelFormat, "pixelFormat");  // refused here, not at start
     width = config->getUInt("width", 1280);
     height = config->getUInt("height", 720);
     hFlip = config->getBool("hFlip", true);

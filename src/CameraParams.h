@@ -54,6 +54,7 @@ struct CUDACameraParams {
     std::string path;
     uint32_t bufferPoolSize = 4;
     CaptureMemory memory = CaptureMemory::Auto;  // "memory": auto | userptr | mmap
+    std::string pixelFormat = "auto";            // "pixelFormat": auto | default | a Bayer fourcc
     uint32_t width = 0;
     uint32_t height = 0;
     bool hFlip = false;

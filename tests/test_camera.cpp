@@ -6,6 +6,7 @@
 #include "CUDACamera.h"
 #include "OutputBufferConfig.h"
 #include "SensorControls.h"
+#include "sim/Scene.h"
 #include "sim/SimulatedSensor.h"
 #include "support/CameraTestAccess.h"
 #include "support/GpuPresence.h"
@@ -16,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <future>
@@ -28,6 +31,15 @@ using ruvo::test::simCameraConfig;
 using ruvo::test::uniqueSimPath;
 
 namespace {
+
+// Where two outputs first differ; "equal" when they do not.
+std::string difference(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+    if (a.size() != b.size()) return "sizes " + std::to_string(a.size()) + " and " + std::to_string(b.size());
+    const auto at = std::mismatch(a.begin(), a.end(), b.begin());
+    if (at.first == a.end()) return "equal";
+    return "byte " + std::to_string(at.first - a.begin()) + ": " + std::to_string(*at.first) + " vs " +
+           std::to_string(*at.second);
+}
 
 std::string refusal(CUDACamera& camera, const Controls& controls) {
     try {
@@ -47,6 +59,27 @@ struct Camera : ::testing::Test {
         camera = std::make_unique<CUDACamera>(simCameraConfig(path, keys), 0);
     }
     std::shared_ptr<sim::SimulatedSensor> sensor() { return sim::findSensor(path); }
+    // The message start() fails with; empty when the camera starts.
+    std::string startFailure() {
+        try {
+            camera->start();
+        } catch (const CaptureDeviceException& e) {
+            return e.what();
+        }
+        return "";
+    }
+    // The first frame's first output of a camera configured with `keys`, bytes as delivered.
+    std::vector<uint8_t> firstOutput(const ruvo::test::Keys& keys) {
+        configure(keys);
+        camera->start();
+        CUDACamera::Bucket* bucket = next();
+        if (!bucket) return {};
+        const CUDACamera::CUDAFrame& out = bucket->buffers.at(0).frame;
+        std::vector<uint8_t> copy(out.data, out.data + out.size);
+        camera->release(bucket->index);
+        camera->stop();
+        return copy;
+    }
     // Steps the sensor once and reads the frame.
     CUDACamera::Bucket* next() {
         sensor()->step();
@@ -299,11 +332,94 @@ TEST_F(Camera, AutoMemoryMapsWhenTheDriverOffersNoUserPointers) {
     camera->release(bucket->index);
     camera->stop();
     configure({{"sim.userptr", "false"}, {"memory", "userptr"}});
-    try {
-        camera->start();
-        FAIL() << "started without user pointers";
-    } catch (const CaptureDeviceException& e) {
-        EXPECT_EQ(std::string(e.what()), path + " does not support user pointer I/O");
+    EXPECT_EQ(startFailure(), path + " does not support user pointer I/O");
+}
+
+// The same noiseless chart delivered 10-bit LSB-aligned (v), CSI-2 packed 10-bit (v), packed
+// 12-bit (v x 4) or in 16-bit words (v x 64) gives the YUV of the default layout (v x 16), by user
+// pointers and by memory mapping; a format the driver lacks is refused by name.
+TEST_F(Camera, EveryDeliveredLayoutGivesTheDefaultLayoutsOutput) {
+    const std::vector<uint8_t> reference = firstOutput({{"sim.scene", "chart"}});
+    ASSERT_FALSE(reference.empty());
+    // BG10 from a driver with the private controls is the default layout unless named.
+    const ruvo::test::Keys cases[] = {
+        {{"sim.format", "BG10"}, {"pixelFormat", "BG10"}},  {{"sim.format", "pBAA"}},
+        {{"sim.format", "pBAA"}, {"sim.userptr", "false"}}, {{"sim.format", "BG12,pBCC"}, {"pixelFormat", "pBCC"}},
+        {{"sim.format", "BG12"}, {"sim.userptr", "false"}}, {{"sim.format", "BYR2"}}};
+    for (ruvo::test::Keys keys : cases) {
+        SCOPED_TRACE(keys.front().second + (keys.size() > 1 ? " " + keys.back().second : ""));
+        keys.emplace_back("sim.scene", "chart");
+        EXPECT_EQ(difference(firstOutput(keys), reference), "equal");
+    }
+    configure({{"sim.format", "pBAA"}, {"pixelFormat", "RG12"}});
+    EXPECT_EQ(startFailure(), path + " does not support RG12 format");
+    // Before a start, the capabilities ask the driver: "auto" takes the first format it offers.
+    configure({{"sim.format", "RG16,BA81,pRCC"}});
+    const Capabilities offered = camera->getCapabilities();
+    EXPECT_EQ(offered.pixelFormats, (std::vector<std::string>{"RG16", "BA81", "pRCC"}));
+    EXPECT_EQ(offered.pixelFormat, "RG16");
+}
+
+// A flat field under a warm illuminant (red above blue) gives the same YUV whichever of the four
+// orders the sensor delivers, and stays warm: V above neutral, U below.
+TEST_F(Camera, AFlatColouredFieldLooksTheSameInEveryBayerOrder) {
+    const auto flat = [&](const std::string& format) {
+        return firstOutput({{"sim.format", format},
+                            {"sim.scene", "flat"},
+                            {"sim.level", "0.4"},
+                            {"sim.colourTemperature", "3000"},
+                            {"pixelFormat", format}});
+    };
+    const std::vector<uint8_t> reference = flat("BG10");
+    ASSERT_GE(reference.size(), 1280u * 720 * 3 / 2);
+    // YUV 4:2:0 planes, a sample from the middle of each chroma plane.
+    const size_t luma = 1280 * 720;
+    const uint8_t u = reference[luma + luma / 8], v = reference[luma + luma / 4 + luma / 8];
+    EXPECT_LT(u, 118);
+    EXPECT_GT(v, 138);
+    for (const char* format : {"GB10", "BA10", "RG10", "pRAA"})
+        EXPECT_EQ(difference(flat(format), reference), "equal") << format;
+}
+
+// On the chart, unmirrored so that the patches sit where the chart's geometry puts them, every
+// patch's interior has the same mean Y, U and V within 1 in all four orders (the orders differ by
+// a one-pixel shift of the sampling grid), and the red patch stays red.
+TEST_F(Camera, ChartPatchesAgreeAcrossBayerOrders) {
+    constexpr int kWidth = 1280, kHeight = 720, kRedPatch = 14;
+    // Mean Y, U and V over the middle half of each patch of a YUV 4:2:0 frame.
+    const auto patchMeans = [&](const std::string& format) {
+        const std::vector<uint8_t> yuv = firstOutput({{"sim.format", format},
+                                                      {"sim.scene", "chart"},
+                                                      {"pixelFormat", format},
+                                                      {"hFlip", "false"},
+                                                      {"vFlip", "false"}});
+        std::vector<std::array<double, 3>> means(24);
+        if (yuv.size() < size_t{kWidth} * kHeight * 3 / 2) return means;
+        const uint8_t* planes[3] = {yuv.data(), yuv.data() + kWidth * kHeight, yuv.data() + kWidth * kHeight * 5 / 4};
+        for (int p = 0; p < 24; ++p) {
+            const sim::RelativeRect r = sim::chartPatchRect(p);
+            for (int c = 0; c < 3; ++c) {
+                const int w = c == 0 ? kWidth : kWidth / 2, h = c == 0 ? kHeight : kHeight / 2;
+                const int x0 = static_cast<int>((r.left * 3 + r.right) / 4 * w),
+                          x1 = static_cast<int>((r.left + r.right * 3) / 4 * w);
+                const int y0 = static_cast<int>((r.top * 3 + r.bottom) / 4 * h),
+                          y1 = static_cast<int>((r.top + r.bottom * 3) / 4 * h);
+                double sum = 0;
+                for (int y = y0; y < y1; ++y)
+                    for (int x = x0; x < x1; ++x) sum += planes[c][y * w + x];
+                means[p][c] = sum / ((x1 - x0) * (y1 - y0));
+            }
+        }
+        return means;
+    };
+    const auto reference = patchMeans("BG10");
+    EXPECT_GT(reference[kRedPatch][2], 150.0) << "V of the red patch";
+    EXPECT_LT(reference[kRedPatch][1], 128.0) << "U of the red patch";
+    for (const char* format : {"GB10", "BA10", "RG10"}) {
+        const auto means = patchMeans(format);
+        for (int p = 0; p < 24; ++p)
+            for (int c = 0; c < 3; ++c)
+                EXPECT_NEAR(means[p][c], reference[p][c], 1.0) << format << " patch " << p << " plane " << c;
     }
 }
 

@@ -75,7 +75,7 @@ TEST(MakeDeviceIo, RejectsSimKeysItCannotUse) {
     for (const std::string entry :
          {"sim.clock=fast", "sim.fps=0", "sim.samples=msb16", "sim.level=1.5", "sim.noise=maybe", "sim.scene=stripes",
           "sim.scene=", "sim.scene=image.jpg", "sim.script=10:brightness=2", "sim.script=x:illuminance=2",
-          "sim.pedestal=2000", "sim.dropEvery=-1"}) {
+          "sim.pedestal=2000", "sim.dropEvery=-1", "sim.format=BG11", "sim.format=default,BG10", "sim.format=,"}) {
         const size_t equals = entry.find('=');
         const std::string path = testing::uniqueSimPath("bad");
         EXPECT_THROW(makeDeviceIo(path, testing::cameraEntry({{entry.substr(0, equals), entry.substr(equals + 1)}})),
@@ -122,6 +122,46 @@ TEST(SimV4l2, SetFormatRoundsToTheNearestSupportedSizeAndIsBusyWhileStreaming) {
     r.count = 0;
     ASSERT_EQ(c.call(VIDIOC_REQBUFS, &r), 0);
     EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), 0);
+}
+
+// ENUM_FMT lists the configured formats in order; S_FMT grants each with the row bytes V4L2
+// defines for it (CSI-2 packed 10: 5 bytes per 4 samples, 12: 3 per 2) and answers any other
+// code with the first.
+TEST(SimV4l2, OffersTheConfiguredFormatsWithTheirRowSizes) {
+    SimClient c{{"sim.format", "RG10, pRAA,BA81,pgCC,GB16"}};
+    struct Case {
+        uint32_t fourcc, bytesPerLine;
+    };
+    const Case cases[] = {{V4L2_PIX_FMT_SRGGB10, 2560},
+                          {V4L2_PIX_FMT_SRGGB10P, 1600},
+                          {V4L2_PIX_FMT_SBGGR8, 1280},
+                          {V4L2_PIX_FMT_SGRBG12P, 1920},
+                          {V4L2_PIX_FMT_SGBRG16, 2560}};
+    for (uint32_t i = 0; i < std::size(cases); ++i) {
+        v4l2_fmtdesc desc{};
+        desc.index = i;
+        desc.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        ASSERT_EQ(c.call(VIDIOC_ENUM_FMT, &desc), 0) << i;
+        EXPECT_EQ(desc.pixelformat, cases[i].fourcc) << i;
+        v4l2_format f = captureFormat(1280, 720, cases[i].fourcc);
+        ASSERT_EQ(c.call(VIDIOC_S_FMT, &f), 0);
+        EXPECT_EQ(f.fmt.pix.pixelformat, cases[i].fourcc);
+        EXPECT_EQ(f.fmt.pix.bytesperline, cases[i].bytesPerLine) << i;
+        EXPECT_EQ(f.fmt.pix.sizeimage, cases[i].bytesPerLine * 720) << i;
+        v4l2_frmsizeenum size{};
+        size.pixel_format = cases[i].fourcc;
+        EXPECT_EQ(c.call(VIDIOC_ENUM_FRAMESIZES, &size), 0) << i;
+    }
+    v4l2_fmtdesc past{};
+    past.index = std::size(cases);
+    past.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    EXPECT_EQ(c.call(VIDIOC_ENUM_FMT, &past), EINVAL);
+    v4l2_format other = captureFormat(1280, 720);
+    ASSERT_EQ(c.call(VIDIOC_TRY_FMT, &other), 0);
+    EXPECT_EQ(other.fmt.pix.pixelformat, uint32_t{V4L2_PIX_FMT_SRGGB10});
+    v4l2_frmsizeenum size{};
+    size.pixel_format = V4L2_PIX_FMT_SBGGR10;
+    EXPECT_EQ(c.call(VIDIOC_ENUM_FRAMESIZES, &size), EINVAL) << "not offered";
 }
 
 TEST(SimV4l2, UserPointersAreCheckedWhenQueued) {

@@ -115,10 +115,13 @@ TEST_F(Strict, LaunchFailureIsReportedOnlyByGetLastError) {
 }
 
 // One bucket's kernels are pending while the sensor fills the next queued bucket from the CPU and
-// the client reads the outputs of a bucket it holds: neither may touch memory the kernels own.
-TEST_F(Strict, DriverFillsAndClientReadsOtherBucketsWhileKernelsRun) {
+// the client reads the outputs of a bucket it holds: neither may touch memory the kernels own. So
+// for the default layout and for a delivered format the camera converts on the bucket's stream.
+struct StrictFormats : Strict, ::testing::WithParamInterface<const char*> {};
+
+TEST_P(StrictFormats, DriverFillsAndClientReadsOtherBucketsWhileKernelsRun) {
     hostrt::fillNewAllocations(0xEE);
-    startCamera();
+    startCamera({{"sim.format", GetParam()}});
     CUDACamera::Bucket* held = next();
     ASSERT_NE(held, nullptr);
     const auto& plane = held->buffers[0];
@@ -148,6 +151,8 @@ TEST_F(Strict, DriverFillsAndClientReadsOtherBucketsWhileKernelsRun) {
     camera->release(processed->index);
     camera->stop();
 }
+
+INSTANTIATE_TEST_SUITE_P(Delivered, StrictFormats, ::testing::Values("default", "pRAA"));
 
 // Each kernel of the richest plan fails at launch in turn: the frame is refused with the kernel's
 // name (never delivered), its bucket goes back only after its already enqueued kernels finished,

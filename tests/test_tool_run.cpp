@@ -266,7 +266,7 @@ TEST_F(ToolCommands, InfoListsCapabilitiesControlsAndEveryOutputConfiguration) {
     for (const char* text : {
              "camera 0 (devices[0]): name \"left\", path \"sim:left\"",
              "camera 1 (devices[1]): name \"right\", path \"sim:right\"",
-             "capabilities: 672x380 1280x720 1920x1080 2688x1520",
+             "capabilities: 672x380 1280x720 1920x1080 2688x1520", "pixel formats: BG10 (in use: default)",
              "target Y 0.250",  // --set reaches the camera
              "hFlip true, vFlip false", "mode \"default\"", "exposure time range 0.167 .. 33.333 ms",
              "buffer 4: HISTOGRAM8  8bit skin masked luminance histogram  NOT_APPLICABLE",

@@ -1,6 +1,7 @@
 // Rendering, caching, noise and metering of simulated Bayer frames.
 #include "sim/FrameRenderer.h"
 
+#include "sim/SampleFormats.h"
 #include "sim/SensorModel.h"
 
 #include <algorithm>
@@ -19,8 +20,20 @@ bool samePlane(const FrameSettings& a, const FrameSettings& b) {
 bool sameFrame(const FrameSettings& a, const FrameSettings& b) {
     return samePlane(a, b) && a.exposure == b.exposure && a.gain == b.gain && a.redGain == b.redGain &&
            a.greenGain == b.greenGain && a.blueGain == b.blueGain && a.illuminance == b.illuminance &&
-           a.colourTemperature == b.colourTemperature && a.pedestal == b.pedestal && a.samples == b.samples;
+           a.colourTemperature == b.colourTemperature && a.pedestal == b.pedestal && a.layout.order == b.layout.order &&
+           a.layout.storage == b.layout.storage && a.layout.bits == b.layout.bits;
 }
+
+// The colour filter over delivered pixel (x, y): the sensor's B G / G R pattern moved so that
+// its first B sample sits where the delivered order puts it.
+BayerChannel channelAt(int x, int y, kernels::BayerOrder order) {
+    return bayerChannel(x ^ static_cast<int>(kernels::bayerColumnOffset(order)),
+                        y ^ static_cast<int>(kernels::bayerRowOffset(order)));
+}
+
+// The shift of the codes held in 16-bit words: into the delivered word, or none when the rows
+// are packed from plain codes.
+int codeShift(const FrameSettings& s) { return std::max(wordShift(s.layout), 0); }
 
 bool sameRect(const MeterRect& a, const MeterRect& b) {
     return a.enabled == b.enabled && a.left == b.left && a.top == b.top && a.width == b.width && a.height == b.height;
@@ -68,7 +81,7 @@ void FrameRenderer::buildPlane(const FrameSettings& s) {
         float* row = &_plane[static_cast<size_t>(y) * s.width];
         for (int x = 0; x < s.width; ++x) {
             const Rgb rgb = scene.reflectance(s.hFlip ? s.width - 1 - x : x, sceneY, s.width, s.height);
-            const BayerChannel channel = bayerChannel(x, y);
+            const BayerChannel channel = channelAt(x, y, s.layout.order);
             const float value = channel == kRed ? rgb.r : (channel == kGreen ? rgb.g : rgb.b);
             // Reflectance is 0..1; a scene that strays (or gives NaN) is held to it.
             row[x] = value > 0.0f ? (value < 1.0f ? value : 1.0f) : 0.0f;
@@ -86,12 +99,11 @@ void FrameRenderer::ensureFrame(const FrameSettings& s) {
     float scale[3];
     for (int c = 0; c < 3; ++c) scale[c] = std::min(m.scale[c], kMaxScale);
     const float pedestal = static_cast<float>(s.pedestal);
-    const int shift = sampleShift(s.samples);
+    const int shift = codeShift(s);
     for (int y = 0; y < s.height; ++y) {
         const size_t offset = static_cast<size_t>(y) * s.width;
-        const bool evenRow = (y & 1) == 0;
-        renderRow(&_plane[offset], &_frame[offset], s.width, evenRow ? scale[kBlue] : scale[kGreen],
-                  evenRow ? scale[kGreen] : scale[kRed], pedestal, shift);
+        renderRow(&_plane[offset], &_frame[offset], s.width, scale[channelAt(0, y, s.layout.order)],
+                  scale[channelAt(1, y, s.layout.order)], pedestal, shift);
     }
     _frameKey = s;
     _frameValid = true;
@@ -99,26 +111,36 @@ void FrameRenderer::ensureFrame(const FrameSettings& s) {
 }
 
 void FrameRenderer::write(const FrameSettings& s, const NoiseSettings& noise, uint64_t frameNumber,
-                          uint16_t* destination) {
+                          uint8_t* destination) {
+    const bool words = wordShift(s.layout) >= 0;
+    const uint16_t* codes = nullptr;
     if (noise.enabled) {
         if (!_planeValid || !samePlane(_planeKey, s)) buildPlane(s);
-        writeNoisy(s, noise, frameNumber, destination);
-        return;
+        if (!words) _noisy.resize(static_cast<size_t>(s.width) * s.height);
+        uint16_t* target = words ? reinterpret_cast<uint16_t*>(destination) : _noisy.data();
+        writeNoisy(s, noise, frameNumber, target, codeShift(s));
+        codes = target;
+    } else {
+        ensureFrame(s);
+        codes = _frame.data();
+        if (words) std::memcpy(destination, codes, _frame.size() * sizeof(uint16_t));
     }
-    ensureFrame(s);
-    std::memcpy(destination, _frame.data(), _frame.size() * sizeof(uint16_t));
+    if (words) return;
+    const size_t rowBytes = kernels::packedRowBytes(s.layout.storage, static_cast<unsigned>(s.width));
+    for (int y = 0; y < s.height; ++y)
+        packRow(codes + static_cast<size_t>(y) * s.width, static_cast<size_t>(s.width), s.layout,
+                destination + y * rowBytes);
 }
 
 void FrameRenderer::writeNoisy(const FrameSettings& s, const NoiseSettings& noise, uint64_t frameNumber,
-                               uint16_t* destination) const {
+                               uint16_t* destination, int shift) const {
     const ChannelModel m = channelModel(s);
     const float pedestal = static_cast<float>(s.pedestal);
-    const int shift = sampleShift(s.samples);
     const float* gaussian = gaussianTable();
 #pragma omp parallel for schedule(static)
     for (int y = 0; y < s.height; ++y) {
         const size_t offset = static_cast<size_t>(y) * s.width;
-        const BayerChannel channels[2] = {bayerChannel(0, y), bayerChannel(1, y)};
+        const BayerChannel channels[2] = {channelAt(0, y, s.layout.order), channelAt(1, y, s.layout.order)};
         uint64_t state = noiseState(noise.seed, frameNumber, y);
         uint64_t bits = 0;
         for (int x = 0; x < s.width; ++x) {
@@ -138,7 +160,7 @@ int32_t FrameRenderer::meanLevel(const FrameSettings& s, const MeterRect& rect) 
     ensureFrame(s);
     if (_meterValue >= 0 && _meterRender == _renders && sameRect(_meterKey, rect)) return _meterValue;
     const Bounds b = meterBounds(rect, s.width, s.height);
-    const int shift = sampleShift(s.samples);
+    const int shift = codeShift(s);
     uint64_t sum = 0;
     for (int y = b.y0; y < b.y1; ++y)
         sum += sumCodes(&_frame[static_cast<size_t>(y) * s.width + b.x0], b.x1 - b.x0, shift);

@@ -3,6 +3,7 @@
 // layout) and then copied into each queued buffer; noise, when enabled, is drawn per frame.
 #pragma once
 
+#include "kernels/RawSamples.h"
 #include "sim/Scene.h"
 #include "sim/SimConfig.h"
 
@@ -26,7 +27,7 @@ struct FrameSettings {
     float illuminance = 1.0f;
     float colourTemperature = 6500.0f;
     int32_t pedestal = 0;
-    SampleLayout samples = SampleLayout::Msb14;
+    kernels::RawLayout layout = kernels::kPipelineLayout;  // of the delivered frame
 };
 
 struct NoiseSettings {
@@ -45,8 +46,9 @@ struct MeterRect {
 // Used by one thread at a time (the sensor serialises frame production).
 class FrameRenderer {
 public:
-    // Writes frame `frameNumber` into `destination`, width x height 16-bit samples, row-major.
-    void write(const FrameSettings& settings, const NoiseSettings& noise, uint64_t frameNumber, uint16_t* destination);
+    // Writes frame `frameNumber` into `destination`, width x height samples in the settings'
+    // layout, unpadded rows.
+    void write(const FrameSettings& settings, const NoiseSettings& noise, uint64_t frameNumber, uint8_t* destination);
 
     // Mean 10-bit level, pedestal included and rounded, of the noiseless frame over `rect`.
     int32_t meanLevel(const FrameSettings& settings, const MeterRect& rect);
@@ -58,7 +60,7 @@ private:
     void ensureFrame(const FrameSettings& settings);
     void buildPlane(const FrameSettings& settings);
     void writeNoisy(const FrameSettings& settings, const NoiseSettings& noise, uint64_t frameNumber,
-                    uint16_t* destination) const;
+                    uint16_t* destination, int shift) const;
 
     // Per pixel, the scene's reflectance in the channel of that pixel's colour filter, mirrored
     // as the flips ask.
@@ -66,7 +68,10 @@ private:
     FrameSettings _planeKey;
     bool _planeValid = false;
 
+    // Samples as 16-bit words: in the delivered layout when it is one, else 10-bit codes that
+    // are packed per row on their way out.
     std::vector<uint16_t> _frame;
+    std::vector<uint16_t> _noisy;  // a noisy frame's codes before packing
     FrameSettings _frameKey;
     bool _frameValid = false;
     uint64_t _renders = 0;

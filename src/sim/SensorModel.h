@@ -85,8 +85,6 @@ inline uint16_t storeNonNegativeSample(float signal, float pedestal, int shift) 
 // every reflectance above 1e-6 anyway, and the cap keeps codes within int32.
 constexpr float kMaxScale = 1e9f;
 
-inline int sampleShift(SampleLayout layout) { return layout == SampleLayout::Msb14 ? 4 : 0; }
-
 // Noiseless samples for `count` (even) pixels of a row from reflectances in 0..1: `scaleEven`
 // applies to even columns, `scaleOdd` to odd ones (B/G on even rows, G/R on odd rows), both in
 // 0..kMaxScale; the pedestal is 0..1023.

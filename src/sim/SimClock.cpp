@@ -2,6 +2,8 @@
 // threads, and the exposure of one frame into the oldest queued buffer.
 #include "sim/SimulatedSensor.h"
 
+#include "sim/SampleFormats.h"
+
 #include "SensorControls.h"
 
 #include <time.h>
@@ -77,7 +79,7 @@ FrameSettings SimulatedSensor::frameSettings(uint64_t frame) {
     s.illuminance = _illuminance;
     s.colourTemperature = _colourTemperature;
     s.pedestal = _config.pedestal;
-    s.samples = _config.samples;
+    s.layout = chooseFormat(_config.formats, _format.pixelformat).layout;
     return s;
 }
 
@@ -97,7 +99,7 @@ SimulatedSensor::Exposure SimulatedSensor::exposeFrame() {
     const int index = lost ? -1 : _buffers.startFilling();
     const uint64_t generation = _buffers.generation();
     // The sensor writes straight into the buffer's memory: the client's, or the driver's own.
-    auto* destination = index >= 0 ? reinterpret_cast<uint16_t*>(_buffers.destination(index)) : nullptr;
+    auto* destination = index >= 0 ? _buffers.destination(index) : nullptr;
     _filling = true;
     lock.unlock();
 

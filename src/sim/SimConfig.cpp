@@ -1,6 +1,8 @@
 // Reading and checking the simulated sensor's "sim.*" configuration keys and its scene script.
 #include "sim/SimConfig.h"
 
+#include "sim/SampleFormats.h"
+
 #include <ruvo/capture/CaptureDeviceException.h>
 
 #include <Poco/Exception.h>
@@ -133,6 +135,7 @@ SimConfig readSimConfig(const AbstractConfiguration& config) {
         readInteger(config, "sim.seed", static_cast<int64_t>(c.seed), 0, std::numeric_limits<int64_t>::max()));
     c.pedestal = static_cast<int32_t>(readInteger(config, "sim.pedestal", c.pedestal, 0, 1023));
     c.samples = readSamples(config);
+    c.formats = readFormats(config, c.samples);
     c.exposureDelay = static_cast<uint32_t>(readInteger(config, "sim.exposureDelay", c.exposureDelay, 0, 16));
     c.gainDelay = static_cast<uint32_t>(readInteger(config, "sim.gainDelay", c.gainDelay, 0, 16));
     c.script = parseScript(config.getString("sim.script", ""));

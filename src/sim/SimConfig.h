@@ -2,6 +2,8 @@
 // and the scene script that changes illuminance and colour temperature at given frames.
 #pragma once
 
+#include "sensor/PixelFormats.h"
+
 #include <Poco/AutoPtr.h>
 #include <Poco/Util/AbstractConfiguration.h>
 
@@ -45,6 +47,8 @@ struct SimConfig {
     uint64_t seed = 1;       // seed of the noise generator
     int32_t pedestal = 64;   // black level, 10-bit codes
     SampleLayout samples = SampleLayout::Msb14;
+    // Formats offered, the first at start (sim.format; without it, the one sim.samples names).
+    std::vector<sensor::PixelFormat> formats{sensor::defaultLayoutFormat()};
     uint32_t exposureDelay = 2;       // frames until an exposure write shows
     uint32_t gainDelay = 1;           // frames until a gain write shows
     std::vector<ScriptEvent> script;  // sorted by frame

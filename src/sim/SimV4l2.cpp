@@ -4,6 +4,7 @@
 #include "sim/SimulatedSensor.h"
 
 #include "SensorControls.h"
+#include "sim/SampleFormats.h"
 
 #include <fcntl.h>
 #include <linux/version.h>
@@ -123,17 +124,20 @@ int SimulatedSensor::queryCapability(v4l2_capability* cap) const {
 }
 
 int SimulatedSensor::enumerateFormat(v4l2_fmtdesc* desc) const {
-    if (desc->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || desc->index != 0) return EINVAL;
-    const uint32_t type = desc->type;
+    if (desc->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || desc->index >= _config.formats.size()) return EINVAL;
+    const sensor::PixelFormat& offered = _config.formats[desc->index];
+    const uint32_t type = desc->type, index = desc->index;
     std::memset(desc, 0, sizeof *desc);
+    desc->index = index;
     desc->type = type;
-    desc->pixelformat = V4L2_PIX_FMT_SBGGR10;
-    copyName(desc->description, sizeof desc->description, "10-bit Bayer BGBG/GRGR");
+    desc->pixelformat = offered.fourcc;
+    copyName(desc->description, sizeof desc->description, offered.description);
     return 0;
 }
 
 int SimulatedSensor::enumerateFrameSizes(v4l2_frmsizeenum* size) const {
-    if (size->pixel_format != V4L2_PIX_FMT_SBGGR10 || size->index >= kFrameSizes.size()) return EINVAL;
+    const bool offered = chooseFormat(_config.formats, size->pixel_format).fourcc == size->pixel_format;
+    if (!offered || size->index >= kFrameSizes.size()) return EINVAL;
     std::memset(size->reserved, 0, sizeof size->reserved);
     size->type = V4L2_FRMSIZE_TYPE_DISCRETE;
     size->discrete.width = kFrameSizes[size->index].width;
@@ -154,15 +158,16 @@ int SimulatedSensor::setFormat(v4l2_format* format, bool apply) {
     // The frame size cannot change while buffers of the old size are allocated.
     if (apply && (_streaming || _buffers.count() > 0)) return EBUSY;
     const FrameSize size = nearestSize(format->fmt.pix.width, format->fmt.pix.height);
+    // An offered format is granted; any other request is answered with the first one.
+    const sensor::PixelFormat& granted = chooseFormat(_config.formats, format->fmt.pix.pixelformat);
     v4l2_pix_format& pix = format->fmt.pix;
     std::memset(&format->fmt, 0, sizeof format->fmt);
     pix.width = size.width;
     pix.height = size.height;
-    // The one format there is: any other request is answered with it.
-    pix.pixelformat = V4L2_PIX_FMT_SBGGR10;
+    pix.pixelformat = granted.fourcc;
     pix.field = V4L2_FIELD_NONE;
-    pix.bytesperline = 2 * size.width;
-    pix.sizeimage = 2 * size.width * size.height;
+    pix.bytesperline = static_cast<uint32_t>(granted.rowBytes(size.width));
+    pix.sizeimage = pix.bytesperline * size.height;
     pix.colorspace = V4L2_COLORSPACE_RAW;
     if (apply) _format = pix;
     pix.priv = V4L2_PIX_FMT_PRIV_MAGIC;

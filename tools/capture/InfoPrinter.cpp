@@ -77,9 +77,12 @@ void printInfo(std::ostream& out, capture::CUDADevice& device, const std::vector
     for (uint32_t i = 0; i < count && i < cameras.size(); ++i) {
         out << "  camera " << i << " (devices[" << cameras[i].entry << "]): name \"" << cameras[i].name << "\", path \""
             << cameras[i].path << "\"\n";
+        const capture::Capabilities capabilities = device.getCapabilities(i);
         out << "    capabilities:";
-        for (const util::Dimensions& d : device.getCapabilities(i).resolutions)
-            out << " " << d.width << "x" << d.height;
+        for (const util::Dimensions& d : capabilities.resolutions) out << " " << d.width << "x" << d.height;
+        out << "\n    pixel formats:";
+        for (const std::string& format : capabilities.pixelFormats) out << " " << format;
+        if (!capabilities.pixelFormat.empty()) out << " (in use: " << capabilities.pixelFormat << ")";
         out << "\n    controls:\n";
         printControls(out, device.getControls(i));
     }

@@ -1,9 +1,10 @@
 // What a camera can do, as reported by CaptureDevice::getCapabilities: the frame sizes it
-// delivers, in the order the camera lists them.
+// delivers, in the order the camera lists them, and the raw formats its driver offers.
 #pragma once
 
 #include <ruvo/util/Dimensions.h>
 
+#include <string>
 #include <vector>
 
 namespace ruvo {
@@ -11,6 +12,12 @@ namespace capture {
 
 struct Capabilities {
     std::vector<ruvo::util::Dimensions> resolutions;
+    // V4L2 fourccs ("BG10", "pRAA") the driver lists that the camera can take, in the driver's
+    // order; empty when the device cannot be opened.
+    std::vector<std::string> pixelFormats;
+    // The one the camera uses (or would use at its next start): a fourcc, or "default" for the
+    // default sensor's 14-bit layout; empty with no formats.
+    std::string pixelFormat;
 };
 
 }  // namespace capture
