@@ -25,7 +25,7 @@ constexpr const char* kV4l2Ctl = "/usr/bin/v4l2-ctl";
 constexpr const char* kCompliance = "/usr/bin/v4l2-compliance";
 
 // Runs `command` through the shell; its exit status and what it printed.
-std::pair<int, std::string> run(const std::string& command) {
+[[maybe_unused]] std::pair<int, std::string> run(const std::string& command) {
     std::string output;
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
     if (!pipe) return {-1, "popen failed"};
@@ -67,7 +67,7 @@ TEST(SimCam, V4l2CtlCapturesTheFramesTheSimulatorRenders) {
 }
 
 // The conformance tool's failing tests, by section ("Buffer ioctls (Input 0)": "VIDIOC_REQBUFS...").
-std::set<std::string> failingTests(const std::string& output) {
+[[maybe_unused]] std::set<std::string> failingTests(const std::string& output) {
     std::set<std::string> failing;
     std::istringstream lines(output);
     std::string line, section;
