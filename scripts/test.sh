@@ -10,12 +10,12 @@
 #      host build folder, so only the module is compiled), then its pytest suite;
 #   7. the host build cross-compiled for arm64 (aarch64), its kernel, dispatch and 3A arithmetic
 #      tests run under qemu-user.
-# RUVO_TEST_STAGES picks stages (default "format host python cuda asan tsan fuzz arm64").
+# RUVO_TEST_STAGES picks stages (default "format host cuda asan tsan fuzz python arm64").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=${RUVO_JOBS:-$(nproc)}
-stages=${RUVO_TEST_STAGES:-format host python cuda asan tsan fuzz arm64}
+stages=${RUVO_TEST_STAGES:-format host cuda asan tsan fuzz python arm64}
 
 # The arm64 packages are installed only where the arm64 stage runs.
 if [[ " $stages " != *" arm64 "* ]]; then export RUVO_SKIP_ARM64=${RUVO_SKIP_ARM64:-1}; fi
