@@ -1,7 +1,9 @@
 // Colour kernels: the fast power and byte conversion against the standard library, the YUV colour
 // path of both demosaic modes (border fallback included) against a double-precision reference, the
-// full-scale, zero and 10-bit edge cases, and the RGB outputs of the Bayer, no-demosaic and RGB-only
-// kernels.
+// full-scale, zero and 10-bit edge cases, the RGB outputs of the Bayer, no-demosaic and RGB-only
+// kernels, and the per-thread border decision of the CUDA kernels against the host's row spans.
+#include "isp/KernelMap.h"
+#include "isp/LaunchGeometry.h"
 #include "kernels/FastMath.h"
 #include "support/GpuPresence.h"
 #include "support/kernel_buffers.h"
@@ -129,6 +131,46 @@ TEST_P(ColourPath, FlatFramesAtFullScaleZeroAndTheTenBitCeiling) {
 
 INSTANTIATE_TEST_SUITE_P(BothModes, ColourPath, ::testing::Values(BILINEAR_5, LANCZOS_11),
                          [](const auto& info) { return info.param == BILINEAR_5 ? "Bilinear" : "Lanczos"; });
+
+// A CUDA thread decides on its own whether its quad is on the border; the host grid decides per row
+// span and never asks. Every thread of each configuration's colour kernel, run one by one as a GPU
+// runs them, must write exactly the bytes the host grid wrote.
+TEST(ColourThreads, OneByOneTheyWriteWhatTheHostGridWrites) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    const k::Extent2 threads = k::findLaunchGeometry(kSmall.width, kSmall.height)->shape(1).threads();
+    for (const CUDADemosaicMode mode : {BILINEAR_5, LANCZOS_11}) {
+        for (int configuration = YUV_ONLY; configuration <= RGB_ONLY; ++configuration) {
+            IspRig rig(configuration, kSmall);
+            rig.fillRaw(randomSensorFrame(kSmall.width, kSmall.height, 29));
+            rig.poison(0x5a);
+            rig.run(mode);
+            const k::PlannedLaunch colour = k::planIsp(configuration, mode).launches[0];
+            std::vector<std::vector<unsigned char>> grid;
+            for (const int target : colour.outputs) {
+                if (target != k::kNoTarget) grid.push_back(rig.copy(static_cast<size_t>(target)));
+            }
+            rig.poison(0x5a);
+            std::vector<unsigned char*> targets;
+            for (size_t b = 0; b < rig.bufferCount(); ++b) targets.push_back(rig.buffer(b));
+            const ruvo::capture::cudaKernelParams params{rig.raw(), kSmall.width, kSmall.height, 1, 1, 1, 1, 1};
+            k::visitKernel(colour, params, targets.data(), 10.0f, [&](const auto& kernel) {
+                for (unsigned ty = 0; ty < threads.y; ++ty) {
+                    for (unsigned tx = 0; tx < threads.x; ++tx) kernel(tx, ty);
+                }
+            });
+            // The two paths round the same arithmetic apart from the vectoriser's contractions, so
+            // a byte may differ by one step now and then; a border quad taken for an interior one
+            // (or the reverse) differs by far more.
+            for (size_t slot = 0; slot < grid.size(); ++slot) {
+                const std::vector<unsigned char> threadBytes = rig.copy(static_cast<size_t>(colour.outputs[slot]));
+                Deviation deviation;
+                for (size_t i = 0; i < threadBytes.size(); ++i) deviation.add(threadBytes[i], grid[slot][i]);
+                EXPECT_LE(deviation.largest, 1) << "configuration " << configuration << ", mode " << mode;
+                EXPECT_LT(deviation.inexact, deviation.compared / 100) << "configuration " << configuration;
+            }
+        }
+    }
+}
 
 // value / 16383 * 255 truncated, for a raw-scale value.
 int fullScaleByte(double value) { return static_cast<int>(std::floor(value * 255.0 / 16383.0)); }
