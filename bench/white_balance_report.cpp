@@ -39,15 +39,17 @@ int settledFrame(const std::vector<LoopFrame>& frames) {
     return settled;
 }
 
-void report(const Setup& setup, int kelvin, int frames) {
+void report(const Setup& setup, int kelvin, const char* illuminance, int frames) {
     ClosedLoop loop(std::to_string(ruvo::capture::YUV_ONLY), 672, 380,
                     {{"awb.mode", setup.mode},
                      {"sim.colourResponse", setup.sensor},
-                     {"sim.colourTemperature", std::to_string(kelvin)}});
+                     {"sim.colourTemperature", std::to_string(kelvin)},
+                     {"sim.illuminance", illuminance}});
     const std::vector<LoopFrame> run = loop.run(frames);
     const LoopFrame& last = run.back();
     const int settled = settledFrame(run);
-    std::printf("%-8s %-6s %6d %8.1f %8.1f %8s %6d %6d\n", setup.sensor, setup.mode, kelvin, offU(last), offV(last),
+    std::printf("%-8s %-6s %6d %5s %8.1f %8.1f %8s %6d %6d\n", setup.sensor, setup.mode, kelvin, illuminance,
+                offU(last), offV(last),
                 settled < 0 ? "never" : std::to_string(settled).c_str(), last.redGain, last.blueGain);
 }
 
@@ -66,11 +68,13 @@ int main(int argc, char** argv) {
     }
     std::printf("672x380 chart, YUV_ONLY, %d frames from power-on gains; neutral: |U-128|, |V-128| <= %.0f\n", frames,
                 kNeutralCodes);
-    std::printf("%-8s %-6s %6s %8s %8s %8s %6s %6s\n", "sensor", "mode", "K", "|U-128|", "|V-128|", "settled", "red",
-                "blue");
+    std::printf("%-8s %-6s %6s %5s %8s %8s %8s %6s %6s\n", "sensor", "mode", "K", "light", "|U-128|", "|V-128|",
+                "settled", "red", "blue");
     const Setup setups[] = {{"neutral", "gray"}, {"raw", "gray"}, {"raw", "curve"}};
     for (const Setup& setup : setups) {
-        for (int kelvin : {2800, 3200, 5000, 7500}) report(setup, kelvin, frames);
+        for (const char* illuminance : {"1.0", "0.2"}) {
+            for (int kelvin : {2800, 3200, 5000, 7500}) report(setup, kelvin, illuminance, frames);
+        }
     }
     return EXIT_SUCCESS;
 }
