@@ -49,8 +49,8 @@ void report(const Setup& setup, int kelvin, const char* illuminance, int frames)
     const LoopFrame& last = run.back();
     const int settled = settledFrame(run);
     std::printf("%-8s %-6s %6d %5s %8.1f %8.1f %8s %6d %6d\n", setup.sensor, setup.mode, kelvin, illuminance,
-                offU(last), offV(last),
-                settled < 0 ? "never" : std::to_string(settled).c_str(), last.redGain, last.blueGain);
+                offU(last), offV(last), settled < 0 ? "never" : std::to_string(settled).c_str(), last.redGain,
+                last.blueGain);
 }
 
 }  // namespace

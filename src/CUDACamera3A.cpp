@@ -325,6 +325,7 @@ void CUDACamera::writeCurveGains() {
         setControl(id, kept);
         return static_cast<float>(kept) / static_cast<float>(_awbCurve.green);
     };
+    // A green register of 0 gives a black image and no estimate; the ratios then count against unity.
     if (_awbCurve.green <= 0) _awbCurve.green = 1024;
     _awbCurve.gains.red = write(sensor::CID_RED_GAIN, _awbCurve.gains.red, _currRedGain, _awbState.redGain);
     _awbCurve.gains.blue = write(sensor::CID_BLUE_GAIN, _awbCurve.gains.blue, _currBlueGain, _awbState.blueGain);
