@@ -78,6 +78,7 @@ FrameSettings SimulatedSensor::frameSettings(uint64_t frame) {
     s.blueGain = _controls.value(CID_BLUE_GAIN);
     s.illuminance = _illuminance;
     s.colourTemperature = _colourTemperature;
+    s.response = _config.colourResponse;
     s.pedestal = _config.pedestal;
     s.layout = chooseFormat(_config.formats, _format.pixelformat).layout;
     return s;

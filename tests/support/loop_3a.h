@@ -11,6 +11,7 @@
 #include <cmath>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ruvo {
@@ -33,13 +34,9 @@ class ClosedLoop {
 public:
     static constexpr int kGrayPatch = 20;  // neutral 6.5 of the colour checker
 
-    ClosedLoop(const std::string& configuration, uint32_t width, uint32_t height)
-        : rig({{"outputBufferFormats", configuration},
-               {"width", std::to_string(width)},
-               {"height", std::to_string(height)},
-               {"hFlip", "false"},
-               {"vFlip", "false"},
-               {"sim.scene", "chart"}}) {}
+    // `extra` keys (white-balance mode, the sensor's colour response, ...) join the camera entry.
+    ClosedLoop(const std::string& configuration, uint32_t width, uint32_t height, SimKeys extra = {})
+        : rig(withLoopKeys(std::move(extra), configuration, width, height)) {}
 
     sim::SimulatedSensor& sensor() { return *rig.sensor; }
     const CUDACamera::Params& params() const { return rig.camera->getParams(); }
@@ -69,6 +66,16 @@ public:
     CameraRig rig;
 
 private:
+    static SimKeys withLoopKeys(SimKeys keys, const std::string& configuration, uint32_t width, uint32_t height) {
+        keys.insert({{"outputBufferFormats", configuration},
+                     {"width", std::to_string(width)},
+                     {"height", std::to_string(height)},
+                     {"hFlip", "false"},
+                     {"vFlip", "false"},
+                     {"sim.scene", "chart"}});
+        return keys;
+    }
+
     // Mean U and V over the middle half of the patch, from the full-size YUV 4:2:0 output.
     static void measureGrayPatch(const CUDACamera::Bucket& bucket, LoopFrame& frame) {
         const sim::RelativeRect patch = sim::chartPatchRect(kGrayPatch);
