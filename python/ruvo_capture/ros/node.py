@@ -165,7 +165,7 @@ class CaptureNode(Node):
         msg = DiagnosticArray()
         msg.header.stamp = self.get_clock().now().to_msg()
         held = self.device.held() if self.device.running else "device stopped"
-        msg.status = [diagnostics_status(c, self.device.dropped_batches, self.restarts, held,
+        msg.status = [diagnostics_status(c, self.device.dropped_batches, self.restarts, self._restart_backoff, held,
                                          self.get_parameter("watchdog_timeout").value) for c in self.cameras]
         self._diagnostics.publish(msg)
 
