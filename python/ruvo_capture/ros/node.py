@@ -174,7 +174,10 @@ class CaptureNode(Node):
         now = time.monotonic()
         silent = [c.name for c in self.cameras if now - max(c.last_frame, self._started) > limit]
         if not silent:
-            self._restart_backoff = 0.0
+            # The back-off ends once every camera delivered since the last (re)start, not merely
+            # because the timeout has not yet passed again since it.
+            if all(c.last_frame >= self._started for c in self.cameras):
+                self._restart_backoff = 0.0
             return
         if now < self._next_restart:
             return
