@@ -139,8 +139,10 @@ def bench_ros(config: dict, seconds: float, node_params) -> None:
     n = len(latency_ms)
     print(f"ros: {n} images received in {seconds:.0f} s; the node took in {stop[0] - start[0]} frames "
           f"(diagnostics, once a second) and its queue dropped {stop[1] - start[1]} batches")
+    published = stop[0] - start[0]
+    if published:
+        print(f"  node process CPU per published image (library threads included): {cpu / published * 1e3:.3f} ms")
     if n:
-        print(f"  node process CPU per published image (library threads included): {cpu / n * 1e3:.3f} ms")
         print(summary("  latency capture -> subscriber callback", latency_ms))
 
 
