@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Per-batch cost of the Python iterator and of the ROS 2 publish path, two simulated cameras.
 
-    python bench/python/batch_cost.py [--seconds 20] [--size 1280x720] [--fps 30] [--ros] [--ros-only]
+    python bench/python/batch_cost.py [--seconds 20] [--size 1280x720] [--fps 30] [--ros] [--ros-only] [--qos-depth 2]
                                       [--node-param name:=value ...]
 
 Iterator: the consumer thread's CPU time per frame (time.thread_time), the whole process's CPU
@@ -89,7 +89,7 @@ def node_counts(diagnostics) -> tuple:
     return frames, dropped
 
 
-def bench_ros(config: dict, seconds: float, node_params) -> None:
+def bench_ros(config: dict, seconds: float, node_params, depth: int) -> None:
     import rclpy
     from diagnostic_msgs.msg import DiagnosticArray
     from rclpy.executors import SingleThreadedExecutor
@@ -102,7 +102,7 @@ def bench_ros(config: dict, seconds: float, node_params) -> None:
         with open(props, "w") as f:
             f.writelines(f"{k}={v}\n" for k, v in config.items())
         exe = shutil.which("ruvo-capture-ros", path=os.path.dirname(sys.executable)) or "ruvo-capture-ros"
-        params = [arg for p in ["yuv_encoding:=nv12", *node_params] for arg in ("-p", p)]
+        params = [arg for p in ["yuv_encoding:=nv12", f"qos_depth:={depth}", *node_params] for arg in ("-p", p)]
         node = subprocess.Popen([exe, "--ros-args", "-p", f"config:={props}", *params])
         rclpy.init()
         sub = Node("ruvo_capture_bench")
@@ -117,7 +117,7 @@ def bench_ros(config: dict, seconds: float, node_params) -> None:
                 sec, nanosec = struct.unpack_from("<iI", serialized, 4)
                 latency_ms.append((time.time_ns() - (sec * 1_000_000_000 + nanosec)) / 1e6)
 
-        qos = QoSProfile(depth=2, reliability=ReliabilityPolicy.RELIABLE)
+        qos = QoSProfile(depth=depth, reliability=ReliabilityPolicy.RELIABLE)
         for cam in ("cam0", "cam1"):
             sub.create_subscription(Image, f"/{cam}/image_raw", on_image, qos, raw=True)
         sub.create_subscription(DiagnosticArray, "/diagnostics", diagnostics.append, 10)
@@ -153,6 +153,7 @@ def main() -> None:
     parser.add_argument("--fps", type=float, default=30)
     parser.add_argument("--ros", action="store_true")
     parser.add_argument("--ros-only", action="store_true", help="skip the iterator")
+    parser.add_argument("--qos-depth", type=int, default=2, help="history depth of the node and the subscriber")
     parser.add_argument("--node-param", action="append", default=[], metavar="NAME:=VALUE",
                         help="a parameter of the node (repeatable), e.g. yuv_encoding:=rgb8")
     args = parser.parse_args()
@@ -161,7 +162,7 @@ def main() -> None:
     if not args.ros_only:
         bench_iterator(config, args.seconds)
     if args.ros:
-        bench_ros(config, args.seconds, args.node_param)
+        bench_ros(config, args.seconds, args.node_param, args.qos_depth)
 
 
 if __name__ == "__main__":
