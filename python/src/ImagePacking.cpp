@@ -3,6 +3,7 @@
 #include "ImagePacking.h"
 
 #include "FrameLayout.h"
+#include "FrameNames.h"
 #include "ImageConvert.h"
 
 #include <algorithm>
@@ -14,23 +15,6 @@ namespace python {
 namespace {
 
 using capture::Frame;
-
-const char* formatName(Frame::Format format) {
-    switch (format) {
-        case Frame::Y8:
-            return "Y8";
-        case Frame::YUV420p:
-            return "YUV420p";
-        case Frame::RGB24:
-            return "RGB24";
-        case Frame::BGR24:
-            return "BGR24";
-        case Frame::HISTOGRAM8:
-            return "HISTOGRAM8";
-        default:
-            return "raw";
-    }
-}
 
 bool accepts(Frame::Format format, const std::string& encoding) {
     switch (format) {
@@ -95,7 +79,7 @@ void packYuvAsRgb(const Frame& frame, uint8_t* out) {
 
 PackedLayout packedLayout(const Frame& frame, const std::string& encoding) {
     if (!accepts(frame.format, encoding)) {
-        throw std::invalid_argument(std::string("a ") + formatName(frame.format) + " frame has no \"" + encoding +
+        throw std::invalid_argument(std::string("a ") + tool::formatName(frame.format) + " frame has no \"" + encoding +
                                     "\" image");
     }
     const capture::Plane& first = frame.planes[0];
