@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
 """Per-batch cost of the Python iterator and of the ROS 2 publish path, two simulated cameras.
 
-    python bench/python/batch_cost.py [--seconds 20] [--size 1280x720] [--fps 30] [--ros]
+    python bench/python/batch_cost.py [--seconds 20] [--size 1280x720] [--fps 30] [--ros] [--ros-only] [--qos-depth 2]
+                                      [--node-param name:=value ...]
 
 Iterator: the consumer thread's CPU time per frame (time.thread_time), the whole process's CPU
 time per frame (the library's reader threads included), and the latency from capture to the
 moment the frame is in Python. --ros additionally starts ruvo-capture-ros in a child process and
-subscribes here: the node process's CPU time per published image, and the latency from capture
-(the header stamp) to the subscriber callback. Medians and 99th percentiles over the run.
+subscribes here: the node process's CPU time per published image, the frames the node took in
+and the batches its queue dropped (from its /diagnostics), and the latency from capture (the
+header stamp) to the subscriber callback. Medians and 99th percentiles over the run.
 """
 
 from __future__ import annotations
@@ -16,6 +18,7 @@ import argparse
 import os
 import shutil
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
@@ -76,8 +79,20 @@ def bench_iterator(config: dict, seconds: float) -> None:
     print(summary("  latency capture -> Python", latency_ms))
 
 
-def bench_ros(config: dict, seconds: float) -> None:
+def node_counts(diagnostics) -> tuple:
+    """(frames the node took in, batches its queue dropped) from its last /diagnostics."""
+    frames = dropped = 0
+    for status in diagnostics[-1].status if diagnostics else ():
+        values = {kv.key: kv.value for kv in status.values}
+        frames += int(values["frames"])
+        dropped = int(values["dropped_batches"])
+    return frames, dropped
+
+
+def bench_ros(config: dict, seconds: float, node_params, depth: int) -> None:
     import rclpy
+    from diagnostic_msgs.msg import DiagnosticArray
+    from rclpy.executors import SingleThreadedExecutor
     from rclpy.node import Node
     from rclpy.qos import QoSProfile, ReliabilityPolicy
     from sensor_msgs.msg import Image
@@ -87,36 +102,47 @@ def bench_ros(config: dict, seconds: float) -> None:
         with open(props, "w") as f:
             f.writelines(f"{k}={v}\n" for k, v in config.items())
         exe = shutil.which("ruvo-capture-ros", path=os.path.dirname(sys.executable)) or "ruvo-capture-ros"
-        node = subprocess.Popen([exe, "--ros-args", "-p", f"config:={props}", "-p", "yuv_encoding:=nv12"])
+        params = [arg for p in ["yuv_encoding:=nv12", f"qos_depth:={depth}", *node_params] for arg in ("-p", p)]
+        node = subprocess.Popen([exe, "--ros-args", "-p", f"config:={props}", *params])
         rclpy.init()
         sub = Node("ruvo_capture_bench")
-        latency_ms, counting = [], [False]
+        executor = SingleThreadedExecutor()
+        executor.add_node(sub)
+        latency_ms, counting, diagnostics = [], [False], []
 
-        def on_image(msg: Image) -> None:
+        def on_image(serialized: bytes) -> None:
+            # Taken serialized, so that the subscriber's own decoding of 1.4 MB images does not
+            # limit what is measured: the header stamp follows the 4-byte CDR encapsulation.
             if counting[0]:
-                stamp = msg.header.stamp.sec * 1_000_000_000 + msg.header.stamp.nanosec
-                latency_ms.append((time.time_ns() - stamp) / 1e6)
+                sec, nanosec = struct.unpack_from("<iI", serialized, 4)
+                latency_ms.append((time.time_ns() - (sec * 1_000_000_000 + nanosec)) / 1e6)
 
-        qos = QoSProfile(depth=2, reliability=ReliabilityPolicy.RELIABLE)
+        qos = QoSProfile(depth=depth, reliability=ReliabilityPolicy.RELIABLE)
         for cam in ("cam0", "cam1"):
-            sub.create_subscription(Image, f"/{cam}/image_raw", on_image, qos)
+            sub.create_subscription(Image, f"/{cam}/image_raw", on_image, qos, raw=True)
+        sub.create_subscription(DiagnosticArray, "/diagnostics", diagnostics.append, 10)
         warm = time.monotonic() + 5
         while time.monotonic() < warm:
-            rclpy.spin_once(sub, timeout_sec=0.1)
+            executor.spin_once(timeout_sec=0.1)
         counting[0] = True
+        start = node_counts(diagnostics)
         cpu0, end = process_cpu(node.pid), time.monotonic() + seconds
         while time.monotonic() < end:
-            rclpy.spin_once(sub, timeout_sec=0.1)
+            executor.spin_once(timeout_sec=0.1)
         cpu = process_cpu(node.pid) - cpu0
         counting[0] = False
+        stop = node_counts(diagnostics)
         node.send_signal(signal.SIGINT)
         node.wait(timeout=10)
         sub.destroy_node()
         rclpy.shutdown()
     n = len(latency_ms)
-    print(f"ros: {n} images received in {seconds:.0f} s")
+    print(f"ros: {n} images received in {seconds:.0f} s; the node took in {stop[0] - start[0]} frames "
+          f"(diagnostics, once a second) and its queue dropped {stop[1] - start[1]} batches")
+    published = stop[0] - start[0]
+    if published:
+        print(f"  node process CPU per published image (library threads included): {cpu / published * 1e3:.3f} ms")
     if n:
-        print(f"  node process CPU per published image (library threads included): {cpu / n * 1e3:.3f} ms")
         print(summary("  latency capture -> subscriber callback", latency_ms))
 
 
@@ -126,12 +152,17 @@ def main() -> None:
     parser.add_argument("--size", default="1280x720")
     parser.add_argument("--fps", type=float, default=30)
     parser.add_argument("--ros", action="store_true")
+    parser.add_argument("--ros-only", action="store_true", help="skip the iterator")
+    parser.add_argument("--qos-depth", type=int, default=2, help="history depth of the node and the subscriber")
+    parser.add_argument("--node-param", action="append", default=[], metavar="NAME:=VALUE",
+                        help="a parameter of the node (repeatable), e.g. yuv_encoding:=rgb8")
     args = parser.parse_args()
     width, height = map(int, args.size.split("x"))
     config = keys(width, height, args.fps)
-    bench_iterator(config, args.seconds)
+    if not args.ros_only:
+        bench_iterator(config, args.seconds)
     if args.ros:
-        bench_ros(config, args.seconds)
+        bench_ros(config, args.seconds, args.node_param, args.qos_depth)
 
 
 if __name__ == "__main__":

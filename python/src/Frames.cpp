@@ -2,6 +2,8 @@
 // plane memory whose owner is the Python frame object, so a view keeps the frame (and its output
 // buffer) alive and lends nothing the library could reuse underneath it.
 #include "Bindings.h"
+#include "FrameLayout.h"
+#include "ImagePacking.h"
 #include "PyFrame.h"
 
 #include <nanobind/ndarray.h>
@@ -19,43 +21,16 @@ namespace ruvo {
 namespace python {
 namespace {
 
-constexpr size_t kHistogramBins = 256;
-
 using ByteView = nb::ndarray<nb::numpy, const uint8_t>;
 using CountView = nb::ndarray<nb::numpy, const int32_t>;
-
-// Rows of interleaved 3-byte pixels for RGB24 and BGR24; one byte per sample otherwise.
-size_t channels(Frame::Format format) { return format == Frame::RGB24 || format == Frame::BGR24 ? 3 : 1; }
-
-// Bytes from one row to the next. The pipeline gives the stride of an interleaved RGB buffer in
-// pixels and of every other buffer in bytes; a stride shorter than the row's bytes is in pixels.
-int64_t rowPitch(const Frame& frame, const capture::Plane& plane) {
-    const size_t rowBytes = static_cast<size_t>(plane.width) * channels(frame.format);
-    return plane.stride >= rowBytes ? plane.stride : static_cast<int64_t>(plane.stride) * channels(frame.format);
-}
-
-size_t planeCount(const Frame& frame) { return frame.format == Frame::YUV420p ? 3 : 1; }
-
-const capture::Plane& planeAt(const Frame& frame, size_t index) {
-    if (index >= planeCount(frame)) {
-        throw nb::index_error(
-            ("plane " + std::to_string(index) + " of a frame with " + std::to_string(planeCount(frame)) + " planes")
-                .c_str());
-    }
-    return frame.planes[index];
-}
+using ByteBuffer = nb::ndarray<uint8_t, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
 
 // The view of plane `index` owned by `owner`, the Python frame.
 nb::object planeView(const Frame& frame, size_t index, nb::handle owner) {
     const capture::Plane& plane = planeAt(frame, index);
-    if (frame.format == Frame::HISTOGRAM8) {
-        return nb::cast(CountView(plane.data, {kHistogramBins}, owner));
-    }
-    const size_t c = channels(frame.format);
-    if (c == 3) {
-        return nb::cast(ByteView(plane.data, {plane.height, plane.width, 3}, owner, {rowPitch(frame, plane), 3, 1}));
-    }
-    return nb::cast(ByteView(plane.data, {plane.height, plane.width}, owner, {rowPitch(frame, plane), 1}));
+    const PlaneShape s = planeShape(frame, plane);
+    if (s.counts) return nb::cast(CountView(plane.data, s.ndim, s.shape, owner, s.strides));
+    return nb::cast(ByteView(plane.data, s.ndim, s.shape, owner, s.strides));
 }
 
 // An owned, packed copy of plane `index`, rows copied one by one (the stride is dropped).
@@ -73,6 +48,19 @@ nb::object planeCopy(const Frame& frame, size_t index) {
         return nb::cast(nb::ndarray<nb::numpy, uint8_t>(bytes, {plane.height, plane.width, 3}, free));
     }
     return nb::cast(nb::ndarray<nb::numpy, uint8_t>(bytes, {plane.height, plane.width}, free));
+}
+
+// Packs the frame's image into `out` with the GIL released: the frame and the buffer are held by
+// the caller's references for the whole call.
+void packInto(const Frame& frame, ByteBuffer out, const std::string& encoding) {
+    const PackedLayout layout = packedLayout(frame, encoding);
+    if (out.size() < layout.bytes) {
+        throw nb::value_error(("a buffer of " + std::to_string(out.size()) + " bytes cannot take the " +
+                               std::to_string(layout.bytes) + " bytes of the \"" + encoding + "\" image")
+                                  .c_str());
+    }
+    nb::gil_scoped_release release;
+    packImage(frame, encoding, out.data());
 }
 
 nb::tuple rect(const dlib::rectangle& r) { return nb::make_tuple(r.left(), r.top(), r.right(), r.bottom()); }
@@ -94,6 +82,15 @@ nb::dict feedback(const capture::Feedback& f) {
 const Frame& get(const PyFrame& f) { return *f.frame; }
 
 }  // namespace
+
+const capture::Plane& planeAt(const Frame& frame, size_t index) {
+    if (index >= planeCount(frame)) {
+        throw nb::index_error(
+            ("plane " + std::to_string(index) + " of a frame with " + std::to_string(planeCount(frame)) + " planes")
+                .c_str());
+    }
+    return frame.planes[index];
+}
 
 void bindFrames(nb::module_& m) {
     nb::enum_<Frame::Format>(m, "Format", nb::is_arithmetic(), "Pixel format of an output buffer.")
@@ -175,6 +172,22 @@ void bindFrames(nb::module_& m) {
                 return nb::tuple(copies);
             },
             "Owned, packed copies of every plane, independent of the library's buffers.")
+        .def(
+            "image_layout",
+            [](const PyFrame& f, const std::string& encoding) {
+                const PackedLayout layout = packedLayout(get(f), encoding);
+                return nb::make_tuple(layout.step, layout.bytes);
+            },
+            nb::arg("encoding"),
+            "(row bytes, total bytes) of the frame's image packed as `encoding`: \"mono8\" (Y8), \"rgb8\" (RGB24, "
+            "or YUV420p converted as the capture tool converts it), \"bgr8\" (BGR24) or \"nv12\" (YUV420p). "
+            "ValueError when the frame has no such image.")
+        .def(
+            "pack_into",
+            [](const PyFrame& f, ByteBuffer out, const std::string& encoding) { packInto(get(f), out, encoding); },
+            nb::arg("out"), nb::arg("encoding"),
+            "Writes the image packed as `encoding` (see image_layout) into the start of `out`, a writable byte "
+            "buffer such as a bytearray, with the GIL released.")
         .def("__repr__", [](const PyFrame& f) {
             const Frame& frame = get(f);
             return "<Frame camera " + std::to_string(frame.cameraId) + " buffer " + std::to_string(frame.batchIndex) +

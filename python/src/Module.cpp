@@ -26,6 +26,12 @@ NB_MODULE(_core, m) {
     });
     ruvo::python::bindControls(m);
     ruvo::python::bindFrames(m);
+#ifdef RUVO_CUDA_BUILD
+    ruvo::python::bindCudaPlanes(m);
+    m.attr("CUDA_BUILD") = true;
+#else
+    m.attr("CUDA_BUILD") = false;  // planes are NumPy views only
+#endif
     ruvo::python::bindDevice(m);
     ruvo::python::bindDiagnostics(m);
 }

@@ -14,20 +14,36 @@
 namespace ruvo {
 namespace tool {
 
+// Rounds halves away from zero, as std::round does, and clamps to 0..255. In double, value + 0.5
+// is exact for every float, so truncating the clamped sum rounds exactly; no library call is made
+// per sample.
 inline uint8_t clampToByte(float value) {
-    return static_cast<uint8_t>(std::min(255.0f, std::max(0.0f, std::round(value))));
+    return static_cast<uint8_t>(std::min(255.0, std::max(0.0, static_cast<double>(value) + 0.5)));
 }
 
 // The pipeline stores Y = 255 (0.299 R + 0.587 G + 0.114 B) and U, V = 255 (c / 2 + 1/2) with the
 // chroma c = 2 Cb, 2 Cr in [-1, 1], i.e. Cb = (B - Y) / 1.772 and Cr = (R - Y) / 1.402 centred on
 // 127.5. This is the exact inverse on the 0..255 scale (the chroma power shaping is not undone).
-inline Rgb yuvToRgb(uint8_t y, uint8_t u, uint8_t v) {
-    const float luma = y;
+// The chroma terms are computed once per chroma sample, which covers four luma samples.
+struct ChromaTerms {
+    float red;     // 1.402 Cr
+    float greenB;  // 0.344136 Cb
+    float greenR;  // 0.714136 Cr
+    float blue;    // 1.772 Cb
+};
+
+inline ChromaTerms chromaTerms(uint8_t u, uint8_t v) {
     const float cb = u - 127.5f;
     const float cr = v - 127.5f;
-    return Rgb{clampToByte(luma + 1.402f * cr), clampToByte(luma - 0.344136f * cb - 0.714136f * cr),
-               clampToByte(luma + 1.772f * cb)};
+    return ChromaTerms{1.402f * cr, 0.344136f * cb, 0.714136f * cr, 1.772f * cb};
 }
+
+inline Rgb yuvToRgb(uint8_t y, const ChromaTerms& c) {
+    const float luma = y;
+    return Rgb{clampToByte(luma + c.red), clampToByte(luma - c.greenB - c.greenR), clampToByte(luma + c.blue)};
+}
+
+inline Rgb yuvToRgb(uint8_t y, uint8_t u, uint8_t v) { return yuvToRgb(y, chromaTerms(u, v)); }
 
 // Height in pixels of the bar of `count` in a chart `plotHeight` pixels high whose tallest bar is
 // `maxCount`, on a logarithmic scale (log(1 + count)) so that the tail of the distribution stays

@@ -165,7 +165,7 @@ class CaptureNode(Node):
         msg = DiagnosticArray()
         msg.header.stamp = self.get_clock().now().to_msg()
         held = self.device.held() if self.device.running else "device stopped"
-        msg.status = [diagnostics_status(c, self.device.dropped_batches, self.restarts, held,
+        msg.status = [diagnostics_status(c, self.device.dropped_batches, self.restarts, self._restart_backoff, held,
                                          self.get_parameter("watchdog_timeout").value) for c in self.cameras]
         self._diagnostics.publish(msg)
 
@@ -174,7 +174,10 @@ class CaptureNode(Node):
         now = time.monotonic()
         silent = [c.name for c in self.cameras if now - max(c.last_frame, self._started) > limit]
         if not silent:
-            self._restart_backoff = 0.0
+            # The back-off ends once every camera delivered since the last (re)start, not merely
+            # because the timeout has not yet passed again since it.
+            if all(c.last_frame >= self._started for c in self.cameras):
+                self._restart_backoff = 0.0
             return
         if now < self._next_restart:
             return
