@@ -8,9 +8,11 @@
 
 #include "sim/Scene.h"
 
+#include <array>
 #include <cmath>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ruvo {
@@ -33,13 +35,9 @@ class ClosedLoop {
 public:
     static constexpr int kGrayPatch = 20;  // neutral 6.5 of the colour checker
 
-    ClosedLoop(const std::string& configuration, uint32_t width, uint32_t height)
-        : rig({{"outputBufferFormats", configuration},
-               {"width", std::to_string(width)},
-               {"height", std::to_string(height)},
-               {"hFlip", "false"},
-               {"vFlip", "false"},
-               {"sim.scene", "chart"}}) {}
+    // `keys` add to the camera entry (sim.controls = generic: a sensor with the standard controls).
+    ClosedLoop(const std::string& configuration, uint32_t width, uint32_t height, SimKeys keys = {})
+        : rig(withLoopKeys(std::move(keys), configuration, width, height)) {}
 
     sim::SimulatedSensor& sensor() { return *rig.sensor; }
     const CUDACamera::Params& params() const { return rig.camera->getParams(); }
@@ -52,9 +50,12 @@ public:
         frame.meteredY = CUDACameraTestAccess::aeMeteredY(*rig.camera);
         measureGrayPatch(*bucket, frame);
         frame.exposure = rig.reg(sensor::CID_EXPOSURE);
-        frame.gain = rig.reg(sensor::CID_GAIN);
-        frame.redGain = rig.reg(sensor::CID_RED_GAIN);
-        frame.blueGain = rig.reg(sensor::CID_BLUE_GAIN);
+        frame.gain = rig.reg(rig.camera->sensorProfile().gainControl);
+        // Without the sensor's channel gains, the pipeline's as the frame's feedback gives them.
+        const bool sensorGains = rig.camera->sensorProfile().channelGains;
+        const std::array<float, 4>& gains = bucket->feedback.autoWhiteBalanceGains;
+        frame.redGain = sensorGains ? rig.reg(sensor::CID_RED_GAIN) : static_cast<int32_t>(gains.front() * 1024.0f);
+        frame.blueGain = sensorGains ? rig.reg(sensor::CID_BLUE_GAIN) : static_cast<int32_t>(gains.back() * 1024.0f);
         for (size_t k = 0; k < bucket->buffers.size(); ++k)
             rig.camera->release(bucket->index, static_cast<unsigned>(k));
         return frame;
@@ -69,6 +70,16 @@ public:
     CameraRig rig;
 
 private:
+    static SimKeys withLoopKeys(SimKeys keys, const std::string& configuration, uint32_t width, uint32_t height) {
+        keys.emplace("outputBufferFormats", configuration);
+        keys.emplace("width", std::to_string(width));
+        keys.emplace("height", std::to_string(height));
+        keys.emplace("hFlip", "false");
+        keys.emplace("vFlip", "false");
+        keys.emplace("sim.scene", "chart");
+        return keys;
+    }
+
     // Mean U and V over the middle half of the patch, from the full-size YUV 4:2:0 output.
     static void measureGrayPatch(const CUDACamera::Bucket& bucket, LoopFrame& frame) {
         const sim::RelativeRect patch = sim::chartPatchRect(kGrayPatch);
