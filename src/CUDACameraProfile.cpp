@@ -58,7 +58,7 @@ int64_t CUDACamera::getControl64(uint32_t id) {
 
 // The profile "sensor" names; under "auto" the default one when the driver has the private
 // channel-gain controls, else the generic one. The private controls count only where the driver
-// has them; the generic profile also takes its exposure, gain and flip behaviour from the driver.
+// has them; the generic profile also takes its exposure and gain controls from the driver.
 void CUDACamera::resolveSensorProfile() {
     const bool privateGains =
         hasControl(sensor::CID_RED_GAIN) && hasControl(sensor::CID_GREEN_GAIN) && hasControl(sensor::CID_BLUE_GAIN);
@@ -71,6 +71,11 @@ void CUDACamera::resolveSensorProfile() {
     p.luminanceStatistic = p.luminanceStatistic && hasControl(sensor::CID_AVG_LUMINANCE);
     p.meteringWindow = p.meteringWindow && hasControl(sensor::CID_METER_ENABLE);
     if (p.name == "generic") adaptGenericProfile();
+    // Flips the driver marks as changing the Bayer order are set before streaming, whatever the profile says.
+    if (hasControl(V4L2_CID_HFLIP) && (queryControl(V4L2_CID_HFLIP).flags & V4L2_CTRL_FLAG_MODIFY_LAYOUT)) {
+        p.flipsModifyLayout = true;
+        p.flipsBeforeStreaming = true;
+    }
     for (uint32_t id : {p.exposureControl, p.gainControl}) {
         if (!hasControl(id))
             throw CaptureDeviceException(_params.path + ": sensor profile " + p.name + " uses control " + hex(id) +
@@ -83,9 +88,8 @@ void CUDACamera::resolveSensorProfile() {
     for (std::atomic<int32_t>& gain : _digitalGains) gain = kUnityChannelGain;
 }
 
-// Exposure in 100 us where the driver has no line-based control, gain by V4L2_CID_GAIN with its
-// default as unity where it has no analogue gain, and flips that change the Bayer order set
-// before streaming.
+// Exposure in 100 us where the driver has no line-based control, and gain by V4L2_CID_GAIN with
+// its default as unity where it has no analogue gain.
 void CUDACamera::adaptGenericProfile() {
     sensor::SensorProfile& p = _profile;
     if (!hasControl(p.exposureControl) && hasControl(V4L2_CID_EXPOSURE_ABSOLUTE)) {
@@ -96,11 +100,6 @@ void CUDACamera::adaptGenericProfile() {
         p.gainControl = V4L2_CID_GAIN;
         p.gain.law = sensor::GainLaw::kLinear;
         p.gain.unity = std::max(1, queryControl(V4L2_CID_GAIN).default_value);
-    }
-    if (hasControl(V4L2_CID_HFLIP)) {
-        const bool modifies = (queryControl(V4L2_CID_HFLIP).flags & V4L2_CTRL_FLAG_MODIFY_LAYOUT) != 0;
-        p.flipsModifyLayout = modifies;
-        p.flipsBeforeStreaming = modifies;
     }
 }
 

@@ -26,7 +26,7 @@ namespace sensor {
 namespace {
 
 // The default sensor: exposure in lines of 0.44782403 us, the four-stage gain curve, and every
-// private control.
+// private control. Every key is given.
 const char* const kDefaultProfileText = R"(
 exposure.control = 0x00980911
 exposure.unit = lines
@@ -44,13 +44,12 @@ whiteBalance.referenceRedGain = 1
 whiteBalance.referenceBlueGain = 1
 )";
 
-// A sensor with the standard controls only: exposure in lines timed by the pixel rate and the
-// horizontal blanking, analogue gain by the rational law most such sensors use (256 / (256 - code)),
-// black level from V4L2_CID_BLACK_LEVEL where the driver has it. The camera settles the controls
-// and flip behaviour from what the driver reports (CUDACameraProfile.cpp).
+// A sensor with the standard controls only, as it differs from the default sensor: exposure in
+// lines timed by the pixel rate and the horizontal blanking, analogue gain by the rational law
+// most such sensors use (256 / (256 - code)), black level from V4L2_CID_BLACK_LEVEL where the
+// driver has it, no private controls. The camera settles the controls and flip behaviour from
+// what the driver reports (CUDACameraProfile.cpp).
 const char* const kGenericProfileText = R"(
-exposure.control = 0x00980911
-exposure.unit = lines
 exposure.lineTime = 0
 gain.control = 0x009e0903
 gain.law = rational
@@ -58,17 +57,10 @@ gain.m0 = 0
 gain.c0 = 256
 gain.m1 = -1
 gain.c1 = 256
-blackLevel = 0
-blackLevel.bits = 10
 blackLevel.control = 0x0098090b
 private.channelGains = false
 private.luminance = false
 private.meteringWindow = false
-flips.beforeStreaming = false
-flips.modifyLayout = false
-whiteBalance.mode = gray
-whiteBalance.referenceRedGain = 1
-whiteBalance.referenceBlueGain = 1
 )";
 
 [[noreturn]] void invalid(const std::string& source, const std::string& key, const std::string& text,
@@ -134,10 +126,10 @@ void readGain(const Poco::Util::AbstractConfiguration& keys, GainModel& gain, co
         invalid(source, "gain.m0", std::to_string(gain.m0), "the rational law is constant (m0 * c1 = c0 * m1)");
 }
 
-SensorProfile builtIn(const char* text, const char* name) {
+SensorProfile builtIn(const char* text, const SensorProfile& base, const char* name) {
     std::istringstream stream(text);
     Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> keys = new Poco::Util::PropertyFileConfiguration(stream);
-    SensorProfile profile = readSensorProfile(*keys, SensorProfile{}, name);
+    SensorProfile profile = readSensorProfile(*keys, base, name);
     profile.name = name;
     return profile;
 }
@@ -215,12 +207,12 @@ SensorProfile readSensorProfile(const Poco::Util::AbstractConfiguration& keys, c
 }
 
 const SensorProfile& defaultSensorProfile() {
-    static const SensorProfile profile = builtIn(kDefaultProfileText, "default");
+    static const SensorProfile profile = builtIn(kDefaultProfileText, SensorProfile{}, "default");
     return profile;
 }
 
 const SensorProfile& genericSensorProfile() {
-    static const SensorProfile profile = builtIn(kGenericProfileText, "generic");
+    static const SensorProfile profile = builtIn(kGenericProfileText, defaultSensorProfile(), "generic");
     return profile;
 }
 
