@@ -13,6 +13,7 @@
 
 #include <Poco/LogStream.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -212,6 +213,13 @@ void CUDACamera::updateExposure(float err, float avgY) {
 
 void CUDACamera::updateGain(float err) {
     _currExpGain = metering::nextGain(_currExpGain, err, _params.ae.gainP, _controls.ae.manualGain);
+    // Other gain laws reach their limit inside 0.6..16: the gain is held to the driver's range so
+    // that it does not run on past what the register can give (the default curve spans 0..16.3).
+    if (_profile.gain.law != sensor::GainLaw::kFourStage) {
+        const v4l2_queryctrl range = queryControl(_profile.gainControl);
+        const float low = _profile.gain.toGain(range.minimum), high = _profile.gain.toGain(range.maximum);
+        _currExpGain = std::clamp(_currExpGain, std::min(low, high), std::max(low, high));
+    }
     const int32_t reg = _profile.gain.toRegister(_currExpGain);
     _aeState.gain = static_cast<float>(reg);
     setControl(_profile.gainControl, reg);

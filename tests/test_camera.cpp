@@ -444,7 +444,7 @@ TEST_F(Camera, ChartPatchesAgreeAcrossBayerOrders) {
 // A sensor without channel-gain controls gets white balance as multipliers on its raw samples,
 // and its black level subtracted before demosaic: a generic sensor with a pedestal of 64 codes and
 // manual gains gives the chart the default sensor gives with no pedestal and the same gains in its
-// registers, and the gains do act (the gray patch turns red).
+// registers, and the gains do act (the gray patch turns red). Its missing metering window is logged.
 TEST_F(Camera, PipelineWhiteBalanceAndBlackLevelGiveWhatTheSensorsOwnGive) {
     constexpr int kGrayPatch = 20;
     const auto manual = [](Controls& c) {
@@ -454,13 +454,16 @@ TEST_F(Camera, PipelineWhiteBalanceAndBlackLevelGiveWhatTheSensorsOwnGive) {
         c.awb.manualRedGain = 1.5f;
         c.awb.manualGreenGain = 1.0f;
         c.awb.manualBlueGain = 0.7f;
+        c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(100, 100, 299, 199), 1.0f)};
     };
     const ruvo::test::Keys unmirroredChart = {{"sim.scene", "chart"}, {"hFlip", "false"}, {"vFlip", "false"}};
     ruvo::test::Keys defaultSensor = unmirroredChart, genericSensor = unmirroredChart;
     defaultSensor.emplace_back("sim.pedestal", "0");
     genericSensor.insert(genericSensor.end(), {{"sim.controls", "generic"}, {"sim.pedestal", "64"}});
     const auto reference = patchMeans(outputOfFrame(defaultSensor, 3, manual));
+    ruvo::test::LogCapture log("Capture.CUDACamera");
     const auto pipeline = patchMeans(outputOfFrame(genericSensor, 3, manual));
+    EXPECT_EQ(log.count("the sensor has no metering window; metering regions are not written to it"), 1u);
     EXPECT_EQ(camera->emulatedControls(),
               (std::vector<std::string>{"channel gains", "black level", "luminance statistic"}));
     EXPECT_GT(pipeline[kGrayPatch][2], 140.0) << "V of the gray patch";
