@@ -46,7 +46,7 @@ void validate(const Controls& c) {
     }
 }
 
-// Channel gains that a restart would reset to the driver's defaults, written back after the
+// Channel gains that a restart would reset to the driver's defaults, written back before the
 // exposure and gain (where the sensor lacks them, the pipeline's multipliers).
 constexpr uint32_t kChannelGains[] = {sensor::CID_RED_GAIN, sensor::CID_GREEN_GAIN, sensor::CID_BLUE_GAIN};
 

@@ -65,11 +65,11 @@ void CUDACamera::init_device() {
     // Flips that change the Bayer order are set first: the format negotiated after them says the order.
     if (_profile.flipsBeforeStreaming) applyFlips();
     const v4l2_format format = negotiateFormat();
-    resolveLineTime(format.fmt.pix.width);
     if (format.fmt.pix.width != _controls.width || format.fmt.pix.height != _controls.height) {
         throw CaptureDeviceException("Unsupported resolution: " + std::to_string(_controls.width) + "x" +
                                      std::to_string(_controls.height));
     }
+    resolveLineTime(format.fmt.pix.width);
     // Rows may be padded; the image may need more than its rows.
     _bytesPerLine = format.fmt.pix.bytesperline;
     _sizeImage = format.fmt.pix.sizeimage;
