@@ -3,6 +3,7 @@
 // pipeline and 3A on every frame, and its runtime controls.
 #pragma once
 
+#include "3a/CurveWhiteBalance.h"
 #include "3a/Metering.h"
 #include "CUDAKernels.h"
 #include "CameraParams.h"
@@ -171,6 +172,15 @@ private:
         int32_t redGain = 0;
         bool controlNeedsUpdate = false;
     };
+    // White balance along the colour-temperature curve: the gains relative to green last written
+    // (none before it first ran), and the green register they were written against. Not primed:
+    // the sensor's gains are not yet the ones held here.
+    struct CurveAwbState {
+        bool started = false;
+        bool primed = false;
+        metering::ChannelGains gains;
+        int32_t green = 1024;
+    };
 
     void open_device();
     void init_device();
@@ -235,6 +245,8 @@ private:
     void applyManualWhiteBalance();
     void restoreWhiteBalance();
     void autoWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY);
+    void curveWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY);
+    void writeCurveGains();
 
     Poco::Logger& _logger;
     Params _params;
@@ -244,6 +256,8 @@ private:
     Controls _controls;
     AeState _aeState;
     AwbState _awbState;
+    CurveAwbState _awbCurve;
+    metering::CurveScratch _curveScratch;
     Poco::Event _releaseEvent{Poco::Event::EVENT_AUTORESET};
     bool _isRunning = false;
     std::mt19937 _prng;

@@ -4,6 +4,7 @@
 // the pipeline, and the metering diagnostics records.
 #include "CUDACamera.h"
 
+#include "3a/CurveWhiteBalance.h"
 #include "3a/Metering.h"
 #include "3a/MeteringDiagnostics.h"
 #include "SensorControls.h"
@@ -54,6 +55,8 @@ void CUDACamera::evaluate_3A(const Bucket& bucket) {
         applyManualWhiteBalance();
     } else if (_controls.awb.lock) {
         restoreWhiteBalance();
+    } else if (_params.awb.mode == WhiteBalanceMode::Curve) {
+        curveWhiteBalance(bucket, offsetX, offsetY);
     } else {
         autoWhiteBalance(bucket, offsetX, offsetY);
     }
@@ -232,6 +235,7 @@ void CUDACamera::applyManualWhiteBalance() {
     writeChannelGain(sensor::CID_GREEN_GAIN, truncateToRegister(_controls.awb.manualGreenGain * 1024.0f));
     writeChannelGain(sensor::CID_BLUE_GAIN, truncateToRegister(_controls.awb.manualBlueGain * 1024.0f));
     _awbState.controlNeedsUpdate = true;
+    _awbCurve.primed = false;
 }
 
 // Writes back the last automatic red and blue gains once; green is left as it is.
@@ -282,6 +286,64 @@ void CUDACamera::autoWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32
         _awbState.redGain = truncateToRegister(_currRedGain);
         writeChannelGain(sensor::CID_RED_GAIN, _awbState.redGain);
     }
+    _awbState.controlNeedsUpdate = true;
+}
+
+// The illuminant searched along the colour-temperature curve; the gains move half of the way to
+// the curve's gains at the estimate per frame. Until the sensor holds the gains kept here (first
+// frame, or after manual white balance) the frame is only used to write them: the curve's
+// reference gains at first, the last automatic ones after that.
+void CUDACamera::curveWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY) {
+    constexpr float kRate = 0.5f;
+    const metering::ColourTemperatureCurve& curve = _params.awb.curve;
+    if (!_awbCurve.primed) {
+        if (!_awbCurve.started) _awbCurve.gains = metering::gainsAt(curve, curve.referenceKelvin);
+        _awbCurve.started = true;
+        _awbCurve.green = readChannelGain(sensor::CID_GREEN_GAIN);
+        _awbCurve.primed = true;
+        writeCurveGains();
+        return;
+    }
+    metering::gatherSamples(fullImage(bucket), _initialSampleDist, _params.numSamples, offsetX, offsetY,
+                            metering::passLength(_params.awb.numSamples), _meteringScratch.samples);
+    metering::ColourShape shape;
+    shape.red = _controls.awb.gammaRed;
+    shape.green = _controls.awb.gammaGreen;
+    shape.blue = _controls.awb.gammaBlue;
+    shape.chromaU = _controls.awb.gammaCr;  // the kernels shape blue-difference with gammaCr
+    shape.chromaV = _controls.awb.gammaCb;
+    const metering::IlluminantEstimate estimate =
+        metering::estimateIlluminant(_meteringScratch.samples, metering::passLength(_params.awb.numSamples), shape,
+                                     _awbCurve.gains, curve, metering::CurveSearch{}, _curveScratch);
+    if (!estimate.found) {
+        if (_logger.debug()) {
+            Poco::LogStream(_logger).debug()
+                << "AWB curve: too little near gray (" << estimate.support << " samples), gains kept" << std::endl;
+        }
+        return;
+    }
+    _awbCurve.gains = metering::smoothGains(_awbCurve.gains, metering::gainsAt(curve, estimate.kelvin), kRate);
+    writeCurveGains();
+}
+
+// Writes the curve state's gains as red and blue registers against its green register, within
+// the registers' ranges, and keeps what was written as the state (so that the next estimate
+// divides out the gains really in force) and as the automatic gains a lock restores.
+void CUDACamera::writeCurveGains() {
+    const auto write = [this](uint32_t id, float ratio, float& current, int32_t& kept) {
+        const v4l2_queryctrl range = channelGainRange(id);
+        const float reg = metering::clampKeepNaN(ratio * static_cast<float>(_awbCurve.green),
+                                                 static_cast<float>(std::max<int32_t>(range.minimum, 1)),
+                                                 static_cast<float>(range.maximum));
+        kept = static_cast<int32_t>(std::lround(reg));
+        current = static_cast<float>(kept);
+        writeChannelGain(id, kept);
+        return static_cast<float>(kept) / static_cast<float>(_awbCurve.green);
+    };
+    // A green register of 0 gives a black image and no estimate; the ratios then count against unity.
+    if (_awbCurve.green <= 0) _awbCurve.green = 1024;
+    _awbCurve.gains.red = write(sensor::CID_RED_GAIN, _awbCurve.gains.red, _currRedGain, _awbState.redGain);
+    _awbCurve.gains.blue = write(sensor::CID_BLUE_GAIN, _awbCurve.gains.blue, _currBlueGain, _awbState.blueGain);
     _awbState.controlNeedsUpdate = true;
 }
 

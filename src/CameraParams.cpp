@@ -18,6 +18,13 @@ float readFloat(const Poco::AutoPtr<Poco::Util::AbstractConfiguration>& config, 
     return static_cast<float>(config->getDouble(key, fallback));
 }
 
+WhiteBalanceMode readWhiteBalanceMode(const Poco::Util::AbstractConfiguration& config) {
+    const std::string name = config.getString("awb.mode", "gray");
+    if (name == "gray") return WhiteBalanceMode::Gray;
+    if (name == "curve") return WhiteBalanceMode::Curve;
+    throw CaptureDeviceException("Unsupported awb.mode \"" + name + "\": expected gray or curve");
+}
+
 }  // namespace
 
 CUDACameraParams::CUDACameraParams(Poco::AutoPtr<Poco::Util::AbstractConfiguration> config) {
@@ -63,6 +70,8 @@ CUDACameraParams::CUDACameraParams(Poco::AutoPtr<Poco::Util::AbstractConfigurati
     awb.targetU = readFloat(config, "awb.targetU", 0.49);
     awb.targetV = readFloat(config, "awb.targetV", 0.51);
     awb.seed = config->getUInt("awb.seed", 0);
+    awb.mode = readWhiteBalanceMode(*config);
+    awb.curve = metering::readColourTemperatureCurve(*config, "awb.curve");
 
     outputBufferFormats = static_cast<uint32_t>(config->getInt("outputBufferFormats", YUV_ONLY));
     if (outputBufferFormats >= CUDA_OUTPUT_BUFFER_CONFIG.size()) {

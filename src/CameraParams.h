@@ -2,6 +2,7 @@
 // CUDACamera::Params is this type.
 #pragma once
 
+#include "3a/ColourTemperatureCurve.h"
 #include "CUDAKernels.h"
 
 #include <Poco/AutoPtr.h>
@@ -22,6 +23,10 @@ constexpr uint32_t kMaxMeteringRegions = 65536;
 // (user pointers), or the camera maps the driver's buffers; auto takes user pointers where the
 // driver offers them.
 enum class CaptureMemory { Auto, UserPtr, Mmap };
+
+// How auto white balance finds the illuminant: the gray test over the metering samples, or the
+// search along the sensor's colour-temperature curve.
+enum class WhiteBalanceMode { Gray, Curve };
 
 struct CUDACameraParams {
     struct Gamma {
@@ -48,6 +53,8 @@ struct CUDACameraParams {
         float targetU = 0.0f;
         float targetV = 0.0f;
         uint32_t seed = 0;
+        WhiteBalanceMode mode = WhiteBalanceMode::Gray;  // "awb.mode": gray | curve
+        metering::ColourTemperatureCurve curve;          // "awb.curve.*"
     };
 
     std::string name;
@@ -72,7 +79,8 @@ struct CUDACameraParams {
 
     // Reads every key of the camera's configuration entry; throws Poco's NotFoundException for a
     // missing "path", its SyntaxException for an unparsable value, and CaptureDeviceException for
-    // an unsupported output configuration or demosaic mode, or a pool size or metering count
+    // an unsupported output configuration, demosaic mode or white-balance mode, a malformed
+    // colour-temperature curve, or a pool size or metering count
     // beyond the bounds above (or no metering samples at all).
     explicit CUDACameraParams(Poco::AutoPtr<Poco::Util::AbstractConfiguration> config);
 };

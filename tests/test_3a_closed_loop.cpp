@@ -1,14 +1,16 @@
 // Auto exposure and white balance closed around the simulated sensor and the image pipeline, on
 // the test chart: after the illuminance steps 4x up and back, the metered luminance comes back
 // within 5% of its target and stays there; after a colour temperature step that leaves the
-// chart's neutrals recognisably gray, so does the chroma of a neutral patch. The default sensor
-// and one with the standard controls only settle in like frame counts.
+// chart's neutrals recognisably gray, so does the chroma of a neutral patch, and a sensor with
+// the standard controls only settles in like frame counts; and a bare sensor's gray patch ends
+// neutral with white balance along its colour-temperature curve.
 #include "support/loop_3a.h"
 
 #include "support/GpuPresence.h"
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <string>
 #include <utility>
@@ -107,6 +109,25 @@ INSTANTIATE_TEST_SUITE_P(Configurations, ClosedLoop3A, ::testing::Values(YUV_ONL
                          [](const ::testing::TestParamInfo<CUDAOutputConfiguration>& info) {
                              return info.param == YUV_ONLY ? "YUV_ONLY" : "YUV_2_4_SKIN_HISTOGRAM";
                          });
+
+// A bare sensor (green-dominant, strongly warm under tungsten) with white balance along its
+// colour-temperature curve: from the curve's reference gains, the neutral patch ends within 3
+// codes of neutral in U and V, under tungsten, mid-day and overcast-sky light.
+class CurveWhiteBalance : public ::testing::TestWithParam<int> {};
+
+TEST_P(CurveWhiteBalance, BareSensorGrayPatchEndsNeutral) {
+    RUVO_REQUIRE_CUDA_DEVICE();
+    ClosedLoop loop(
+        std::to_string(YUV_ONLY), 672, 380,
+        {{"awb.mode", "curve"}, {"sim.colourResponse", "raw"}, {"sim.colourTemperature", std::to_string(GetParam())}});
+    const std::vector<LoopFrame> frames = loop.run(60);
+    for (const LoopFrame& f : {frames[frames.size() - 10], frames.back()}) {
+        EXPECT_LE(std::fabs(f.grayU * 255.0f - 128.0f), 3.0f) << GetParam() << " K, red " << f.redGain;
+        EXPECT_LE(std::fabs(f.grayV * 255.0f - 128.0f), 3.0f) << GetParam() << " K, blue " << f.blueGain;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Illuminants, CurveWhiteBalance, ::testing::Values(2800, 5000, 7500));
 
 }  // namespace
 }  // namespace capture

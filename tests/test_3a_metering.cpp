@@ -2,16 +2,24 @@
 // the sensor, checked against values worked out by hand or computed here by direct loops:
 // register conversions, sampling and region statistics, contrast and skin weights, skin
 // statistics and blend, the gray test, exposure limits and the not-a-number fallbacks; and what
-// the diagnostics records print for values a camera rarely makes.
+// the diagnostics records print for values a camera rarely makes; and the search for the
+// illuminant along a colour-temperature curve, fed by the colour kernels' own arithmetic.
+#include "3a/CurveWhiteBalance.h"
 #include "3a/Metering.h"
 #include "3a/MeteringDiagnostics.h"
 #include "SensorControls.h"
+#include "kernels/ColourPath.h"
 #include "sensor/SensorProfile.h"
+
+#include <ruvo/capture/CaptureDeviceException.h>
+
+#include <Poco/Util/MapConfiguration.h>
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -230,6 +238,123 @@ TEST(GrayMeasure, ChromaDistanceOverLuminance) {
     // Y = 0: infinite or undefined, never below a threshold.
     EXPECT_FALSE(metering::grayMeasure(0, 128, 128) < 0.3f);
     EXPECT_FALSE(metering::grayMeasure(0, 130, 128) < 0.3f);
+}
+
+// ---- white balance along the colour-temperature curve ----
+
+struct YuvBytes {
+    uint8_t y, u, v;
+};
+
+// The bytes the colour kernels write for a flat patch of linear colour (0..1 of full scale).
+YuvBytes kernelYuv(float r, float g, float b, const kernels::Gammas& gammas) {
+    constexpr float kFull = 16383.0f;
+    kernels::QuadRgb quad;
+    for (int site = 0; site < 4; ++site) {
+        quad.r[site] = r * kFull;
+        quad.g[site] = g * kFull;
+        quad.b[site] = b * kFull;
+    }
+    const kernels::YuvQuad yuv = kernels::colourQuad(quad, gammas);
+    return {kernels::truncateToByte(yuv.y[0]), kernels::truncateToByte(yuv.u), kernels::truncateToByte(yuv.v)};
+}
+
+// Exponents chosen unequal, the chroma ones far apart, so that a channel or a chroma plane
+// undone with another's exponent, or a wrong weight, moves the ratios well past the tolerance.
+TEST(CurveWhiteBalance, LinearColourBackFromTheKernelsBytes) {
+    const kernels::Gammas shapes[] = {{0.8f, 0.8f, 0.8f, 0.78f, 0.78f}, {0.7f, 0.8f, 0.9f, 0.6f, 0.95f}};
+    const float colours[][3] = {
+        {0.3f, 0.3f, 0.3f}, {0.2f, 0.3f, 0.25f}, {0.4f, 0.35f, 0.2f}, {0.1f, 0.12f, 0.16f}, {0.5f, 0.25f, 0.1f}};
+    for (const kernels::Gammas& k : shapes) {
+        const metering::ColourShape shape{k.r, k.g, k.b, k.cr, k.cb};
+        for (const auto& c : colours) {
+            const YuvBytes bytes = kernelYuv(c[0], c[1], c[2], k);
+            float rgb[3];
+            ASSERT_TRUE(metering::linearRgb(bytes.y, bytes.u, bytes.v, shape, rgb));
+            EXPECT_NEAR(rgb[0] / rgb[1], c[0] / c[1], 0.03f * c[0] / c[1]) << c[0] << " " << c[1] << " " << c[2];
+            EXPECT_NEAR(rgb[2] / rgb[1], c[2] / c[1], 0.03f * c[2] / c[1]) << c[0] << " " << c[1] << " " << c[2];
+        }
+    }
+}
+
+// A scene under 3000 K seen with the gains of 5000 K: a third of it gray, the rest coloured
+// surfaces whose raw colour lies on the curve at daylight temperatures (blue sky, bluish
+// paint), as under tungsten blue surfaces do. A mean over everything near the curve would land
+// between; the grays' cluster must win, and the curve's gains at the estimate neutralise them.
+TEST(CurveWhiteBalance, GraysClusterOutvotesColoursLyingOnTheCurve) {
+    const metering::ColourTemperatureCurve curve = metering::builtInCurve();
+    const metering::ChannelGains applied = metering::gainsAt(curve, 5000.0f);
+    const kernels::Gammas k{0.8f, 0.8f, 0.8f, 0.78f, 0.78f};
+    metering::Samples samples;
+    const auto add = [&](float kelvin, float level, int count) {
+        const metering::ChannelGains gray = metering::gainsAt(curve, kelvin);  // raw gray: 1 / gains
+        const YuvBytes b = kernelYuv(level * applied.red / gray.red, level, level * applied.blue / gray.blue, k);
+        for (int i = 0; i < count; ++i) {
+            samples.y.push_back(b.y);
+            samples.u.push_back(b.u);
+            samples.v.push_back(b.v);
+        }
+    };
+    add(3000.0f, 0.2f, 100);
+    const float colours[] = {5500.0f, 6500.0f, 7500.0f, 9000.0f, 11000.0f};
+    for (float kelvin : colours) add(kelvin, 0.15f, 40);
+    add(3000.0f, 0.0f, 50);  // black: no vote
+    metering::CurveScratch scratch;
+    const auto count = static_cast<uint32_t>(samples.y.size());
+    const metering::IlluminantEstimate estimate =
+        metering::estimateIlluminant(samples, count, metering::ColourShape{}, applied, curve, {}, scratch);
+    ASSERT_TRUE(estimate.found);
+    EXPECT_NEAR(1e6f / estimate.kelvin, 1e6f / 3000.0f, 5.0f);
+
+    // Nothing near the curve (saturated green): no estimate, so the gains stay.
+    const YuvBytes green = kernelYuv(0.05f, 0.4f, 0.05f, k);
+    metering::Samples greens{{},
+                             {},
+                             std::vector<uint8_t>(200, green.y),
+                             std::vector<uint8_t>(200, green.u),
+                             std::vector<uint8_t>(200, green.v)};
+    EXPECT_FALSE(metering::estimateIlluminant(greens, 200, {}, applied, curve, {}, scratch).found);
+}
+
+// A curve given in a configuration is read as written and answered along its length; every
+// malformed one is refused naming its keys.
+TEST(ColourTemperatureCurve, ReadFromAConfigurationOrRefused) {
+    using Keys = std::map<std::string, std::string>;
+    const auto read = [](const Keys& keys) {
+        Poco::AutoPtr<Poco::Util::MapConfiguration> config(new Poco::Util::MapConfiguration());
+        for (const auto& [key, value] : keys) config->setString(key, value);
+        return metering::readColourTemperatureCurve(*config, "awb.curve");
+    };
+    const Keys good = {{"awb.curve.kelvin", "2500, 4000,6500"},
+                       {"awb.curve.redGain", "1.2,1.6,2.0"},
+                       {"awb.curve.blueGain", "2.4,1.6,1.1"},
+                       {"awb.curve.referenceKelvin", "4000"}};
+    const metering::ColourTemperatureCurve curve = read(good);
+    ASSERT_EQ(curve.points.size(), 3u);
+    EXPECT_FLOAT_EQ(metering::gainsAt(curve, 4000.0f).blue, 1.6f);
+    EXPECT_FLOAT_EQ(metering::gainsAt(curve, 9000.0f).red, 2.0f);  // held past the end
+    // Any point of the curve projects back onto its own temperature.
+    for (float kelvin : {2600.0f, 3100.0f, 5200.0f}) {
+        const metering::ChannelGains g = metering::gainsAt(curve, kelvin);
+        const metering::CurvePosition p = metering::nearestOnCurve(curve, -std::log(g.red), -std::log(g.blue));
+        EXPECT_NEAR(p.mired, 1e6f / kelvin, 0.01f) << kelvin;
+        EXPECT_NEAR(p.distance, 0.0f, 1e-5f) << kelvin;
+    }
+    EXPECT_EQ(read({}).points.size(), metering::builtInCurve().points.size());
+
+    const std::vector<std::pair<std::string, std::string>> bad = {
+        {"awb.curve.kelvin", "2500,4000,x"},    {"awb.curve.kelvin", "2500,4000"},
+        {"awb.curve.kelvin", "2500,6500,4000"}, {"awb.curve.redGain", "1.2,-1.6,2.0"},
+        {"awb.curve.referenceKelvin", "8000"},  {"awb.curve.blueGain", "2.4,1.6,inf"},
+    };
+    for (const auto& [key, value] : bad) {
+        Keys keys = good;
+        keys[key] = value;
+        EXPECT_THROW(read(keys), CaptureDeviceException) << key << " = " << value;
+    }
+    Keys partial = good;
+    partial.erase("awb.curve.blueGain");
+    EXPECT_THROW(read(partial), CaptureDeviceException);
 }
 
 // ---- controller steps ----

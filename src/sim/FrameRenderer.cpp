@@ -20,8 +20,8 @@ bool samePlane(const FrameSettings& a, const FrameSettings& b) {
 bool sameFrame(const FrameSettings& a, const FrameSettings& b) {
     return samePlane(a, b) && a.exposure == b.exposure && a.gain == b.gain && a.redGain == b.redGain &&
            a.greenGain == b.greenGain && a.blueGain == b.blueGain && a.illuminance == b.illuminance &&
-           a.colourTemperature == b.colourTemperature && a.pedestal == b.pedestal && a.layout.order == b.layout.order &&
-           a.layout.storage == b.layout.storage && a.layout.bits == b.layout.bits;
+           a.colourTemperature == b.colourTemperature && a.response == b.response && a.pedestal == b.pedestal &&
+           a.layout.order == b.layout.order && a.layout.storage == b.layout.storage && a.layout.bits == b.layout.bits;
 }
 
 // The colour filter over delivered pixel (x, y): the sensor's B G / G R pattern moved so that
@@ -46,7 +46,7 @@ struct ChannelModel {
 };
 
 ChannelModel channelModel(const FrameSettings& s) {
-    const ChannelMultipliers illuminant = colourTemperatureMultipliers(s.colourTemperature);
+    const ChannelMultipliers illuminant = channelMultipliers(s.response, s.colourTemperature);
     const int32_t gains[3] = {s.redGain, s.greenGain, s.blueGain};
     const float multipliers[3] = {illuminant.red, 1.0f, illuminant.blue};
     ChannelModel m{};

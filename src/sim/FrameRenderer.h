@@ -1,6 +1,7 @@
 // Turns the sensor's state into frames. The noiseless frame is rendered once per change of what
-// it depends on (scene, size, flips, exposure, gains, illuminance, colour temperature, pedestal,
-// layout) and then copied into each queued buffer; noise, when enabled, is drawn per frame.
+// it depends on (scene, size, flips, exposure, gains, illuminance, colour temperature, colour
+// response, pedestal, layout) and then copied into each queued buffer; noise, when enabled, is
+// drawn per frame.
 #pragma once
 
 #include "kernels/RawSamples.h"
@@ -26,6 +27,7 @@ struct FrameSettings {
     int32_t redGain = 1024, greenGain = 1024, blueGain = 1024;
     float illuminance = 1.0f;
     float colourTemperature = 6500.0f;
+    ColourResponse response = ColourResponse::Neutral;
     int32_t pedestal = 0;
     kernels::RawLayout layout = kernels::kPipelineLayout;  // of the delivered frame
 };

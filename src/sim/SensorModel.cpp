@@ -1,7 +1,9 @@
-// Tables of the physical model: the illuminant's channel multipliers and the Gaussian quantiles.
+// Tables of the physical model: the illuminant's channel multipliers (neutral and bare sensor) and
+// the Gaussian quantiles.
 #include "sim/SensorModel.h"
 
 #include <array>
+#include <cmath>
 #include <vector>
 
 namespace ruvo {
@@ -24,6 +26,22 @@ constexpr std::array<IlluminantEntry, 9> kIlluminants = {{{2000.0f, 2.40f, 0.30f
                                                           {6500.0f, 1.00f, 1.00f},
                                                           {8000.0f, 0.91f, 1.12f},
                                                           {10000.0f, 0.83f, 1.24f}}};
+
+// Spectral sensitivity of one colour filter: a Gaussian in wavelength, scaled by its peak.
+struct FilterBand {
+    double peakNm, widthNm, height;
+};
+
+// The bare sensor's filters, red, green, blue: green is the most sensitive, red and blue pass
+// less light, and blue sits where a tungsten lamp emits little.
+constexpr std::array<FilterBand, 3> kRawFilters = {{{600.0, 32.0, 0.60}, {535.0, 40.0, 1.00}, {470.0, 40.0, 0.85}}};
+
+// Planck's law up to a constant factor: spectral radiance of a black body at `kelvin`.
+double blackBody(double nm, double kelvin) {
+    constexpr double kSecondRadiation = 1.4388e-2;  // h c / k, metre kelvin
+    const double metres = nm * 1e-9;
+    return 1.0 / (std::pow(metres, 5) * std::expm1(kSecondRadiation / (metres * kelvin)));
+}
 
 // Inverse of the standard normal distribution function, by a rational approximation with a
 // relative error below 1.2e-9 over 0 < p < 1.
@@ -61,6 +79,18 @@ ChannelMultipliers colourTemperatureMultipliers(float kelvin) {
     // Mired (1e6 / K) spaces colour temperatures about evenly in perceived colour.
     const float t = (1e6f / lo.kelvin - 1e6f / kelvin) / (1e6f / lo.kelvin - 1e6f / hi.kelvin);
     return {lo.red + (hi.red - lo.red) * t, lo.blue + (hi.blue - lo.blue) * t};
+}
+
+ChannelMultipliers rawSensorMultipliers(float kelvin) {
+    double response[3] = {0.0, 0.0, 0.0};
+    for (int nm = 380; nm <= 720; nm += 5) {
+        const double radiance = blackBody(nm, kelvin);
+        for (size_t c = 0; c < kRawFilters.size(); ++c) {
+            const double z = (nm - kRawFilters[c].peakNm) / kRawFilters[c].widthNm;
+            response[c] += kRawFilters[c].height * std::exp(-0.5 * z * z) * radiance;
+        }
+    }
+    return {static_cast<float>(response[0] / response[1]), static_cast<float>(response[2] / response[1])};
 }
 
 const float* gaussianTable() {

@@ -43,6 +43,17 @@ struct ChannelMultipliers {
 };
 ChannelMultipliers colourTemperatureMultipliers(float kelvin);
 
+// Red and blue response of a bare sensor relative to green under a black body at `kelvin`: the
+// Planck spectrum weighted by each filter's Gaussian spectral sensitivity (peak, width, height
+// in kRawFilters), summed over 380..720 nm in 5 nm steps.
+ChannelMultipliers rawSensorMultipliers(float kelvin);
+
+// The multipliers of a colour response: the table above for `Neutral`; for `Raw`, the bare sensor,
+// green-dominant and strongly warm under tungsten light.
+inline ChannelMultipliers channelMultipliers(ColourResponse response, float kelvin) {
+    return response == ColourResponse::Raw ? rawSensorMultipliers(kelvin) : colourTemperatureMultipliers(kelvin);
+}
+
 // Exposure register (sensor lines) to seconds.
 inline double exposureSeconds(int32_t exposureRegister) {
     return static_cast<double>(exposureRegister) * sensor::kExposureUnitMicroseconds * 1e-6;

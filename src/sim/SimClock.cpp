@@ -88,6 +88,7 @@ FrameSettings SimulatedSensor::frameSettings(uint64_t frame) {
     }
     s.illuminance = _illuminance;
     s.colourTemperature = _colourTemperature;
+    s.response = _config.colourResponse;
     s.pedestal = _config.pedestal;
     s.layout = deliveredLayout();
     return s;

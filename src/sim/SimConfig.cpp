@@ -80,6 +80,13 @@ ControlSet readControlSet(const AbstractConfiguration& config) {
     invalid("sim.controls", text, "expected default or generic");
 }
 
+ColourResponse readColourResponse(const AbstractConfiguration& config) {
+    const std::string text = Poco::trim(config.getString("sim.colourResponse", "neutral"));
+    if (text == "neutral") return ColourResponse::Neutral;
+    if (text == "raw") return ColourResponse::Raw;
+    invalid("sim.colourResponse", text, "expected neutral or raw");
+}
+
 constexpr double kMinColourTemperature = 1000.0;
 constexpr double kMaxColourTemperature = 40000.0;
 
@@ -136,6 +143,7 @@ SimConfig readSimConfig(const AbstractConfiguration& config) {
         readNumber(config, "sim.illuminance", c.illuminance, 0.0, std::numeric_limits<float>::max()));
     c.colourTemperature = static_cast<float>(
         readNumber(config, "sim.colourTemperature", c.colourTemperature, kMinColourTemperature, kMaxColourTemperature));
+    c.colourResponse = readColourResponse(config);
     c.clock = readClock(config);
     c.fps = static_cast<float>(readNumber(config, "sim.fps", c.fps, 0.1, 1000.0));
     c.noise = readFlag(config, "sim.noise", c.noise);

@@ -22,6 +22,10 @@ enum class ClockMode {
     Stepped    // a frame only when the test calls SimulatedSensor::step
 };
 
+// The sensor's colour response to the illuminant: `Neutral`, a sensor already balanced for
+// daylight; `Raw`, a bare sensor seen through its colour filters (SensorModel.h).
+enum class ColourResponse { Neutral, Raw };
+
 enum class SampleLayout {
     Msb14,  // 10-bit value in the upper bits of a 14-bit field: value x 16
     Lsb10   // plain 10-bit value
@@ -41,6 +45,8 @@ struct SimConfig {
     float level = 0.18f;                // reflectance of the flat field, 0..1
     float illuminance = 1.0f;           // multiples of the nominal illuminance
     float colourTemperature = 6500.0f;  // kelvin
+    // The sensor's colour response (sim.colourResponse: neutral | raw).
+    ColourResponse colourResponse = ColourResponse::Neutral;
     ClockMode clock = ClockMode::Realtime;
     float fps = 30.0f;       // frame rate; also sets the exposure limit of one frame period
     bool noise = false;      // photon shot noise and read noise

@@ -35,9 +35,9 @@ class ClosedLoop {
 public:
     static constexpr int kGrayPatch = 20;  // neutral 6.5 of the colour checker
 
-    // `keys` add to the camera entry (sim.controls = generic: a sensor with the standard controls).
-    ClosedLoop(const std::string& configuration, uint32_t width, uint32_t height, SimKeys keys = {})
-        : rig(withLoopKeys(std::move(keys), configuration, width, height)) {}
+    // `extra` keys (white-balance mode, the sensor's colour response, ...) join the camera entry.
+    ClosedLoop(const std::string& configuration, uint32_t width, uint32_t height, SimKeys extra = {})
+        : rig(withLoopKeys(std::move(extra), configuration, width, height)) {}
 
     sim::SimulatedSensor& sensor() { return *rig.sensor; }
     const CUDACamera::Params& params() const { return rig.camera->getParams(); }
@@ -71,12 +71,12 @@ public:
 
 private:
     static SimKeys withLoopKeys(SimKeys keys, const std::string& configuration, uint32_t width, uint32_t height) {
-        keys.emplace("outputBufferFormats", configuration);
-        keys.emplace("width", std::to_string(width));
-        keys.emplace("height", std::to_string(height));
-        keys.emplace("hFlip", "false");
-        keys.emplace("vFlip", "false");
-        keys.emplace("sim.scene", "chart");
+        keys.insert({{"outputBufferFormats", configuration},
+                     {"width", std::to_string(width)},
+                     {"height", std::to_string(height)},
+                     {"hFlip", "false"},
+                     {"vFlip", "false"},
+                     {"sim.scene", "chart"}});
         return keys;
     }
 

@@ -20,13 +20,18 @@ namespace tool {
 
 namespace {
 
-// The built-in cameras: skin histogram outputs under daylight, gradient outputs under warm light.
+// The built-in cameras: skin histogram outputs under daylight on the simulator's default sensor
+// with the gray test; gradient outputs under warm light on a bare sensor (green-dominant, warm
+// under tungsten) whose white balance searches its colour-temperature curve. The gray test
+// cannot balance warm light: it takes the chart's blue patches for gray.
 struct DefaultCamera {
     const char* name;
     int outputBufferFormats;
     int colourTemperatureK;
+    const char* colourResponse;    // sim.colourResponse
+    const char* whiteBalanceMode;  // awb.mode
 };
-const DefaultCamera kDefaultCameras[] = {{"left", 2, 6500}, {"right", 7, 3200}};
+const DefaultCamera kDefaultCameras[] = {{"left", 2, 6500, "neutral", "gray"}, {"right", 7, 3200, "raw", "curve"}};
 
 // Illuminance 0.2 puts the chart's background well below the luminance target at the sensor's
 // power-on exposure (10 ms, gain 1), so the first second of a run shows auto exposure at work.
@@ -72,6 +77,8 @@ Poco::AutoPtr<Poco::Util::AbstractConfiguration> defaultConfiguration() {
         config->setDouble(key + "sim.fps", kDefaultFps);
         config->setDouble(key + "sim.illuminance", kDefaultIlluminance);
         config->setInt(key + "sim.colourTemperature", camera.colourTemperatureK);
+        config->setString(key + "sim.colourResponse", camera.colourResponse);
+        config->setString(key + "awb.mode", camera.whiteBalanceMode);
     }
     return config;
 }
