@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -112,22 +113,28 @@ INSTANTIATE_TEST_SUITE_P(Configurations, ClosedLoop3A, ::testing::Values(YUV_ONL
 
 // A bare sensor (green-dominant, strongly warm under tungsten) with white balance along its
 // colour-temperature curve: from the curve's reference gains, the neutral patch ends within 3
-// codes of neutral in U and V, under tungsten, mid-day and overcast-sky light.
-class CurveWhiteBalance : public ::testing::TestWithParam<int> {};
+// codes of neutral in U and V, under tungsten, mid-day and overcast-sky light; with the sensor's
+// channel gains, and with the pipeline's for a sensor without them (its black level subtracted).
+class CurveWhiteBalance : public ::testing::TestWithParam<std::tuple<int, const char*>> {};
 
 TEST_P(CurveWhiteBalance, BareSensorGrayPatchEndsNeutral) {
     RUVO_REQUIRE_CUDA_DEVICE();
-    ClosedLoop loop(
-        std::to_string(YUV_ONLY), 672, 380,
-        {{"awb.mode", "curve"}, {"sim.colourResponse", "raw"}, {"sim.colourTemperature", std::to_string(GetParam())}});
+    const auto [kelvin, controls] = GetParam();
+    ClosedLoop loop(std::to_string(YUV_ONLY), 672, 380,
+                    {{"awb.mode", "curve"},
+                     {"sim.controls", controls},
+                     {"sim.colourResponse", "raw"},
+                     {"sim.colourTemperature", std::to_string(kelvin)}});
     const std::vector<LoopFrame> frames = loop.run(60);
     for (const LoopFrame& f : {frames[frames.size() - 10], frames.back()}) {
-        EXPECT_LE(std::fabs(f.grayU * 255.0f - 128.0f), 3.0f) << GetParam() << " K, red " << f.redGain;
-        EXPECT_LE(std::fabs(f.grayV * 255.0f - 128.0f), 3.0f) << GetParam() << " K, blue " << f.blueGain;
+        EXPECT_LE(std::fabs(f.grayU * 255.0f - 128.0f), 3.0f) << kelvin << " K " << controls << ", red " << f.redGain;
+        EXPECT_LE(std::fabs(f.grayV * 255.0f - 128.0f), 3.0f) << kelvin << " K " << controls << ", blue " << f.blueGain;
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Illuminants, CurveWhiteBalance, ::testing::Values(2800, 5000, 7500));
+INSTANTIATE_TEST_SUITE_P(Illuminants, CurveWhiteBalance,
+                         ::testing::Combine(::testing::Values(2800, 5000, 7500),
+                                            ::testing::Values("default", "generic")));
 
 }  // namespace
 }  // namespace capture
