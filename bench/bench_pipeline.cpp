@@ -5,7 +5,8 @@
 // bytes the plan moves (raw frame read, every output written, every intermediate read again); the
 // CUDA build adds the device's peak memory bandwidth to the context (device_peak_GB/s). The
 // delivered sample layouts are timed with their conversion included, YUV_ONLY bilinear:
-// layout/<layout>/<size>/threads:<n>.
+// layout/<layout>/<size>/threads:<n>; levels/... adds the black level and channel gains applied
+// in the pipeline for a sensor without those controls.
 #include "isp/IspPlan.h"
 #include "isp/RawUnpack.h"
 #include "support/GpuPresence.h"
@@ -94,8 +95,9 @@ void addDevicePeak() {
 namespace k = ruvo::capture::kernels;
 
 // YUV_ONLY bilinear from a frame delivered in `layout`, its conversion to the pipeline's samples
-// included (none for the pipeline's own layout).
-void runLayout(benchmark::State& state, k::RawLayout layout, ProcessedSize size, int threads) {
+// included (none for the pipeline's own layout); with `levels`, also the black level and channel
+// gains a sensor without those controls gets in the pipeline.
+void runLayout(benchmark::State& state, k::RawLayout layout, ProcessedSize size, int threads, bool levels) {
     std::string reason;
     if (!cudaDeviceAvailable(&reason)) {
         state.SkipWithError(reason.c_str());
@@ -116,11 +118,15 @@ void runLayout(benchmark::State& state, k::RawLayout layout, ProcessedSize size,
     if (layout.isPipelineLayout()) rig.fillRaw(values);
     cudaStream_t stream = nullptr;
     cudaStreamCreate(&stream);
+    k::RawLevels rawLevels;
+    rawLevels.black = 1024.0f;
+    rawLevels.scale[0][0] = 0.7f;
+    rawLevels.scale[1][1] = 1.5f;
     const auto frame = [&] {
-        if (!layout.isPipelineLayout()) {
+        if (!layout.isPipelineLayout())
             cap::unpackRawFrame(stream, layout, delivered, stride, rig.raw(), size.width, size.height);
-            cudaStreamSynchronize(stream);
-        }
+        if (levels) cap::applyRawLevels(stream, rawLevels, rig.raw(), size.width, size.height);
+        cudaStreamSynchronize(stream);
         rig.run(cap::BILINEAR_5, {0.8f, 0.8f, 0.8f, 0.9f, 0.9f});
     };
     frame();
@@ -137,14 +143,16 @@ void registerLayouts() {
                                     {k::BayerOrder::kRGGB, k::SampleStorage::kCsi2Packed10, 10}};
     const int allThreads = omp_get_num_procs();
     for (const k::RawLayout& layout : layouts) {
-        for (int threads : {1, allThreads}) {
-            const ProcessedSize size{1280, 720};
-            const std::string name =
-                "layout/" + layoutName(layout) + "/" + sizeName(size) + "/threads:" + std::to_string(threads);
-            benchmark::RegisterBenchmark(name.c_str(), runLayout, layout, size, threads)
-                ->Unit(benchmark::kMillisecond)
-                ->UseRealTime();
-            if (allThreads == 1) break;
+        for (bool levels : {false, true}) {
+            for (int threads : {1, allThreads}) {
+                const ProcessedSize size{1280, 720};
+                const std::string name = std::string(levels ? "levels/" : "layout/") + layoutName(layout) + "/" +
+                                         sizeName(size) + "/threads:" + std::to_string(threads);
+                benchmark::RegisterBenchmark(name.c_str(), runLayout, layout, size, threads, levels)
+                    ->Unit(benchmark::kMillisecond)
+                    ->UseRealTime();
+                if (allThreads == 1) break;
+            }
         }
     }
 }

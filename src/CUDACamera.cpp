@@ -321,7 +321,7 @@ CUDACamera::Bucket* CUDACamera::read() {
             release(bucket.index);
             return nullptr;
         }
-        if (bucket.v4l2.data != bucket.cudaIn.host) copyIn(bucket);
+        copyIn(bucket);
         process(bucket);
     } catch (...) {
         // A frame that fails on its way goes back at once, so that stop() never waits for it; its
@@ -383,13 +383,13 @@ void CUDACamera::sendSkinDiagnostics(const Bucket& bucket) {
 
 void CUDACamera::fillFeedback(Bucket& bucket) {
     Feedback& fb = bucket.feedback;
-    fb.autoExposureGain = gainFromRegister(getControl(sensor::CID_GAIN));
-    fb.autoExposureTime = getControl(sensor::CID_EXPOSURE) * sensor::kExposureUnitMicroseconds / 1e6f;
-    const float green = getControl(sensor::CID_GREEN_GAIN) / 1024.0f;
-    fb.autoWhiteBalanceGains = {getControl(sensor::CID_RED_GAIN) / 1024.0f, green, green,
-                                getControl(sensor::CID_BLUE_GAIN) / 1024.0f};
+    fb.autoExposureGain = _profile.gain.toGain(getControl(_profile.gainControl));
+    fb.autoExposureTime = _profile.exposureSeconds(getControl(_profile.exposureControl));
+    const float green = readChannelGain(sensor::CID_GREEN_GAIN) / 1024.0f;
+    fb.autoWhiteBalanceGains = {readChannelGain(sensor::CID_RED_GAIN) / 1024.0f, green, green,
+                                readChannelGain(sensor::CID_BLUE_GAIN) / 1024.0f};
     fb.autoExposureRegions.clear();
-    if (getControl(sensor::CID_METER_ENABLE) != 0) {
+    if (_profile.meteringWindow && getControl(sensor::CID_METER_ENABLE) != 0) {
         const long left = getControl(sensor::CID_METER_LEFT);
         const long top = getControl(sensor::CID_METER_TOP);
         // One pixel wider and taller than the rectangle written to the sensor, as read back.
@@ -399,6 +399,10 @@ void CUDACamera::fillFeedback(Bucket& bucket) {
     }
     fb.autoWhiteBalanceRegions.clear();
     if (!_controls.awb.regions.empty()) fb.autoWhiteBalanceRegions.push_back(_controls.awb.regions.front());
+    if (!_profile.luminanceStatistic) {
+        fb.luminance = averageLuminance(bucket);
+        return;
+    }
     const v4l2_queryctrl range = queryControl(sensor::CID_AVG_LUMINANCE);
     fb.luminance =
         static_cast<float>(getControl(sensor::CID_AVG_LUMINANCE)) / static_cast<float>(range.maximum - range.minimum);

@@ -9,6 +9,7 @@
 #include "CameraParams.h"
 #include "io/DeviceIo.h"
 #include "sensor/PixelFormats.h"
+#include "sensor/SensorProfile.h"
 
 #include <ruvo/capture/Capabilities.h>
 #include <ruvo/capture/Frame.h>
@@ -22,6 +23,7 @@
 #include <cuda_runtime.h>
 #include <linux/videodev2.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -143,6 +145,12 @@ public:
     int32_t getControl(uint32_t id);
     void setControl(uint32_t id, int32_t value);
 
+    // The sensor profile in use, as settled against the driver at the last start, and the sensor
+    // controls the pipeline does in the sensor's place ("channel gains", "black level",
+    // "luminance statistic").
+    const sensor::SensorProfile& sensorProfile() const { return _profile; }
+    std::vector<std::string> emulatedControls() const;
+
     const std::string& getName() const { return _params.name; }
     const Params& getParams() const { return _params; }
 
@@ -191,7 +199,20 @@ private:
     v4l2_format negotiateFormat();
     void allocateDelivered(Bucket& bucket);
     void copyIn(Bucket& bucket) const;
+    void applyLevels(Bucket& bucket) const;
     void deinit_mem();
+    // Sensor profile and the controls done in the pipeline (CUDACameraProfile.cpp).
+    bool hasControl(uint32_t id);
+    int64_t getControl64(uint32_t id);
+    void resolveSensorProfile();
+    void adaptGenericProfile();
+    void resolveLineTime(uint32_t width);
+    void resetSensorControls();
+    int32_t readChannelGain(uint32_t id);
+    void writeChannelGain(uint32_t id, int32_t value);
+    v4l2_queryctrl channelGainRange(uint32_t id);
+    float averageLuminance(const Bucket& bucket) const;
+    bool rawLevels(kernels::RawLevels& levels) const;
     void deinit_device();
     void start_capturing();
     void stop_capturing();
@@ -205,6 +226,7 @@ private:
     void sendSkinDiagnostics(const Bucket& bucket);
     void programMeteringRectangle(const std::vector<ruvo::util::WeightedRegion>& regions);
     void applyFlips();
+    void restartKeepingSensorValues(const Controls& c);
     void evaluate_3A(const Bucket& bucket);
 
     // Steps of evaluate_3A (CUDACamera3A.cpp).
@@ -213,6 +235,7 @@ private:
     void applyManualExposure();
     void restoreExposure();
     void autoExposure(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY);
+    float sensorLuminance(const Bucket& bucket);
     const uint32_t* skinHistogram(const Bucket& bucket) const;
     float meteredLuminance(const Bucket& bucket, const uint32_t* histogram, uint32_t offsetX, uint32_t offsetY);
     void publishExpStat();
@@ -255,6 +278,10 @@ private:
     uint32_t _sizeImage = 0;
     sensor::PixelFormat _pixelFormat = sensor::defaultLayoutFormat();  // as negotiated
     std::vector<uint32_t> _offeredFormats;                             // the driver's list at the last start
+    sensor::SensorProfile _profile = sensor::defaultSensorProfile();   // as settled at the last start
+    float _blackLevel = 0.0f;                                          // on the 14-bit scale
+    std::array<std::atomic<int32_t>, 3> _digitalGains{};  // red, green, blue in 1/1024, without channel-gain controls
+    bool _meteringWindowLogged = false;
     int64_t _nextSequence = -1;  // the driver sequence expected next; -1 before the first frame
     uint64_t _droppedFrames = 0;
     uint64_t _errorBuffers = 0;

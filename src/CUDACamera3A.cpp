@@ -1,6 +1,7 @@
 // CUDACamera's per-frame auto exposure and auto white balance: the manual, lock and automatic
 // branches of both, the metering of the processed image and the skin histogram, the writes of
-// exposure, gain and channel gains to the sensor, and the metering diagnostics records.
+// exposure and gain to the sensor by its profile's laws and of channel gains to the sensor or
+// the pipeline, and the metering diagnostics records.
 #include "CUDACamera.h"
 
 #include "3a/CurveWhiteBalance.h"
@@ -80,23 +81,21 @@ metering::YuvImage CUDACamera::fullImage(const Bucket& bucket) const {
 // ---- auto exposure ----
 
 void CUDACamera::applyManualExposure() {
-    setControl(sensor::CID_EXPOSURE, secondsToExposureRegister(_controls.ae.manualExposure));
-    setControl(sensor::CID_GAIN, gainToRegister(_controls.ae.manualGain));
+    setControl(_profile.exposureControl, _profile.exposureRegister(_controls.ae.manualExposure));
+    setControl(_profile.gainControl, _profile.gain.toRegister(_controls.ae.manualGain));
     _aeState.controlNeedsUpdate = true;
 }
 
 // Writes back the last automatic values once after manual mode or an automatic update.
 void CUDACamera::restoreExposure() {
     if (!_aeState.controlNeedsUpdate) return;
-    setControl(sensor::CID_EXPOSURE, _aeState.exposure);
-    setControl(sensor::CID_GAIN, truncateToRegister(_aeState.gain));
+    setControl(_profile.exposureControl, _aeState.exposure);
+    setControl(_profile.gainControl, truncateToRegister(_aeState.gain));
     _aeState.controlNeedsUpdate = false;
 }
 
 void CUDACamera::autoExposure(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY) {
-    // The driver's statistic is divided by its range without subtracting the minimum.
-    const float rangeY = controlRange(queryControl(sensor::CID_AVG_LUMINANCE));
-    float avgY = static_cast<float>(getControl(sensor::CID_AVG_LUMINANCE)) / rangeY;
+    float avgY = sensorLuminance(bucket);
     const float targetY = _controls.ae.targetY + _controls.ae.ev;
     float err = targetY - avgY;
 
@@ -119,6 +118,14 @@ void CUDACamera::autoExposure(const Bucket& bucket, uint32_t offsetX, uint32_t o
 }
 
 // The skin histogram of this frame when the output configuration produces one, else null.
+// The frame's luminance on a 0..1 scale: the driver's statistic, divided by its range without
+// subtracting the minimum, or the frame's mean luma where the sensor has no statistic.
+float CUDACamera::sensorLuminance(const Bucket& bucket) {
+    if (!_profile.luminanceStatistic) return averageLuminance(bucket);
+    const float rangeY = controlRange(queryControl(sensor::CID_AVG_LUMINANCE));
+    return static_cast<float>(getControl(sensor::CID_AVG_LUMINANCE)) / rangeY;
+}
+
 const uint32_t* CUDACamera::skinHistogram(const Bucket& bucket) const {
     bool configured = false;
     for (const OutputBufferDefinition& definition : _controls.outputBuffers) {
@@ -192,7 +199,7 @@ void CUDACamera::publishExpMeta(const Bucket& bucket, const metering::SkinStats&
 }
 
 void CUDACamera::updateExposure(float err, float avgY) {
-    const v4l2_queryctrl range = queryControl(sensor::CID_EXPOSURE);
+    const v4l2_queryctrl range = queryControl(_profile.exposureControl);
     metering::ExposureStep step;
     step.timeMin = static_cast<float>(range.minimum);
     step.timeMax = static_cast<float>(range.maximum);
@@ -200,25 +207,33 @@ void CUDACamera::updateExposure(float err, float avgY) {
     step.highSeconds = _controls.ae.time.high();
     step.exposureP = _params.ae.exposureP;
     step.manualExposure = _controls.ae.manualExposure;
-    const auto current = static_cast<float>(getControl(sensor::CID_EXPOSURE));
+    step.unitMicroseconds = _profile.exposureUnitMicroseconds();
+    const auto current = static_cast<float>(getControl(_profile.exposureControl));
     _aeState.controlNeedsUpdate = true;
     _aeState.exposure = truncateToRegister(metering::nextExposure(current, err, avgY, step));
-    setControl(sensor::CID_EXPOSURE, _aeState.exposure);
+    setControl(_profile.exposureControl, _aeState.exposure);
 }
 
 void CUDACamera::updateGain(float err) {
     _currExpGain = metering::nextGain(_currExpGain, err, _params.ae.gainP, _controls.ae.manualGain);
-    const int32_t reg = gainToRegister(_currExpGain);
+    // Other gain laws reach their limit inside 0.6..16: the gain is held to the driver's range so
+    // that it does not run on past what the register can give (the default curve spans 0..16.3).
+    if (_profile.gain.law != sensor::GainLaw::kFourStage) {
+        const v4l2_queryctrl range = queryControl(_profile.gainControl);
+        const float low = _profile.gain.toGain(range.minimum), high = _profile.gain.toGain(range.maximum);
+        _currExpGain = std::clamp(_currExpGain, std::min(low, high), std::max(low, high));
+    }
+    const int32_t reg = _profile.gain.toRegister(_currExpGain);
     _aeState.gain = static_cast<float>(reg);
-    setControl(sensor::CID_GAIN, reg);
+    setControl(_profile.gainControl, reg);
 }
 
 // ---- auto white balance ----
 
 void CUDACamera::applyManualWhiteBalance() {
-    setControl(sensor::CID_RED_GAIN, truncateToRegister(_controls.awb.manualRedGain * 1024.0f));
-    setControl(sensor::CID_GREEN_GAIN, truncateToRegister(_controls.awb.manualGreenGain * 1024.0f));
-    setControl(sensor::CID_BLUE_GAIN, truncateToRegister(_controls.awb.manualBlueGain * 1024.0f));
+    writeChannelGain(sensor::CID_RED_GAIN, truncateToRegister(_controls.awb.manualRedGain * 1024.0f));
+    writeChannelGain(sensor::CID_GREEN_GAIN, truncateToRegister(_controls.awb.manualGreenGain * 1024.0f));
+    writeChannelGain(sensor::CID_BLUE_GAIN, truncateToRegister(_controls.awb.manualBlueGain * 1024.0f));
     _awbState.controlNeedsUpdate = true;
     _awbCurve.primed = false;
 }
@@ -226,8 +241,8 @@ void CUDACamera::applyManualWhiteBalance() {
 // Writes back the last automatic red and blue gains once; green is left as it is.
 void CUDACamera::restoreWhiteBalance() {
     if (!_awbState.controlNeedsUpdate) return;
-    setControl(sensor::CID_RED_GAIN, _awbState.redGain);
-    setControl(sensor::CID_BLUE_GAIN, _awbState.blueGain);
+    writeChannelGain(sensor::CID_RED_GAIN, _awbState.redGain);
+    writeChannelGain(sensor::CID_BLUE_GAIN, _awbState.blueGain);
     _awbState.controlNeedsUpdate = false;
 }
 
@@ -256,20 +271,20 @@ void CUDACamera::autoWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32
         avgU = (gray.sumU / static_cast<float>(gray.countU)) / 255.0f;
         avgV = (gray.sumV / static_cast<float>(gray.countV)) / 255.0f;
     }
-    const v4l2_queryctrl blue = queryControl(sensor::CID_BLUE_GAIN);
-    const v4l2_queryctrl red = queryControl(sensor::CID_RED_GAIN);
+    const v4l2_queryctrl blue = channelGainRange(sensor::CID_BLUE_GAIN);
+    const v4l2_queryctrl red = channelGainRange(sensor::CID_RED_GAIN);
     const float errU = targetU - avgU;
     const float errV = targetV - avgV;
     if (std::fabs(errU) > std::fabs(errV)) {
         _currBlueGain = metering::nextChannelGain(_currBlueGain, static_cast<float>(blue.minimum),
                                                   static_cast<float>(blue.maximum), errU, P);
         _awbState.blueGain = truncateToRegister(_currBlueGain);
-        setControl(sensor::CID_BLUE_GAIN, _awbState.blueGain);
+        writeChannelGain(sensor::CID_BLUE_GAIN, _awbState.blueGain);
     } else {
         _currRedGain = metering::nextChannelGain(_currRedGain, static_cast<float>(red.minimum),
                                                  static_cast<float>(red.maximum), errV, P);
         _awbState.redGain = truncateToRegister(_currRedGain);
-        setControl(sensor::CID_RED_GAIN, _awbState.redGain);
+        writeChannelGain(sensor::CID_RED_GAIN, _awbState.redGain);
     }
     _awbState.controlNeedsUpdate = true;
 }
@@ -284,7 +299,7 @@ void CUDACamera::curveWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint3
     if (!_awbCurve.primed) {
         if (!_awbCurve.started) _awbCurve.gains = metering::gainsAt(curve, curve.referenceKelvin);
         _awbCurve.started = true;
-        _awbCurve.green = getControl(sensor::CID_GREEN_GAIN);
+        _awbCurve.green = readChannelGain(sensor::CID_GREEN_GAIN);
         _awbCurve.primed = true;
         writeCurveGains();
         return;
@@ -316,13 +331,13 @@ void CUDACamera::curveWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint3
 // divides out the gains really in force) and as the automatic gains a lock restores.
 void CUDACamera::writeCurveGains() {
     const auto write = [this](uint32_t id, float ratio, float& current, int32_t& kept) {
-        const v4l2_queryctrl range = queryControl(id);
+        const v4l2_queryctrl range = channelGainRange(id);
         const float reg = metering::clampKeepNaN(ratio * static_cast<float>(_awbCurve.green),
                                                  static_cast<float>(std::max<int32_t>(range.minimum, 1)),
                                                  static_cast<float>(range.maximum));
         kept = static_cast<int32_t>(std::lround(reg));
         current = static_cast<float>(kept);
-        setControl(id, kept);
+        writeChannelGain(id, kept);
         return static_cast<float>(kept) / static_cast<float>(_awbCurve.green);
     };
     // A green register of 0 gives a black image and no estimate; the ratios then count against unity.

@@ -46,9 +46,9 @@ void validate(const Controls& c) {
     }
 }
 
-// Sensor values that a restart would reset to the driver's defaults, in the order written back.
-constexpr uint32_t kKeptAcrossRestart[] = {sensor::CID_RED_GAIN, sensor::CID_GREEN_GAIN, sensor::CID_BLUE_GAIN,
-                                           sensor::CID_EXPOSURE, sensor::CID_GAIN};
+// Channel gains that a restart would reset to the driver's defaults, written back before the
+// exposure and gain (where the sensor lacks them, the pipeline's multipliers).
+constexpr uint32_t kChannelGains[] = {sensor::CID_RED_GAIN, sensor::CID_GREEN_GAIN, sensor::CID_BLUE_GAIN};
 
 }  // namespace
 
@@ -66,6 +66,8 @@ Capabilities CUDACamera::getCapabilities() {
     Capabilities capabilities;
     capabilities.resolutions.assign(kSupportedSizes.begin(), kSupportedSizes.end());
     describeFormats(capabilities);
+    capabilities.sensorProfile = _profile.name;
+    capabilities.emulatedControls = emulatedControls();
     return capabilities;
 }
 
@@ -79,26 +81,36 @@ void CUDACamera::setControls(const Controls& c) {
     bool restart;
     {
         Poco::FastMutex::ScopedLock lock(_mutexControls);
-        restart =
-            c.width != _controls.width || c.height != _controls.height || c.outputBuffers != _controls.outputBuffers;
+        // Flips that the sensor refuses while streaming take a restart as a new size does.
+        const bool flips = _profile.flipsBeforeStreaming && (c.hFlip != _controls.hFlip || c.vFlip != _controls.vFlip);
+        restart = flips || c.width != _controls.width || c.height != _controls.height ||
+                  c.outputBuffers != _controls.outputBuffers;
     }
-    if (restart) {
-        std::array<int32_t, 5> kept{};
-        for (size_t i = 0; i < kept.size(); ++i) kept[i] = getControl(kKeptAcrossRestart[i]);
-        stop();
-        {
-            Poco::FastMutex::ScopedLock lock(_mutexControls);
-            _controls = c;
-        }
-        start();
-        for (size_t i = 0; i < kept.size(); ++i) setControl(kKeptAcrossRestart[i], kept[i]);
-    }
+    if (restart) restartKeepingSensorValues(c);
     {
         Poco::FastMutex::ScopedLock lock(_mutexControls);
         _controls = c;
     }
     programMeteringRectangle(_controls.ae.regions);
-    applyFlips();
+    if (!_profile.flipsBeforeStreaming) applyFlips();
+}
+
+// Restarts with `c`, writing back the exposure, gain and channel gains in use before.
+void CUDACamera::restartKeepingSensorValues(const Controls& c) {
+    const uint32_t exposure = _profile.exposureControl, gain = _profile.gainControl;
+    std::array<int32_t, 3> keptChannels{};
+    for (size_t i = 0; i < keptChannels.size(); ++i) keptChannels[i] = readChannelGain(kChannelGains[i]);
+    const int32_t keptExposure = getControl(exposure);
+    const int32_t keptGain = getControl(gain);
+    stop();
+    {
+        Poco::FastMutex::ScopedLock lock(_mutexControls);
+        _controls = c;
+    }
+    start();
+    for (size_t i = 0; i < keptChannels.size(); ++i) writeChannelGain(kChannelGains[i], keptChannels[i]);
+    setControl(exposure, keptExposure);
+    setControl(gain, keptGain);
 }
 
 bool CUDACamera::setControls(const std::string& name) {

@@ -52,7 +52,7 @@ sensor::PixelFormat CUDACamera::chooseRawFormat() {
 
 // The formats the driver offers that the camera takes, and the one in use: as found at the last
 // start while running, else asked of the device, opened for the purpose (a device that cannot
-// be opened lists none).
+// be opened lists none); the sensor profile is settled against the device the same way.
 void CUDACamera::describeFormats(Capabilities& capabilities) {
     sensor::PixelFormat chosen = _pixelFormat;
     if (!_isRunning && _fd == -1) {
@@ -65,6 +65,10 @@ void CUDACamera::describeFormats(Capabilities& capabilities) {
             chosen = chooseRawFormat();
         } catch (const CaptureDeviceException&) {
             chosen = sensor::PixelFormat{};  // nothing the camera takes
+        }
+        try {
+            resolveSensorProfile();
+        } catch (const CaptureDeviceException&) {  // the profile as at the last start
         }
         close_device();
     }
@@ -87,6 +91,13 @@ v4l2_format CUDACamera::negotiateFormat() {
     format.fmt.pix.field = V4L2_FIELD_NONE;
     if (xioctl(VIDIOC_S_FMT, &format) == -1)
         throw CaptureDeviceException(std::string("VIDIOC_S_FMT ") + std::strerror(errno));
+    const sensor::PixelFormat* answered = sensor::findBayerFormat(format.fmt.pix.pixelformat);
+    // Flips that change the Bayer order make the driver answer the same samples in another order.
+    if (format.fmt.pix.pixelformat != wanted.fourcc && _profile.flipsModifyLayout && answered &&
+        answered->layout.storage == wanted.layout.storage && answered->layout.bits == wanted.layout.bits) {
+        _pixelFormat = *answered;
+        return format;
+    }
     if (format.fmt.pix.pixelformat != wanted.fourcc) {
         if (wanted.isDefaultLayout())
             throw CaptureDeviceException(
@@ -110,21 +121,32 @@ void CUDACamera::allocateDelivered(Bucket& bucket) {
     CUDA_CHECK(cudaStreamSynchronize(bucket.stream));
 }
 
-// Brings a dequeued frame into the raw input: rows copied for the default layout, or converted
-// on the bucket's stream from the delivered format.
+// Brings a dequeued frame into the raw input: rows copied for the default layout (unless the
+// driver wrote them there), or converted on the bucket's stream from the delivered format; then
+// the levels the sensor could not apply.
 void CUDACamera::copyIn(Bucket& bucket) const {
     const auto* source = static_cast<const unsigned char*>(bucket.v4l2.data);
     if (_pixelFormat.isDefaultLayout()) {
+        if (bucket.v4l2.data == bucket.cudaIn.host) return applyLevels(bucket);  // written in place
         auto* destination = static_cast<unsigned char*>(bucket.cudaIn.host);
         const size_t row = static_cast<size_t>(bucket.width) * 2;
         for (uint32_t y = 0; y < bucket.height; ++y)
             std::memcpy(destination + y * row, source + static_cast<size_t>(y) * bucket.v4l2.stride, row);
-        return;
+    } else {
+        if (bucket.v4l2.data != bucket.delivered.host)
+            std::memcpy(bucket.delivered.host, source, static_cast<size_t>(bucket.v4l2.stride) * bucket.height);
+        unpackRawFrame(bucket.stream, _pixelFormat.layout, bucket.delivered.device, bucket.v4l2.stride,
+                       static_cast<uint16_t*>(bucket.cudaIn.device), bucket.width, bucket.height);
     }
-    if (bucket.v4l2.data != bucket.delivered.host)
-        std::memcpy(bucket.delivered.host, source, static_cast<size_t>(bucket.v4l2.stride) * bucket.height);
-    unpackRawFrame(bucket.stream, _pixelFormat.layout, bucket.delivered.device, bucket.v4l2.stride,
-                   static_cast<uint16_t*>(bucket.cudaIn.device), bucket.width, bucket.height);
+    applyLevels(bucket);
+}
+
+// Black level and channel gains on the raw input, for a sensor that lacks those controls.
+void CUDACamera::applyLevels(Bucket& bucket) const {
+    kernels::RawLevels levels;
+    if (rawLevels(levels))
+        applyRawLevels(bucket.stream, levels, static_cast<uint16_t*>(bucket.cudaIn.device), bucket.width,
+                       bucket.height);
 }
 
 }  // namespace capture

@@ -1,5 +1,5 @@
 // CUDACamera's V4L2 steps: open, format negotiation, queueing the buckets and streaming, the
-// reset of the sensor controls at start, and the control accessors. Every request goes through
+// metering rectangle and flips, and the control accessors. Every request goes through
 // xioctl and the camera's DeviceIo.
 #include "CUDACamera.h"
 
@@ -19,14 +19,6 @@ namespace capture {
 namespace {
 
 std::string errnoText(int error) { return std::strerror(error); }
-
-// Controls reset to the driver's defaults at every start, in this order (the luminance
-// statistic 0x00981003 is read-only and left alone).
-constexpr uint32_t kResetControls[] = {
-    sensor::CID_EXPOSURE,   sensor::CID_GAIN,       sensor::CID_VFLIP,       sensor::CID_HFLIP,
-    sensor::CID_RED_GAIN,   sensor::CID_GREEN_GAIN, sensor::CID_BLUE_GAIN,   sensor::CID_METER_ENABLE,
-    sensor::CID_METER_LEFT, sensor::CID_METER_TOP,  sensor::CID_METER_WIDTH, sensor::CID_METER_HEIGHT,
-};
 
 }  // namespace
 
@@ -69,11 +61,15 @@ void CUDACamera::init_device() {
     if (!(caps & V4L2_CAP_STREAMING)) {
         throw CaptureDeviceException(_params.path + " does not support streaming i/o");
     }
+    resolveSensorProfile();
+    // Flips that change the Bayer order are set first: the format negotiated after them says the order.
+    if (_profile.flipsBeforeStreaming) applyFlips();
     const v4l2_format format = negotiateFormat();
     if (format.fmt.pix.width != _controls.width || format.fmt.pix.height != _controls.height) {
         throw CaptureDeviceException("Unsupported resolution: " + std::to_string(_controls.width) + "x" +
                                      std::to_string(_controls.height));
     }
+    resolveLineTime(format.fmt.pix.width);
     // Rows may be padded; the image may need more than its rows.
     _bytesPerLine = format.fmt.pix.bytesperline;
     _sizeImage = format.fmt.pix.sizeimage;
@@ -97,13 +93,13 @@ void CUDACamera::start_capturing() {
     if (xioctl(VIDIOC_STREAMON, &type) == -1) throw CaptureDeviceException("VIDIOC_STREAMON");
     _isRunning = true;
 
-    for (uint32_t id : kResetControls) setControl(id, queryControl(id).default_value);
-    applyFlips();
+    resetSensorControls();
+    if (!_profile.flipsBeforeStreaming) applyFlips();
     if (!_controls.ae.regions.empty()) programMeteringRectangle(_controls.ae.regions);
 
-    _currExpGain = gainFromRegister(getControl(sensor::CID_GAIN));
-    _currBlueGain = static_cast<float>(getControl(sensor::CID_BLUE_GAIN));
-    _currRedGain = static_cast<float>(getControl(sensor::CID_RED_GAIN));
+    _currExpGain = _profile.gain.toGain(getControl(_profile.gainControl));
+    _currBlueGain = static_cast<float>(readChannelGain(sensor::CID_BLUE_GAIN));
+    _currRedGain = static_cast<float>(readChannelGain(sensor::CID_RED_GAIN));
 }
 
 void CUDACamera::stop_capturing() {
@@ -119,7 +115,16 @@ void CUDACamera::close_device() {
 
 // The metering rectangle from the first region; an empty rectangle meters with width and
 // height 0, the rectangle being switched on all the same.
+// A sensor without the metering window gets nothing; the first region asked for is logged once.
 void CUDACamera::programMeteringRectangle(const std::vector<ruvo::util::WeightedRegion>& regions) {
+    if (!_profile.meteringWindow) {
+        if (!regions.empty() && !_meteringWindowLogged) {
+            _logger.information(_params.name +
+                                ": the sensor has no metering window; metering regions are not written to it");
+            _meteringWindowLogged = true;
+        }
+        return;
+    }
     if (regions.empty()) {
         setControl(sensor::CID_METER_ENABLE, 0);
         for (uint32_t id :

@@ -4,6 +4,7 @@
 
 #include "OutputBufferConfig.h"
 #include "sensor/PixelFormats.h"
+#include "sensor/SensorProfile.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
 
@@ -39,6 +40,9 @@ CUDACameraParams::CUDACameraParams(Poco::AutoPtr<Poco::Util::AbstractConfigurati
         throw CaptureDeviceException("Unsupported memory \"" + memoryName + "\": expected auto, userptr or mmap");
     pixelFormat = config->getString("pixelFormat", "auto");
     if (pixelFormat != "auto") sensor::parsePixelFormat(pixelFormat, "pixelFormat");  // refused here, not at start
+    sensorProfile = config->getString("sensor", "auto");
+    if (sensorProfile != "auto")
+        sensor::loadSensorProfile(sensorProfile);  // a bad name or file is refused here, not at start
     width = config->getUInt("width", 1280);
     height = config->getUInt("height", 720);
     hFlip = config->getBool("hFlip", true);

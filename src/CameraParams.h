@@ -62,6 +62,7 @@ struct CUDACameraParams {
     uint32_t bufferPoolSize = 4;
     CaptureMemory memory = CaptureMemory::Auto;  // "memory": auto | userptr | mmap
     std::string pixelFormat = "auto";            // "pixelFormat": auto | default | a Bayer fourcc
+    std::string sensorProfile = "auto";          // "sensor": auto | default | generic | a profile file
     uint32_t width = 0;
     uint32_t height = 0;
     bool hFlip = false;

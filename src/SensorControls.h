@@ -50,13 +50,6 @@ inline int32_t gainToRegister(float g) {
     return static_cast<int32_t>(16.0f * g - 8.0f + 1792.0f);
 }
 
-// Seconds of an exposure register value (one unit is one sensor line of 0.44782403 us).
-constexpr double exposureRegisterToSeconds(double reg) { return reg * 0.44782403 / 1000000.0; }
-
-// Exposure register of a time in seconds, not yet truncated (the caller truncates and clamps;
-// a time that is not a number stays one). 1/30 s gives 74433.56.
-constexpr double secondsToExposureUnits(double seconds) { return seconds * 1000000.0 / 0.44782403; }
-
 // A register value from a real number, truncated toward zero and saturated to 32 bits; a value
 // that is not a number gives 0, so that no client value can overflow the conversion.
 inline int32_t truncateToRegister(double value) {
@@ -66,9 +59,6 @@ inline int32_t truncateToRegister(double value) {
     if (t >= static_cast<double>(INT32_MAX)) return INT32_MAX;
     return static_cast<int32_t>(t);
 }
-
-// Exposure register of a time in seconds, truncated toward zero: 1/30 s gives 74433.
-inline int32_t secondsToExposureRegister(double seconds) { return truncateToRegister(secondsToExposureUnits(seconds)); }
 
 }  // namespace capture
 }  // namespace ruvo

@@ -6,12 +6,16 @@
 #include "support/rig_3a.h"
 
 #include "support/GpuPresence.h"
+
+#include <ruvo/capture/CaptureDeviceException.h>
 #include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdio>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -40,29 +44,64 @@ std::pair<int32_t, int32_t> exposureAndGain(const CameraRig& rig) {
     return {rig.reg(sensor::CID_EXPOSURE), rig.reg(sensor::CID_GAIN)};
 }
 
-// Lock is set too: manual mode wins over it.
+// Lock is set too: manual mode wins over it. The registers follow the sensor profile's laws: the
+// default sensor's lines of 0.44782403 us and four-stage gain curve; the generic sensor's lines of
+// 3448 pixel clocks at 182.4 MHz (from its pixel rate and blanking controls) and the rational law
+// 256 / (256 - code), read back through the simulator's own law; and a profile file's configured
+// line time and linear law. The driver clamps to its range. A bad profile file is refused.
 TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
     RUVO_REQUIRE_CUDA_DEVICE();
-    CameraRig rig({});
     CraftedFrame frame(kWidth, kHeight);
+    const std::string file = ::testing::TempDir() + "ruvo-linear-sensor.json";
+    std::ofstream(file) << R"({"exposure": {"lineTime": 20}, "gain": {"law": "linear", "unity": 32}})";
+    const std::map<std::string, testing::SimKeys> sensors = {{"default", {}},
+                                                             {"generic", {{"sim.controls", "generic"}}},
+                                                             {"file", {{"sim.controls", "generic"}, {"sensor", file}}}};
     // 0.01 s is 22330.2 lines; 1/30 s is 74433.99 lines: line 74433, also the frame period at 30 frames/s.
+    // Generic: 0.01 s is 529.002 lines, 1/30 s 1763.34 (the frame period, 1763). File: 0.01f s, just
+    // below 0.01, is 499.99999 lines of 20 us, truncated to 499; 1/30 s is 1666.7.
     const struct {
+        const char* sensor;
         float gain, seconds;
         int32_t gainRegister, exposureRegister;
-    } cases[] = {{1.0f, 0.01f, 128, 22330},
-                 {3.0f, 0.01f, 440, 22330},
-                 {16.0f, 1.0f / 30.0f, 2039, 74433},
-                 {-1.0f, 0.01f, 0, 22330}};
-    for (const auto& c : cases) {
-        rig.change([&c](Controls& controls) {
-            controls.ae.manual = true;
-            controls.ae.lock = true;
-            controls.ae.manualGain = c.gain;
-            controls.ae.manualExposure = c.seconds;
-        });
-        rig.evaluate(frame.bucket);
-        EXPECT_EQ(exposureAndGain(rig), std::make_pair(c.exposureRegister, c.gainRegister)) << c.gain;
+    } cases[] = {{"default", 1.0f, 0.01f, 128, 22330},
+                 {"default", 3.0f, 0.01f, 440, 22330},
+                 {"default", 16.0f, 1.0f / 30.0f, 2039, 74433},
+                 {"default", -1.0f, 0.01f, 0, 22330},
+                 {"generic", 1.0f, 0.01f, 0, 529},
+                 {"generic", 2.0f, 0.01f, 128, 529},
+                 {"generic", 4.0f, 1.0f / 30.0f, 192, 1763},
+                 {"generic", 16.0f, 0.01f, 232, 529},
+                 {"file", 2.0f, 0.01f, 64, 499},
+                 {"file", 0.5f, 1.0f / 30.0f, 16, 1666}};
+    for (const auto& [name, keys] : sensors) {
+        CameraRig rig(keys);
+        const uint32_t gainId = name == "default" ? sensor::CID_GAIN : V4L2_CID_ANALOGUE_GAIN;
+        for (const auto& c : cases) {
+            if (c.sensor != name) continue;
+            rig.change([&c](Controls& controls) {
+                controls.ae.manual = true;
+                controls.ae.lock = true;
+                controls.ae.manualGain = c.gain;
+                controls.ae.manualExposure = c.seconds;
+            });
+            rig.evaluate(frame.bucket);
+            const std::pair<int32_t, int32_t> written{rig.reg(sensor::CID_EXPOSURE), rig.reg(gainId)};
+            EXPECT_EQ(written, std::make_pair(c.exposureRegister, c.gainRegister)) << name << " " << c.gain;
+            if (name != "generic") continue;
+            // Code to gain: the camera's reading of the register is the simulator's.
+            EXPECT_FLOAT_EQ(rig.camera->sensorProfile().gain.toGain(written.second), sim::genericGain(written.second));
+        }
     }
+    std::ofstream(file) << R"({"gain": {"law": "cubic"}})";
+    try {
+        CameraRig rig({{"sensor", file}});
+        ADD_FAILURE() << "a gain law that does not exist was taken";
+    } catch (const CaptureDeviceException& e) {
+        EXPECT_EQ(std::string(e.what()),
+                  "sensor profile " + file + ": gain.law = \"cubic\": expected one of fourStage, linear, rational");
+    }
+    std::remove(file.c_str());
 }
 
 TEST(LockedExposure, WritesBackTheLastAutomaticValuesOnce) {

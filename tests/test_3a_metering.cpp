@@ -9,6 +9,7 @@
 #include "3a/MeteringDiagnostics.h"
 #include "SensorControls.h"
 #include "kernels/ColourPath.h"
+#include "sensor/SensorProfile.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
 
@@ -56,12 +57,13 @@ TEST(GainToRegister, DecodesBackWithinOneFineStep) {
 TEST(ExposureUnits, SecondsAndRegisters) {
     // 1/30 s is 74433.9988 lines. (The float nearest 1/30 is 0.0039 lines longer and so is
     // line 74434: the driver's frame-period maximum of 74433 clamps it at 30 frames/s.)
-    EXPECT_EQ(secondsToExposureRegister(1.0 / 30.0), 74433);
-    EXPECT_NEAR(exposureRegisterToSeconds(74433), 74433 * 0.44782403e-6, 1e-12);
-    EXPECT_NEAR(exposureRegisterToSeconds(1000000.0 / 0.44782403), 1.0, 1e-9);
-    EXPECT_EQ(secondsToExposureRegister(std::numeric_limits<double>::quiet_NaN()), 0);
-    EXPECT_EQ(secondsToExposureRegister(1e30), INT32_MAX);
-    EXPECT_EQ(secondsToExposureRegister(-1e30), INT32_MIN);
+    const sensor::SensorProfile& profile = sensor::defaultSensorProfile();
+    EXPECT_EQ(profile.exposureRegister(1.0 / 30.0), 74433);
+    EXPECT_NEAR(profile.exposureSeconds(74433), 74433 * 0.44782403e-6, 1e-8);
+    EXPECT_NEAR(profile.exposureSeconds(2233022), 1.0, 1e-6);
+    EXPECT_EQ(profile.exposureRegister(std::numeric_limits<double>::quiet_NaN()), 0);
+    EXPECT_EQ(profile.exposureRegister(1e30), INT32_MAX);
+    EXPECT_EQ(profile.exposureRegister(-1e30), INT32_MIN);
 }
 
 // ---- sampling ----

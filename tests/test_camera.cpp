@@ -21,6 +21,7 @@
 #include <array>
 #include <atomic>
 #include <cmath>
+#include <functional>
 #include <future>
 #include <random>
 #include <thread>
@@ -68,18 +69,29 @@ struct Camera : ::testing::Test {
         }
         return "";
     }
-    // The first frame's first output of a camera configured with `keys`, bytes as delivered.
-    std::vector<uint8_t> firstOutput(const ruvo::test::Keys& keys) {
+    // The first output of frame `frame` (from 1) of a camera configured with `keys` and, once
+    // started, `edit`, bytes as delivered.
+    std::vector<uint8_t> outputOfFrame(const ruvo::test::Keys& keys, int frame = 1,
+                                       const std::function<void(Controls&)>& edit = nullptr) {
         configure(keys);
         camera->start();
-        CUDACamera::Bucket* bucket = next();
-        if (!bucket) return {};
-        const CUDACamera::CUDAFrame& out = bucket->buffers.at(0).frame;
-        std::vector<uint8_t> copy(out.data, out.data + out.size);
-        camera->release(bucket->index);
+        if (edit) {
+            Controls c = camera->getControls();
+            edit(c);
+            camera->setControls(c);
+        }
+        std::vector<uint8_t> copy;
+        for (int i = 0; i < frame; ++i) {
+            CUDACamera::Bucket* bucket = next();
+            if (!bucket) break;
+            const CUDACamera::CUDAFrame& out = bucket->buffers.at(0).frame;
+            if (i + 1 == frame) copy.assign(out.data, out.data + out.size);
+            camera->release(bucket->index);
+        }
         camera->stop();
         return copy;
     }
+    std::vector<uint8_t> firstOutput(const ruvo::test::Keys& keys) { return outputOfFrame(keys); }
     // Steps the sensor once and reads the frame.
     CUDACamera::Bucket* next() {
         sensor()->step();
@@ -381,46 +393,117 @@ TEST_F(Camera, AFlatColouredFieldLooksTheSameInEveryBayerOrder) {
         EXPECT_EQ(difference(flat(format), reference), "equal") << format;
 }
 
+// Mean Y, U and V over the middle half of each chart patch of a 1280x720 YUV 4:2:0 frame.
+std::vector<std::array<double, 3>> patchMeans(const std::vector<uint8_t>& yuv) {
+    constexpr int kWidth = 1280, kHeight = 720;
+    std::vector<std::array<double, 3>> means(24);
+    if (yuv.size() < size_t{kWidth} * kHeight * 3 / 2) return means;
+    const uint8_t* planes[3] = {yuv.data(), yuv.data() + kWidth * kHeight, yuv.data() + kWidth * kHeight * 5 / 4};
+    for (int p = 0; p < 24; ++p) {
+        const sim::RelativeRect r = sim::chartPatchRect(p);
+        for (int c = 0; c < 3; ++c) {
+            const int w = c == 0 ? kWidth : kWidth / 2, h = c == 0 ? kHeight : kHeight / 2;
+            const int x0 = static_cast<int>((r.left * 3 + r.right) / 4 * w),
+                      x1 = static_cast<int>((r.left + r.right * 3) / 4 * w);
+            const int y0 = static_cast<int>((r.top * 3 + r.bottom) / 4 * h),
+                      y1 = static_cast<int>((r.top + r.bottom * 3) / 4 * h);
+            double sum = 0;
+            for (int y = y0; y < y1; ++y)
+                for (int x = x0; x < x1; ++x) sum += planes[c][y * w + x];
+            means[p][c] = sum / ((x1 - x0) * (y1 - y0));
+        }
+    }
+    return means;
+}
+
+void expectPatchesNear(const std::vector<std::array<double, 3>>& means,
+                       const std::vector<std::array<double, 3>>& reference, double tolerance, const std::string& what) {
+    for (int p = 0; p < 24; ++p)
+        for (int c = 0; c < 3; ++c)
+            EXPECT_NEAR(means[p][c], reference[p][c], tolerance) << what << " patch " << p << " plane " << c;
+}
+
 // On the chart, unmirrored so that the patches sit where the chart's geometry puts them, every
 // patch's interior has the same mean Y, U and V within 1 in all four orders (the orders differ by
 // a one-pixel shift of the sampling grid), and the red patch stays red.
 TEST_F(Camera, ChartPatchesAgreeAcrossBayerOrders) {
-    constexpr int kWidth = 1280, kHeight = 720, kRedPatch = 14;
-    // Mean Y, U and V over the middle half of each patch of a YUV 4:2:0 frame.
-    const auto patchMeans = [&](const std::string& format) {
-        const std::vector<uint8_t> yuv = firstOutput({{"sim.format", format},
-                                                      {"sim.scene", "chart"},
-                                                      {"pixelFormat", format},
-                                                      {"hFlip", "false"},
-                                                      {"vFlip", "false"}});
-        std::vector<std::array<double, 3>> means(24);
-        if (yuv.size() < size_t{kWidth} * kHeight * 3 / 2) return means;
-        const uint8_t* planes[3] = {yuv.data(), yuv.data() + kWidth * kHeight, yuv.data() + kWidth * kHeight * 5 / 4};
-        for (int p = 0; p < 24; ++p) {
-            const sim::RelativeRect r = sim::chartPatchRect(p);
-            for (int c = 0; c < 3; ++c) {
-                const int w = c == 0 ? kWidth : kWidth / 2, h = c == 0 ? kHeight : kHeight / 2;
-                const int x0 = static_cast<int>((r.left * 3 + r.right) / 4 * w),
-                          x1 = static_cast<int>((r.left + r.right * 3) / 4 * w);
-                const int y0 = static_cast<int>((r.top * 3 + r.bottom) / 4 * h),
-                          y1 = static_cast<int>((r.top + r.bottom * 3) / 4 * h);
-                double sum = 0;
-                for (int y = y0; y < y1; ++y)
-                    for (int x = x0; x < x1; ++x) sum += planes[c][y * w + x];
-                means[p][c] = sum / ((x1 - x0) * (y1 - y0));
-            }
-        }
-        return means;
+    constexpr int kRedPatch = 14;
+    const auto means = [&](const std::string& format) {
+        return patchMeans(firstOutput({{"sim.format", format},
+                                       {"sim.scene", "chart"},
+                                       {"pixelFormat", format},
+                                       {"hFlip", "false"},
+                                       {"vFlip", "false"}}));
     };
-    const auto reference = patchMeans("BG10");
+    const auto reference = means("BG10");
     EXPECT_GT(reference[kRedPatch][2], 150.0) << "V of the red patch";
     EXPECT_LT(reference[kRedPatch][1], 128.0) << "U of the red patch";
-    for (const char* format : {"GB10", "BA10", "RG10"}) {
-        const auto means = patchMeans(format);
-        for (int p = 0; p < 24; ++p)
-            for (int c = 0; c < 3; ++c)
-                EXPECT_NEAR(means[p][c], reference[p][c], 1.0) << format << " patch " << p << " plane " << c;
-    }
+    for (const char* format : {"GB10", "BA10", "RG10"}) expectPatchesNear(means(format), reference, 1.0, format);
+}
+
+// A sensor without channel-gain controls gets white balance as multipliers on its raw samples,
+// and its black level subtracted before demosaic: a generic sensor with a pedestal of 64 codes and
+// manual gains gives the chart the default sensor gives with no pedestal and the same gains in its
+// registers, and the gains do act (the gray patch turns red). Its missing metering window is logged.
+TEST_F(Camera, PipelineWhiteBalanceAndBlackLevelGiveWhatTheSensorsOwnGive) {
+    constexpr int kGrayPatch = 20;
+    const auto manual = [](Controls& c) {
+        c.ae.manual = c.awb.manual = true;
+        c.ae.manualExposure = 0.01f;
+        c.ae.manualGain = 1.0f;
+        c.awb.manualRedGain = 1.5f;
+        c.awb.manualGreenGain = 1.0f;
+        c.awb.manualBlueGain = 0.7f;
+        c.ae.regions = {ruvo::util::WeightedRegion(dlib::rectangle(100, 100, 299, 199), 1.0f)};
+    };
+    const ruvo::test::Keys unmirroredChart = {{"sim.scene", "chart"}, {"hFlip", "false"}, {"vFlip", "false"}};
+    ruvo::test::Keys defaultSensor = unmirroredChart, genericSensor = unmirroredChart;
+    defaultSensor.emplace_back("sim.pedestal", "0");
+    genericSensor.insert(genericSensor.end(), {{"sim.controls", "generic"}, {"sim.pedestal", "64"}});
+    const auto reference = patchMeans(outputOfFrame(defaultSensor, 3, manual));
+    ruvo::test::LogCapture log("Capture.CUDACamera");
+    const auto pipeline = patchMeans(outputOfFrame(genericSensor, 3, manual));
+    EXPECT_EQ(log.count("the sensor has no metering window; metering regions are not written to it"), 1u);
+    EXPECT_EQ(camera->emulatedControls(),
+              (std::vector<std::string>{"channel gains", "black level", "luminance statistic"}));
+    EXPECT_GT(pipeline[kGrayPatch][2], 140.0) << "V of the gray patch";
+    EXPECT_LT(pipeline[kGrayPatch][1], 118.0) << "U of the gray patch";
+    expectPatchesNear(pipeline, reference, 1.0, "generic");
+}
+
+// Flips that change the Bayer order (the generic sensor's) are set before streaming and the order
+// the driver then reports is taken: a flat warm field gives the same YUV with any flip on or off.
+// They cannot be written while streaming, so a change restarts the camera.
+TEST_F(Camera, FlipsThatChangeTheBayerOrderKeepTheColours) {
+    const auto flat = [&](const char* hFlip, const char* vFlip) {
+        // BG10 is asked for: the driver answers the order the flips make of it.
+        return ruvo::test::Keys{
+            {"sim.controls", "generic"}, {"sim.scene", "flat"}, {"sim.level", "0.4"}, {"sim.colourTemperature", "3000"},
+            {"pixelFormat", "BG10"},     {"hFlip", hFlip},      {"vFlip", vFlip}};
+    };
+    const std::vector<uint8_t> reference = firstOutput(flat("false", "false"));
+    ASSERT_GE(reference.size(), 1280u * 720 * 3 / 2);
+    const size_t luma = 1280 * 720;
+    EXPECT_LT(reference[luma + luma / 8], 118) << "U";
+    EXPECT_GT(reference[luma + luma / 4 + luma / 8], 138) << "V";
+    for (const auto& [h, v] : {std::pair{"true", "false"}, std::pair{"false", "true"}, std::pair{"true", "true"}})
+        EXPECT_EQ(difference(firstOutput(flat(h, v)), reference), "equal") << "hFlip " << h << " vFlip " << v;
+
+    configure(flat("true", "false"));
+    camera->start();
+    EXPECT_EQ(camera->getCapabilities().pixelFormat, "GB10");
+    EXPECT_THROW(camera->setControl(V4L2_CID_HFLIP, 0), CaptureDeviceException);
+    Controls c = camera->getControls();
+    c.hFlip = false;
+    c.vFlip = true;
+    camera->setControls(c);
+    EXPECT_EQ(camera->getCapabilities().pixelFormat, "BA10");
+    CUDACamera::Bucket* bucket = next();
+    ASSERT_NE(bucket, nullptr);
+    const CUDACamera::CUDAFrame& out = bucket->buffers.at(0).frame;
+    EXPECT_EQ(difference(std::vector<uint8_t>(out.data, out.data + out.size), reference), "equal");
+    camera->release(bucket->index);
+    camera->stop();
 }
 
 TEST(MeteringSamples, SeedZeroCamerasDrawIdenticalTablesThatGrowPerStartAndFitTheSize) {

@@ -102,8 +102,13 @@ INSTANTIATE_TEST_SUITE_P(Storage, SampleLayouts,
                          [](const auto& info) { return layoutName(info.param); });
 
 // The CUDA build converts one sample per thread (operator()), the host build row by row; the
-// per-sample path is run here on the CPU for every storage and order against the row path.
+// per-sample path is run here on the CPU for every storage and order against the row path, then
+// the black level and channel gains a sensor without those controls gets, likewise.
 TEST(RawUnpackPaths, PerSampleThreadsMatchTheRowConversion) {
+    k::RawLevels levels;
+    levels.black = 1024.0f;
+    levels.scale[0][0] = 0.7f;  // blue
+    levels.scale[1][1] = 1.5f;  // red: the brightest samples clip at 16383
     for (const RawLayout storage : {RawLayout{BayerOrder::kBGGR, SampleStorage::kBytes, 8},
                                     RawLayout{BayerOrder::kBGGR, SampleStorage::kWords, 12},
                                     RawLayout{BayerOrder::kBGGR, SampleStorage::kCsi2Packed10, 10},
@@ -125,6 +130,13 @@ TEST(RawUnpackPaths, PerSampleThreadsMatchTheRowConversion) {
                                   }
                               });
             ASSERT_EQ(threads, rows) << layoutName(layout);
+            const k::RawLevelPass rowLevels{rows.data(), kSmall.width, kSmall.height, levels};
+            const k::RawLevelPass threadLevels{threads.data(), kSmall.width, kSmall.height, levels};
+            for (unsigned ty = 0; ty < kSmall.height; ++ty) {
+                rowLevels.row(ty);
+                for (unsigned tx = 0; tx < kSmall.width; ++tx) threadLevels(tx, ty);
+            }
+            ASSERT_EQ(threads, rows) << layoutName(layout) << " with levels";
         }
     }
 }

@@ -16,6 +16,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ruvo::capture {
@@ -80,11 +81,13 @@ TEST(SimCam, V4l2CtlCapturesTheFramesTheSimulatorRenders) {
     return failing;
 }
 
-class SimCamCompliance : public ::testing::TestWithParam<std::string> {};
+// v4l2-compliance's options and the sensor's control set.
+class SimCamCompliance : public ::testing::TestWithParam<std::pair<std::string, std::string>> {};
 
 // Without and with streaming (-s: memory mapping and user pointers, each without polling, with
-// select and with epoll). Control events are found by select's exceptfds through the preload
-// library.
+// select and with epoll), with the default and the generic control set (64-bit pixel rate,
+// three control classes, flips that change the format). Control events are found by select's
+// exceptfds through the preload library.
 TEST_P(SimCamCompliance, EveryTestPasses) {
 #ifndef RUVO_SIMCAM_LIBRARY
     GTEST_SKIP() << "the preload library is not built in sanitizer builds";
@@ -93,9 +96,10 @@ TEST_P(SimCamCompliance, EveryTestPasses) {
         GTEST_SKIP() << "v4l2-compliance is absent: install v4l-utils (scripts/install-deps.sh)";
     const std::string config = ::testing::TempDir() + "ruvo-simcam-compliance.properties";
     const std::string node = "/dev/ruvo-simcam-compliance0";
-    std::ofstream(config) << "node.0.path = " << node << "\nnode.0.sim.clock = free\n";
+    std::ofstream(config) << "node.0.path = " << node << "\nnode.0.sim.clock = free\n"
+                          << "node.0.sim.controls = " << GetParam().second << "\n";
     const auto [status, output] = run("RUVO_SIMCAM_CONFIG=" + config + " LD_PRELOAD=" + RUVO_SIMCAM_LIBRARY + " " +
-                                      kCompliance + " -d " + node + " " + GetParam());
+                                      kCompliance + " -d " + node + " " + GetParam().first);
     EXPECT_EQ(status, 0) << output;
     EXPECT_EQ(failingTests(output), std::set<std::string>{}) << output;
     const size_t total = output.find("Total for ruvo-sim device " + node);
@@ -105,7 +109,9 @@ TEST_P(SimCamCompliance, EveryTestPasses) {
 #endif
 }
 
-INSTANTIATE_TEST_SUITE_P(WithoutAndWithStreaming, SimCamCompliance, ::testing::Values("", "-s 20"));
+INSTANTIATE_TEST_SUITE_P(WithoutAndWithStreaming, SimCamCompliance,
+                         ::testing::Values(std::pair{"", "default"}, std::pair{"-s 20", "default"},
+                                           std::pair{"", "generic"}, std::pair{"-s 20", "generic"}));
 
 }  // namespace
 }  // namespace ruvo::capture

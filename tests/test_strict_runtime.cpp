@@ -28,6 +28,7 @@
 #include <numeric>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -116,12 +117,13 @@ TEST_F(Strict, LaunchFailureIsReportedOnlyByGetLastError) {
 
 // One bucket's kernels are pending while the sensor fills the next queued bucket from the CPU and
 // the client reads the outputs of a bucket it holds: neither may touch memory the kernels own. So
-// for the default layout and for a delivered format the camera converts on the bucket's stream.
-struct StrictFormats : Strict, ::testing::WithParamInterface<const char*> {};
+// for the default layout, for a delivered format the camera converts on the bucket's stream, and
+// for a sensor whose black level and channel gains the camera applies there (the generic one).
+struct StrictFormats : Strict, ::testing::WithParamInterface<std::pair<const char*, const char*>> {};
 
 TEST_P(StrictFormats, DriverFillsAndClientReadsOtherBucketsWhileKernelsRun) {
     hostrt::fillNewAllocations(0xEE);
-    startCamera({{"sim.format", GetParam()}});
+    startCamera({{GetParam().first, GetParam().second}});
     CUDACamera::Bucket* held = next();
     ASSERT_NE(held, nullptr);
     const auto& plane = held->buffers[0];
@@ -152,7 +154,9 @@ TEST_P(StrictFormats, DriverFillsAndClientReadsOtherBucketsWhileKernelsRun) {
     camera->stop();
 }
 
-INSTANTIATE_TEST_SUITE_P(Delivered, StrictFormats, ::testing::Values("default", "pRAA"));
+INSTANTIATE_TEST_SUITE_P(Delivered, StrictFormats,
+                         ::testing::Values(std::pair{"sim.format", "default"}, std::pair{"sim.format", "pRAA"},
+                                           std::pair{"sim.controls", "generic"}));
 
 // Each kernel of the richest plan fails at launch in turn: the frame is refused with the kernel's
 // name (never delivered), its bucket goes back only after its already enqueued kernels finished,

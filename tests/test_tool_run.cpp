@@ -260,13 +260,16 @@ TEST_F(ToolCommands, EveryFileFormatDescribesTheSameCameras) {
 
 TEST_F(ToolCommands, InfoListsCapabilitiesControlsAndEveryOutputConfiguration) {
     RUVO_REQUIRE_CUDA_DEVICE();
-    const ToolResult r = run({"info", "--set", "devices[0].ae.targetY=0.25", "devices[1].vFlip=false"});
+    const ToolResult r = run(
+        {"info", "--set", "devices[0].ae.targetY=0.25", "devices[1].vFlip=false", "devices[1].sim.controls=generic"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "");
     for (const char* text : {
              "camera 0 (devices[0]): name \"left\", path \"sim:left\"",
              "camera 1 (devices[1]): name \"right\", path \"sim:right\"",
              "capabilities: 672x380 1280x720 1920x1080 2688x1520", "pixel formats: BG10 (in use: default)",
+             "sensor profile: default\n",
+             "sensor profile: generic (done in the pipeline: channel gains, black level, luminance statistic)",
              "target Y 0.250",  // --set reaches the camera
              "hFlip true, vFlip false", "mode \"default\"", "exposure time range 0.167 .. 33.333 ms",
              "buffer 4: HISTOGRAM8  8bit skin masked luminance histogram  NOT_APPLICABLE",

@@ -190,9 +190,9 @@ float nextExposure(float current, float err, float avgY, const ExposureStep& s) 
     float timeNew = s.timeMin + (time + err * s.exposureP * time / avgY) * timeRange;
     timeNew = clampKeepNaN(timeNew, s.timeMin, s.timeMax);
     // Whole register units, then the permitted time in seconds, then whole units again.
-    double seconds = exposureRegisterToSeconds(std::trunc(timeNew));
+    double seconds = std::trunc(timeNew) * s.unitMicroseconds / 1000000.0;
     seconds = seconds < s.lowSeconds ? s.lowSeconds : (seconds > s.highSeconds ? s.highSeconds : seconds);
-    const auto units = static_cast<float>(std::trunc(secondsToExposureUnits(seconds)));
+    const auto units = static_cast<float>(std::trunc(seconds * 1000000.0 / s.unitMicroseconds));
     const float result = clampKeepNaN(units, s.timeMin, s.timeMax);
     return std::isnan(result) ? s.manualExposure : result;
 }

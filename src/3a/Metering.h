@@ -168,7 +168,8 @@ struct ExposureStep {
     float lowSeconds = 0.0f;  // permitted exposure time, seconds
     float highSeconds = 0.0f;
     float exposureP = 0.0f;
-    float manualExposure = 0.0f;  // fallback, used as it stands when the result is not a number
+    float manualExposure = 0.0f;           // fallback, used as it stands when the result is not a number
+    double unitMicroseconds = 0.44782403;  // one exposure register unit
 };
 
 // Next exposure register: a step proportional to the current exposure and to the luminance

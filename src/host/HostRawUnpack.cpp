@@ -11,5 +11,9 @@ void unpackRawFrame(cudaStream_t, const kernels::RawLayout& layout, const void* 
                             [](const auto& unpack) { kernels::runRawUnpack(unpack); });
 }
 
+void applyRawLevels(cudaStream_t, const kernels::RawLevels& levels, uint16_t* data, unsigned width, unsigned height) {
+    kernels::runRawLevels(kernels::RawLevelPass{data, width, height, levels});
+}
+
 }  // namespace capture
 }  // namespace ruvo

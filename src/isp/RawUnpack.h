@@ -19,5 +19,10 @@ namespace capture {
 void unpackRawFrame(cudaStream_t stream, const kernels::RawLayout& layout, const void* in, size_t inStride,
                     uint16_t* out, unsigned width, unsigned height);
 
+// Subtracts the black level and applies the channel gains to width x height pipeline samples in
+// place (after the conversion, or on the default layout as delivered).
+void applyRawLevels(cudaStream_t stream, const kernels::RawLevels& levels, uint16_t* data, unsigned width,
+                    unsigned height);
+
 }  // namespace capture
 }  // namespace ruvo

@@ -172,6 +172,43 @@ struct RawUnpack {
     }
 };
 
+// Black level and white balance applied to pipeline samples after the conversion, for sensors
+// without channel-gain controls: each sample loses the black level (the white point is not
+// stretched: the signal keeps its scale, as the sensor's own gains would give it) and is
+// multiplied by its channel's gain, rounded and held to 0..16383.
+struct RawLevels {
+    float black = 0.0f;  // on the 14-bit scale
+    // [row parity][column parity] of the B G / G R quad: the channel's gain.
+    float scale[2][2] = {{1.0f, 1.0f}, {1.0f, 1.0f}};
+};
+
+__host__ __device__ __forceinline__ uint16_t levelSample(unsigned value, float black, float scale) {
+    const float x = (static_cast<float>(value) - black) * scale + 0.5f;
+    return static_cast<uint16_t>(x <= 0.0f ? 0.0f : (x >= 16383.0f ? 16383.0f : x));
+}
+
+// One thread per sample (CUDA), or one call of row() per row (host), in place.
+struct RawLevelPass {
+    uint16_t* data;  // width x height samples, row stride width
+    unsigned width;
+    unsigned height;
+    RawLevels levels;
+
+    __host__ __device__ __forceinline__ void operator()(unsigned tx, unsigned ty) const {
+        uint16_t& v = data[static_cast<size_t>(ty) * width + tx];
+        v = levelSample(v, levels.black, levels.scale[ty & 1][tx & 1]);
+    }
+    // Pairs of samples, so that the two scales of the row are constants of the vectorised loop.
+    void row(unsigned ty) const {
+        uint16_t* __restrict__ p = data + static_cast<size_t>(ty) * width;
+        const float black = levels.black, even = levels.scale[ty & 1][0], odd = levels.scale[ty & 1][1];
+        for (unsigned x = 0; x + 1 < width; x += 2) {
+            p[x] = levelSample(p[x], black, even);
+            p[x + 1] = levelSample(p[x + 1], black, odd);
+        }
+    }
+};
+
 // Calls visit(functor) with the conversion of a delivered frame to the pipeline's input.
 template <class Visit>
 void visitRawUnpack(const RawLayout& layout, const void* in, size_t inStride, uint16_t* out, unsigned width,

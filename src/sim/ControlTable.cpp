@@ -22,9 +22,44 @@ ControlInfo boolean(uint32_t id, const char* name) {
     return ControlInfo{id, name, V4L2_CTRL_TYPE_BOOLEAN, 0, 1, 1, 0, 0};
 }
 
-}  // namespace
+ControlInfo readOnly(ControlInfo info) {
+    info.flags |= V4L2_CTRL_FLAG_READ_ONLY;
+    return info;
+}
 
-ControlTable::ControlTable(float fps) {
+ControlInfo classHeading(uint32_t id, const char* name) {
+    return ControlInfo{
+        id, name, V4L2_CTRL_TYPE_CTRL_CLASS, 0, 0, 0, 0, V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY};
+}
+
+// Standard controls only: exposure in lines, analogue gain, the blanking and pixel rate that time
+// a line, the black level, and flips that change the Bayer order.
+std::vector<ControlInfo> genericControls(float fps, int32_t blackLevel) {
+    const auto periodLines = static_cast<int32_t>(std::floor(1.0 / static_cast<double>(fps) / kGenericLineSeconds));
+    const auto defaultLines = static_cast<int32_t>(std::lround(kDefaultExposureSeconds / kGenericLineSeconds));
+    ControlInfo hflip = boolean(V4L2_CID_HFLIP, "Horizontal Flip");
+    ControlInfo vflip = boolean(V4L2_CID_VFLIP, "Vertical Flip");
+    hflip.flags = vflip.flags = V4L2_CTRL_FLAG_MODIFY_LAYOUT;
+    ControlInfo pixelRate =
+        readOnly(integer(V4L2_CID_PIXEL_RATE, "Pixel Rate", kGenericPixelRate, kGenericPixelRate, kGenericPixelRate));
+    pixelRate.type = V4L2_CTRL_TYPE_INTEGER64;
+    const int32_t blanking = kGenericLineLength - 1280;
+    return {
+        classHeading(V4L2_CID_USER_CLASS, "User Controls"),
+        integer(V4L2_CID_EXPOSURE, "Exposure", 1, periodLines, std::min(defaultLines, periodLines)),
+        readOnly(integer(V4L2_CID_BLACK_LEVEL, "Black Level", 0, 1023, blackLevel)),
+        hflip,
+        vflip,
+        classHeading(V4L2_CID_IMAGE_SOURCE_CLASS, "Image Source Controls"),
+        readOnly(integer(V4L2_CID_HBLANK, "Horizontal Blanking", 0, kGenericLineLength, blanking)),
+        integer(V4L2_CID_ANALOGUE_GAIN, "Analogue Gain", 0, kGenericMaxGainCode, 0),
+        classHeading(V4L2_CID_IMAGE_PROC_CLASS, "Image Processing Controls"),
+        pixelRate,
+    };
+}
+
+// The default sensor's controls, its private ones included.
+std::vector<ControlInfo> defaultControls(float fps) {
     using namespace sensor;
     const auto framePeriodLines =
         static_cast<int32_t>(std::floor(1e6 / static_cast<double>(fps) / kExposureUnitMicroseconds));
@@ -34,16 +69,8 @@ ControlTable::ControlTable(float fps) {
     luminance.flags = V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_VOLATILE;
     // Every control is in the user class, which the kernel's control framework heads with a
     // class control that can be neither read nor written.
-    const ControlInfo userClass{V4L2_CID_USER_CLASS,
-                                "User Controls",
-                                V4L2_CTRL_TYPE_CTRL_CLASS,
-                                0,
-                                0,
-                                0,
-                                0,
-                                V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY};
-    _infos = {
-        userClass,
+    return {
+        classHeading(V4L2_CID_USER_CLASS, "User Controls"),
         integer(CID_EXPOSURE, "Exposure", 1, framePeriodLines, std::min(defaultLines, framePeriodLines)),
         integer(CID_GAIN, "Analogue Gain", 0, 2047, 128),
         boolean(CID_HFLIP, "Horizontal Flip"),
@@ -58,6 +85,13 @@ ControlTable::ControlTable(float fps) {
         integer(CID_METER_WIDTH, "Metering Window Width", 0, kSensorWidth, 0),
         integer(CID_METER_HEIGHT, "Metering Window Height", 0, kSensorHeight, 0),
     };
+}
+
+}  // namespace
+
+ControlTable::ControlTable(float fps, ControlSet set, int32_t blackLevel)
+    : _infos(set == ControlSet::Generic ? genericControls(fps, blackLevel) : defaultControls(fps)),
+      _gainId(set == ControlSet::Generic ? V4L2_CID_ANALOGUE_GAIN : sensor::CID_GAIN) {
     std::sort(_infos.begin(), _infos.end(), [](const ControlInfo& a, const ControlInfo& b) { return a.id < b.id; });
     for (const ControlInfo& info : _infos) _values.push_back(info.defaultValue);
 }

@@ -26,10 +26,26 @@ constexpr double kDefaultExposureSeconds = 0.010;
 // Largest value of the average-luminance statistic: the mean of 10-bit samples.
 constexpr int32_t kLuminanceMaximum = 1023;
 
+// The controls the sensor offers: the default sensor's (with the private channel gains, luminance
+// statistic and metering window), or the standard ones only (sim.controls = generic).
+enum class ControlSet { Default, Generic };
+
+// The generic set's timing and gain law: every line takes kGenericLineLength pixel clocks at
+// kGenericPixelRate (the horizontal blanking is the line past the frame width), and the analogue
+// gain code x gives 256 / (256 - x).
+constexpr int32_t kGenericPixelRate = 182400000;
+constexpr int32_t kGenericLineLength = 3448;
+constexpr int32_t kGenericMaxGainCode = 232;
+constexpr double kGenericLineSeconds = static_cast<double>(kGenericLineLength) / kGenericPixelRate;
+constexpr float genericGain(int32_t code) { return 256.0f / (256.0f - static_cast<float>(code)); }
+
 class ControlTable {
 public:
-    // The exposure maximum is one frame period at `fps`, in sensor lines.
-    explicit ControlTable(float fps);
+    // The exposure maximum is one frame period at `fps`, in sensor lines. The generic set's
+    // black level reads `blackLevel` (10-bit codes).
+    explicit ControlTable(float fps, ControlSet set = ControlSet::Default, int32_t blackLevel = 0);
+    // The control holding the analogue gain (delayed like the exposure).
+    uint32_t gainId() const { return _gainId; }
 
     // The control with this id, or null.
     const ControlInfo* find(uint32_t id) const;
@@ -47,6 +63,7 @@ public:
 private:
     std::vector<ControlInfo> _infos;  // ascending id
     std::vector<int32_t> _values;     // parallel to _infos
+    uint32_t _gainId;
 };
 
 // The value a frame sees of a control whose writes take effect `delay` frames after they are

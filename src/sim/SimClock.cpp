@@ -8,6 +8,8 @@
 
 #include <time.h>
 
+#include <cmath>
+
 namespace ruvo {
 namespace capture {
 namespace sim {
@@ -49,6 +51,7 @@ bool SimulatedSensor::stalled(std::chrono::steady_clock::time_point now) const {
 
 MeterRect SimulatedSensor::meterRect() const {
     using namespace sensor;
+    if (!_controls.find(CID_METER_ENABLE)) return MeterRect{};
     return MeterRect{_controls.value(CID_METER_ENABLE) != 0, _controls.value(CID_METER_LEFT),
                      _controls.value(CID_METER_TOP), _controls.value(CID_METER_WIDTH),
                      _controls.value(CID_METER_HEIGHT)};
@@ -73,15 +76,32 @@ FrameSettings SimulatedSensor::frameSettings(uint64_t frame) {
     s.vFlip = _controls.value(CID_VFLIP) != 0;
     s.exposure = _exposure.advanceTo(frame);
     s.gain = _gain.advanceTo(frame);
-    s.redGain = _controls.value(CID_RED_GAIN);
-    s.greenGain = _controls.value(CID_GREEN_GAIN);
-    s.blueGain = _controls.value(CID_BLUE_GAIN);
+    if (_config.controls == ControlSet::Generic) {
+        // The model's units are the default sensor's: lines of its line time, its gain curve.
+        s.exposure = static_cast<int32_t>(
+            std::lround(s.exposure * kGenericLineSeconds * 1e6 / sensor::kExposureUnitMicroseconds));
+        s.gain = gainToRegister(genericGain(s.gain));
+    } else {
+        s.redGain = _controls.value(CID_RED_GAIN);
+        s.greenGain = _controls.value(CID_GREEN_GAIN);
+        s.blueGain = _controls.value(CID_BLUE_GAIN);
+    }
     s.illuminance = _illuminance;
     s.colourTemperature = _colourTemperature;
     s.response = _config.colourResponse;
     s.pedestal = _config.pedestal;
-    s.layout = chooseFormat(_config.formats, _format.pixelformat).layout;
+    s.layout = deliveredLayout();
     return s;
+}
+
+// The layout of the delivered format: an offered one, or an offered one in the order the flips
+// made of it.
+kernels::RawLayout SimulatedSensor::deliveredLayout() const {
+    const sensor::PixelFormat& offered = chooseFormat(_config.formats, underFlips(_format.pixelformat));
+    kernels::RawLayout layout = offered.layout;
+    if (const sensor::PixelFormat* delivered = sensor::findBayerFormat(_format.pixelformat))
+        if (offered.fourcc != _format.pixelformat) layout.order = delivered->layout.order;
+    return layout;
 }
 
 SimulatedSensor::Exposure SimulatedSensor::exposeFrame() {
@@ -110,7 +130,7 @@ SimulatedSensor::Exposure SimulatedSensor::exposeFrame() {
 
     lock.lock();
     _filling = false;
-    _controls.set(sensor::CID_AVG_LUMINANCE, level);
+    if (_controls.find(sensor::CID_AVG_LUMINANCE)) _controls.set(sensor::CID_AVG_LUMINANCE, level);
     Exposure result = Exposure::Dropped;
     if (index < 0) {
         ++_dropped;

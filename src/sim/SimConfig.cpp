@@ -5,6 +5,8 @@
 
 #include <ruvo/capture/CaptureDeviceException.h>
 
+#include <linux/videodev2.h>
+
 #include <Poco/Exception.h>
 #include <Poco/NumberParser.h>
 #include <Poco/String.h>
@@ -69,6 +71,13 @@ SampleLayout readSamples(const AbstractConfiguration& config) {
     if (text == "msb14") return SampleLayout::Msb14;
     if (text == "lsb10") return SampleLayout::Lsb10;
     invalid("sim.samples", text, "expected msb14 or lsb10");
+}
+
+ControlSet readControlSet(const AbstractConfiguration& config) {
+    const std::string text = Poco::trim(config.getString("sim.controls", "default"));
+    if (text == "default") return ControlSet::Default;
+    if (text == "generic") return ControlSet::Generic;
+    invalid("sim.controls", text, "expected default or generic");
 }
 
 ColourResponse readColourResponse(const AbstractConfiguration& config) {
@@ -144,6 +153,14 @@ SimConfig readSimConfig(const AbstractConfiguration& config) {
     c.pedestal = static_cast<int32_t>(readInteger(config, "sim.pedestal", c.pedestal, 0, 1023));
     c.samples = readSamples(config);
     c.formats = readFormats(config, c.samples);
+    c.controls = readControlSet(config);
+    // A sensor with the standard controls delivers plain 10-bit samples unless told otherwise.
+    if (c.controls == ControlSet::Generic && !config.has("sim.format") && !config.has("sim.samples"))
+        c.formats = {*sensor::findBayerFormat(V4L2_PIX_FMT_SBGGR10)};
+    for (const sensor::PixelFormat& format : c.formats) {
+        if (c.controls == ControlSet::Generic && format.isDefaultLayout())
+            invalid("sim.controls", "generic", "the default sensor's 14-bit layout comes with its own controls");
+    }
     c.exposureDelay = static_cast<uint32_t>(readInteger(config, "sim.exposureDelay", c.exposureDelay, 0, 16));
     c.gainDelay = static_cast<uint32_t>(readInteger(config, "sim.gainDelay", c.gainDelay, 0, 16));
     c.script = parseScript(config.getString("sim.script", ""));

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "sensor/PixelFormats.h"
+#include "sim/ControlTable.h"
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Util/AbstractConfiguration.h>
@@ -55,12 +56,13 @@ struct SimConfig {
     SampleLayout samples = SampleLayout::Msb14;
     // Formats offered, the first at start (sim.format; without it, the one sim.samples names).
     std::vector<sensor::PixelFormat> formats{sensor::defaultLayoutFormat()};
-    uint32_t exposureDelay = 2;       // frames until an exposure write shows
-    uint32_t gainDelay = 1;           // frames until a gain write shows
-    std::vector<ScriptEvent> script;  // sorted by frame
-    uint32_t dropEvery = 0;           // every n-th exposed frame is lost before reaching a buffer; 0: none
-    uint32_t errorEvery = 0;          // every n-th completed buffer carries V4L2_BUF_FLAG_ERROR; 0: none
-    bool userptr = true;              // user-pointer buffers offered (memory-mapped ones always are)
+    ControlSet controls = ControlSet::Default;  // sim.controls: default | generic
+    uint32_t exposureDelay = 2;                 // frames until an exposure write shows
+    uint32_t gainDelay = 1;                     // frames until a gain write shows
+    std::vector<ScriptEvent> script;            // sorted by frame
+    uint32_t dropEvery = 0;                     // every n-th exposed frame is lost before reaching a buffer; 0: none
+    uint32_t errorEvery = 0;                    // every n-th completed buffer carries V4L2_BUF_FLAG_ERROR; 0: none
+    bool userptr = true;                        // user-pointer buffers offered (memory-mapped ones always are)
 };
 
 // Reads the "sim.*" keys of a camera entry; keys that are absent keep the defaults above.

@@ -130,13 +130,14 @@ int SimulatedSensor::enumerateFormat(v4l2_fmtdesc* desc) const {
     std::memset(desc, 0, sizeof *desc);
     desc->index = index;
     desc->type = type;
-    desc->pixelformat = offered.fourcc;
+    desc->pixelformat = underFlips(offered.fourcc);
     copyName(desc->description, sizeof desc->description, offered.description);
     return 0;
 }
 
 int SimulatedSensor::enumerateFrameSizes(v4l2_frmsizeenum* size) const {
-    const bool offered = chooseFormat(_config.formats, size->pixel_format).fourcc == size->pixel_format;
+    const uint32_t asked = underFlips(size->pixel_format);
+    const bool offered = chooseFormat(_config.formats, asked).fourcc == asked;
     if (!offered || size->index >= kFrameSizes.size()) return EINVAL;
     std::memset(size->reserved, 0, sizeof size->reserved);
     size->type = V4L2_FRMSIZE_TYPE_DISCRETE;
@@ -159,17 +160,21 @@ int SimulatedSensor::setFormat(v4l2_format* format, bool apply) {
     if (apply && (_streaming || _buffers.count() > 0)) return EBUSY;
     const FrameSize size = nearestSize(format->fmt.pix.width, format->fmt.pix.height);
     // An offered format is granted; any other request is answered with the first one.
-    const sensor::PixelFormat& granted = chooseFormat(_config.formats, format->fmt.pix.pixelformat);
+    const sensor::PixelFormat& granted = chooseFormat(_config.formats, underFlips(format->fmt.pix.pixelformat));
     v4l2_pix_format& pix = format->fmt.pix;
     std::memset(&format->fmt, 0, sizeof format->fmt);
     pix.width = size.width;
     pix.height = size.height;
-    pix.pixelformat = granted.fourcc;
+    pix.pixelformat = underFlips(granted.fourcc);
     pix.field = V4L2_FIELD_NONE;
     pix.bytesperline = static_cast<uint32_t>(granted.rowBytes(size.width));
     pix.sizeimage = pix.bytesperline * size.height;
     pix.colorspace = V4L2_COLORSPACE_RAW;
-    if (apply) _format = pix;
+    if (apply) {
+        _format = pix;
+        // The horizontal blanking fills the line past the frame's width.
+        if (_config.controls == ControlSet::Generic) _controls.set(V4L2_CID_HBLANK, kGenericLineLength - pix.width);
+    }
     pix.priv = V4L2_PIX_FMT_PRIV_MAGIC;
     return 0;
 }
@@ -310,7 +315,7 @@ int SimulatedSensor::queryControl(v4l2_queryctrl* query) const {
 
 int SimulatedSensor::getControl(v4l2_control* control) const {
     const ControlInfo* info = findControl(control->id);
-    if (!info) return EINVAL;
+    if (!info || info->type == V4L2_CTRL_TYPE_INTEGER64) return EINVAL;  // 64-bit values: extended requests only
     if (info->flags & V4L2_CTRL_FLAG_WRITE_ONLY) return EACCES;
     control->value = _controls.value(info->id);
     return 0;
@@ -318,8 +323,9 @@ int SimulatedSensor::getControl(v4l2_control* control) const {
 
 int SimulatedSensor::setControl(int fd, v4l2_control* control) {
     const ControlInfo* info = findControl(control->id);
-    if (!info) return EINVAL;
+    if (!info || info->type == V4L2_CTRL_TYPE_INTEGER64) return EINVAL;
     if (info->flags & V4L2_CTRL_FLAG_READ_ONLY) return EACCES;
+    if (layoutLocked(*info)) return EBUSY;
     writeControl(fd, *info, control->value);
     control->value = _controls.value(info->id);
     return 0;

@@ -44,6 +44,40 @@ const ControlInfo* SimulatedSensor::lookUpControl(uint32_t id) const {
     return findControl(id);
 }
 
+// A control that changes the Bayer order cannot change while streaming.
+bool SimulatedSensor::layoutLocked(const ControlInfo& info) const {
+    return _streaming && (info.flags & V4L2_CTRL_FLAG_MODIFY_LAYOUT) != 0;
+}
+
+// A flip that changes the layout mirrors the colour pattern along its axis: the delivered order
+// swaps its columns (horizontal) or rows (vertical), in the same sample format.
+void SimulatedSensor::flipDeliveredOrder(uint32_t id) {
+    _format.pixelformat = flippedFourcc(_format.pixelformat, id == V4L2_CID_HFLIP, id == V4L2_CID_VFLIP);
+}
+
+// `fourcc` with its order mirrored; a format with no fourcc for the mirrored order stays as it is.
+uint32_t SimulatedSensor::flippedFourcc(uint32_t fourcc, bool columns, bool rows) {
+    const sensor::PixelFormat* format = sensor::findBayerFormat(fourcc);
+    if (!format || (!columns && !rows)) return fourcc;
+    const unsigned dx = kernels::bayerColumnOffset(format->layout.order) ^ (columns ? 1u : 0u);
+    const unsigned dy = kernels::bayerRowOffset(format->layout.order) ^ (rows ? 1u : 0u);
+    const kernels::BayerOrder order = dy ? (dx ? kernels::BayerOrder::kRGGB : kernels::BayerOrder::kGRBG)
+                                         : (dx ? kernels::BayerOrder::kGBRG : kernels::BayerOrder::kBGGR);
+    for (const sensor::PixelFormat& other : sensor::bayerFormats()) {
+        if (other.layout.order == order && other.layout.storage == format->layout.storage &&
+            other.layout.bits == format->layout.bits)
+            return other.fourcc;
+    }
+    return fourcc;
+}
+
+// The delivered fourcc of an offered one under the flips set now, and back (mirroring twice is
+// no change).
+uint32_t SimulatedSensor::underFlips(uint32_t fourcc) const {
+    if (_config.controls != ControlSet::Generic) return fourcc;
+    return flippedFourcc(fourcc, _controls.value(V4L2_CID_HFLIP) != 0, _controls.value(V4L2_CID_VFLIP) != 0);
+}
+
 int SimulatedSensor::queryExtControl(v4l2_query_ext_ctrl* query) const {
     const ControlInfo* info = lookUpControl(query->id);
     if (!info) return EINVAL;
@@ -57,8 +91,8 @@ int SimulatedSensor::queryExtControl(v4l2_query_ext_ctrl* query) const {
     query->maximum = info->maximum;
     query->step = static_cast<uint64_t>(info->step);
     query->default_value = info->defaultValue;
-    query->flags = info->flags;
-    query->elem_size = sizeof(int32_t);
+    query->flags = info->flags | (layoutLocked(*info) ? V4L2_CTRL_FLAG_GRABBED : 0);
+    query->elem_size = info->type == V4L2_CTRL_TYPE_INTEGER64 ? sizeof(int64_t) : sizeof(int32_t);
     query->elems = 1;
     return 0;
 }
@@ -81,6 +115,7 @@ int SimulatedSensor::checkExtControls(unsigned long request, v4l2_ext_controls& 
         int error = !info || wrongClass ? EINVAL : 0;
         if (!error && request == VIDIOC_G_EXT_CTRLS && (info->flags & V4L2_CTRL_FLAG_WRITE_ONLY)) error = EACCES;
         if (!error && isWrite(request) && (info->flags & V4L2_CTRL_FLAG_READ_ONLY)) error = EACCES;
+        if (!error && request == VIDIOC_S_EXT_CTRLS && layoutLocked(*info)) error = EBUSY;
         if (error) {
             if (request == VIDIOC_TRY_EXT_CTRLS) controls.error_idx = i;
             return error;
@@ -102,7 +137,12 @@ int SimulatedSensor::extControls(int fd, unsigned long request, v4l2_ext_control
         v4l2_ext_control& control = controls->controls[i];
         const ControlInfo& info = *_controls.find(control.id);
         if (request == VIDIOC_G_EXT_CTRLS) {
-            control.value = controls->which == V4L2_CTRL_WHICH_DEF_VAL ? info.defaultValue : _controls.value(info.id);
+            const int32_t value =
+                controls->which == V4L2_CTRL_WHICH_DEF_VAL ? info.defaultValue : _controls.value(info.id);
+            if (info.type == V4L2_CTRL_TYPE_INTEGER64)
+                control.value64 = value;
+            else
+                control.value = value;
         } else if (request == VIDIOC_TRY_EXT_CTRLS) {
             control.value = _controls.clamp(info.id, control.value);
         } else {
@@ -121,7 +161,7 @@ void SimulatedSensor::writeControl(int fd, const ControlInfo& info, int32_t valu
     const int32_t old = _controls.value(info.id);
     const int32_t stored = _controls.set(info.id, value);
     DelayedValue* delayed = info.id == sensor::CID_EXPOSURE ? &_exposure
-                            : info.id == sensor::CID_GAIN   ? &_gain
+                            : info.id == _controls.gainId() ? &_gain
                                                             : nullptr;
     if (delayed) {
         const uint32_t delay = info.id == sensor::CID_EXPOSURE ? _config.exposureDelay : _config.gainDelay;
@@ -131,6 +171,7 @@ void SimulatedSensor::writeControl(int fd, const ControlInfo& info, int32_t valu
             delayed->reset(stored);
     }
     if (stored == old) return;
+    if (info.flags & V4L2_CTRL_FLAG_MODIFY_LAYOUT) flipDeliveredOrder(info.id);
     for (auto& [otherFd, file] : _files) {
         auto subscription = file.controlEvents.find(info.id);
         if (subscription == file.controlEvents.end()) continue;

@@ -38,9 +38,9 @@ struct ::timeval toTimeval(std::chrono::steady_clock::duration d) {
 SimulatedSensor::SimulatedSensor(std::string path, SimConfig config)
     : _path(std::move(path)),
       _config(std::move(config)),
-      _controls(_config.fps),
+      _controls(_config.fps, _config.controls, _config.pedestal),
       _exposure(_controls.value(sensor::CID_EXPOSURE)),
-      _gain(_controls.value(sensor::CID_GAIN)),
+      _gain(_controls.value(_controls.gainId())),
       _illuminance(_config.illuminance),
       _colourTemperature(_config.colourTemperature),
       _scene(makeScene(_config.scene, _config.level)) {

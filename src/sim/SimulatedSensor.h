@@ -146,6 +146,11 @@ private:
     int extControls(int fd, unsigned long request, struct v4l2_ext_controls* controls);
     int checkExtControls(unsigned long request, struct v4l2_ext_controls& controls) const;
     void writeControl(int fd, const ControlInfo& info, int32_t value);
+    bool layoutLocked(const ControlInfo& info) const;
+    void flipDeliveredOrder(uint32_t id);
+    static uint32_t flippedFourcc(uint32_t fourcc, bool columns, bool rows);
+    uint32_t underFlips(uint32_t fourcc) const;
+    kernels::RawLayout deliveredLayout() const;
     void queueControlEvent(OpenFile& file, const ControlInfo& info, uint32_t changes);
     int subscribeEvent(int fd, const struct v4l2_event_subscription* subscription);
     int unsubscribeEvent(int fd, const struct v4l2_event_subscription* subscription);

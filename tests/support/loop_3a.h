@@ -8,6 +8,7 @@
 
 #include "sim/Scene.h"
 
+#include <array>
 #include <cmath>
 #include <stdexcept>
 #include <string>
@@ -49,9 +50,12 @@ public:
         frame.meteredY = CUDACameraTestAccess::aeMeteredY(*rig.camera);
         measureGrayPatch(*bucket, frame);
         frame.exposure = rig.reg(sensor::CID_EXPOSURE);
-        frame.gain = rig.reg(sensor::CID_GAIN);
-        frame.redGain = rig.reg(sensor::CID_RED_GAIN);
-        frame.blueGain = rig.reg(sensor::CID_BLUE_GAIN);
+        frame.gain = rig.reg(rig.camera->sensorProfile().gainControl);
+        // Without the sensor's channel gains, the pipeline's as the frame's feedback gives them.
+        const bool sensorGains = rig.camera->sensorProfile().channelGains;
+        const std::array<float, 4>& gains = bucket->feedback.autoWhiteBalanceGains;
+        frame.redGain = sensorGains ? rig.reg(sensor::CID_RED_GAIN) : static_cast<int32_t>(gains.front() * 1024.0f);
+        frame.blueGain = sensorGains ? rig.reg(sensor::CID_BLUE_GAIN) : static_cast<int32_t>(gains.back() * 1024.0f);
         for (size_t k = 0; k < bucket->buffers.size(); ++k)
             rig.camera->release(bucket->index, static_cast<unsigned>(k));
         return frame;

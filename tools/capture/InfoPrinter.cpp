@@ -63,6 +63,15 @@ void printControls(std::ostream& out, const Controls& c) {
     out << std::defaultfloat << std::setprecision(6);
 }
 
+// "sensor profile: generic (done in the pipeline: channel gains, black level)".
+void printSensor(std::ostream& out, const capture::Capabilities& capabilities) {
+    out << "\n    sensor profile: " << capabilities.sensorProfile;
+    std::string emulated;
+    for (const std::string& control : capabilities.emulatedControls)
+        emulated += (emulated.empty() ? "" : ", ") + control;
+    if (!emulated.empty()) out << " (done in the pipeline: " << emulated << ")";
+}
+
 void printOutputConfigurations(std::ostream& out) {
     out << "Output configurations:\n";
     for (size_t i = 0; i < capture::CUDA_OUTPUT_BUFFER_CONFIG.size(); ++i) {
@@ -83,6 +92,7 @@ void printInfo(std::ostream& out, capture::CUDADevice& device, const std::vector
         out << "\n    pixel formats:";
         for (const std::string& format : capabilities.pixelFormats) out << " " << format;
         if (!capabilities.pixelFormat.empty()) out << " (in use: " << capabilities.pixelFormat << ")";
+        printSensor(out, capabilities);
         out << "\n    controls:\n";
         printControls(out, device.getControls(i));
     }

@@ -1,5 +1,6 @@
 // What a camera can do, as reported by CaptureDevice::getCapabilities: the frame sizes it
-// delivers, in the order the camera lists them, and the raw formats its driver offers.
+// delivers, in the order the camera lists them, the raw formats its driver offers, and the
+// sensor profile.
 #pragma once
 
 #include <ruvo/util/Dimensions.h>
@@ -18,6 +19,10 @@ struct Capabilities {
     // The one the camera uses (or would use at its next start): a fourcc, or "default" for the
     // default sensor's 14-bit layout; empty with no formats.
     std::string pixelFormat;
+    // The sensor profile in use ("default", "generic" or its file) and the sensor controls the
+    // pipeline does in the sensor's place ("channel gains", "black level", "luminance statistic").
+    std::string sensorProfile;
+    std::vector<std::string> emulatedControls;
 };
 
 }  // namespace capture

@@ -53,7 +53,15 @@ void unpackRows(const RawUnpack<Samples>& unpack) {
     for (int ty = 0; ty < rows; ++ty) unpackRow(unpack, static_cast<unsigned>(ty));
 }
 
+RUVO_ROW_CLONES void levelRow(const RawLevelPass& pass, unsigned ty) { pass.row(ty); }
+
 }  // namespace
+
+void runRawLevels(const RawLevelPass& pass) {
+    const int rows = static_cast<int>(pass.height);
+#pragma omp parallel for schedule(dynamic, 8)
+    for (int ty = 0; ty < rows; ++ty) levelRow(pass, static_cast<unsigned>(ty));
+}
 
 void runRawUnpack(const RawUnpack<ByteSamples>& unpack) { unpackRows(unpack); }
 void runRawUnpack(const RawUnpack<WordSamples>& unpack) { unpackRows(unpack); }

@@ -12,6 +12,7 @@ void runRawUnpack(const RawUnpack<ByteSamples>& unpack);
 void runRawUnpack(const RawUnpack<WordSamples>& unpack);
 void runRawUnpack(const RawUnpack<Csi2Packed10Samples>& unpack);
 void runRawUnpack(const RawUnpack<Csi2Packed12Samples>& unpack);
+void runRawLevels(const RawLevelPass& pass);
 
 }  // namespace kernels
 }  // namespace capture
