@@ -70,7 +70,10 @@ void CUDACamera::init_device() {
         throw CaptureDeviceException(_params.path + " does not support streaming i/o");
     }
     const v4l2_format format = negotiateFormat();
-    if (format.fmt.pix.width != _controls.width || format.fmt.pix.height != _controls.height) {
+    // The driver's size, or the one it answered, must give the configured size as it is or as its
+    // centred crop; a size the pipeline does not take is refused whatever the driver says.
+    if (!kernels::takesFrameSize(_controls.width, _controls.height) || _crop.width != _controls.width ||
+        _crop.height != _controls.height) {
         throw CaptureDeviceException("Unsupported resolution: " + std::to_string(_controls.width) + "x" +
                                      std::to_string(_controls.height));
     }
@@ -83,7 +86,7 @@ void CUDACamera::init_device() {
                                      " bytes per line and " + std::to_string(_sizeImage) +
                                      " bytes per image, too few for the frame");
     }
-    init_mem(format);
+    init_mem();
 }
 
 void CUDACamera::start_capturing() {

@@ -136,6 +136,7 @@ SimConfig readSimConfig(const AbstractConfiguration& config) {
     c.pedestal = static_cast<int32_t>(readInteger(config, "sim.pedestal", c.pedestal, 0, 1023));
     c.samples = readSamples(config);
     c.formats = readFormats(config, c.samples);
+    if (config.has("sim.sizes")) c.sizes = parseFrameSizes("sim.sizes", config.getString("sim.sizes"));
     c.exposureDelay = static_cast<uint32_t>(readInteger(config, "sim.exposureDelay", c.exposureDelay, 0, 16));
     c.gainDelay = static_cast<uint32_t>(readInteger(config, "sim.gainDelay", c.gainDelay, 0, 16));
     c.script = parseScript(config.getString("sim.script", ""));

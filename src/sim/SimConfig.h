@@ -3,6 +3,7 @@
 #pragma once
 
 #include "sensor/PixelFormats.h"
+#include "sim/FrameSizes.h"
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Util/AbstractConfiguration.h>
@@ -49,6 +50,7 @@ struct SimConfig {
     SampleLayout samples = SampleLayout::Msb14;
     // Formats offered, the first at start (sim.format; without it, the one sim.samples names).
     std::vector<sensor::PixelFormat> formats{sensor::defaultLayoutFormat()};
+    FrameSizes sizes;                 // offered frame sizes (sim.sizes)
     uint32_t exposureDelay = 2;       // frames until an exposure write shows
     uint32_t gainDelay = 1;           // frames until a gain write shows
     std::vector<ScriptEvent> script;  // sorted by frame
