@@ -133,8 +133,9 @@ void CUDACamera::programMeteringRectangle(const std::vector<ruvo::util::Weighted
     }
     const dlib::rectangle& rect = regions.front().rect;
     setControl(sensor::CID_METER_ENABLE, 1);
-    setControl(sensor::CID_METER_LEFT, static_cast<int32_t>(rect.left()));
-    setControl(sensor::CID_METER_TOP, static_cast<int32_t>(rect.top()));
+    // The sensor meters its own image: a cropped frame's region lies that much further in.
+    setControl(sensor::CID_METER_LEFT, static_cast<int32_t>(rect.left() + _crop.left));
+    setControl(sensor::CID_METER_TOP, static_cast<int32_t>(rect.top() + _crop.top));
     const bool empty = rect.top() > rect.bottom() || rect.right() < rect.left();
     setControl(sensor::CID_METER_WIDTH, empty ? 0 : static_cast<int32_t>(rect.right() - rect.left() + 1));
     setControl(sensor::CID_METER_HEIGHT, empty ? 0 : static_cast<int32_t>(rect.bottom() - rect.top() + 1));
