@@ -42,7 +42,7 @@ struct LaunchGeometry {
     }
 };
 
-// The step-s threads of the last step each cover a 16 x 16 square of the full image.
+// Each thread of the last step covers a 16 x 16 square of the full image.
 constexpr unsigned kSizeUnit = 1u << kLastStep;
 
 // Tuned shapes. `visibleHeight` is the height the sensor delivers: below `height` when the
