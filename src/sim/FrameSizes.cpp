@@ -45,8 +45,9 @@ uint32_t roundToStep(uint32_t value, uint32_t low, uint32_t high, uint32_t step)
 }  // namespace
 
 FrameSize FrameSizes::nearest(uint32_t width, uint32_t height) const {
-    if (stepwise) return {roundToStep(width, min.width, max.width, step.width),
-                          roundToStep(height, min.height, max.height, step.height)};
+    if (stepwise)
+        return {roundToStep(width, min.width, max.width, step.width),
+                roundToStep(height, min.height, max.height, step.height)};
     FrameSize best = discrete.front();
     double bestDistance = INFINITY;
     for (const FrameSize& size : discrete) {
