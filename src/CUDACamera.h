@@ -180,6 +180,7 @@ private:
     // Raw format (CUDACameraFormat.cpp).
     std::vector<uint32_t> offeredFormats();
     std::vector<OfferedFrameSize> offeredSizes(uint32_t fourcc);
+    bool driverGives(uint32_t width, uint32_t height) const;
     void describeFormats(Capabilities& capabilities);
     sensor::PixelFormat chooseRawFormat();
     v4l2_format negotiateFormat();

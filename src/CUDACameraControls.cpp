@@ -85,6 +85,8 @@ void CUDACamera::setControls(const Controls& c) {
         restart =
             c.width != _controls.width || c.height != _controls.height || c.outputBuffers != _controls.outputBuffers;
     }
+    // A size the running driver cannot give is refused before the restart, which would fail.
+    if (restart && !driverGives(c.width, c.height)) throw CaptureDeviceException("Unsupported resolution");
     if (restart) {
         std::array<int32_t, 5> kept{};
         for (size_t i = 0; i < kept.size(); ++i) kept[i] = getControl(kKeptAcrossRestart[i]);

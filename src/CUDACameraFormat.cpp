@@ -81,6 +81,22 @@ Dimensions sensorSizeFor(const std::vector<OfferedFrameSize>& offered, Dimension
 
 }  // namespace
 
+// Whether the driver gives frames of the processed size: a listed size or its crop, or a size of
+// a listed range; true when the driver lists no sizes (only a start can tell).
+bool CUDACamera::driverGives(uint32_t width, uint32_t height) const {
+    const Dimensions processed(width, height);
+    const auto inRange = [](uint32_t value, uint32_t low, uint32_t high, uint32_t step) {
+        return value >= low && value <= high && (step == 0 || (value - low) % step == 0);
+    };
+    for (const OfferedFrameSize& size : _offeredSizes) {
+        if (size.step == Dimensions() ? size.max == processed || size.processed == processed
+                                      : inRange(width, size.min.width, size.max.width, size.step.width) &&
+                                            inRange(height, size.min.height, size.max.height, size.step.height))
+            return true;
+    }
+    return _offeredSizes.empty();
+}
+
 // The frame sizes the driver lists for `fourcc`, in its order; a range is its only entry.
 std::vector<OfferedFrameSize> CUDACamera::offeredSizes(uint32_t fourcc) {
     std::vector<OfferedFrameSize> sizes;

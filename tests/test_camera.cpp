@@ -391,6 +391,12 @@ TEST_F(Camera, ADriverSizeOffThePipelinesGridIsCroppedCentred) {
             mismatches += !std::equal(input + y * 1632, input + (y + 1) * 1632, delivered + y * 1640 + 4);
         EXPECT_EQ(mismatches, 0u) << "rows unlike the driver's crop";
         camera->release(bucket->index);
+        // A size the pipeline takes but this driver cannot give is refused without a restart.
+        Controls other = camera->getControls();
+        other.width = 640;
+        other.height = 480;
+        EXPECT_EQ(refusal(*camera, other), "Unsupported resolution");
+        EXPECT_TRUE(sensor()->streaming());
         camera->stop();
     }
     const std::vector<OfferedFrameSize> listed = camera->getCapabilities().frameSizes;
