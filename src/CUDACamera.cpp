@@ -7,6 +7,7 @@
 #include "CUDAUtils.h"
 #include "OutputBufferConfig.h"
 #include "SensorControls.h"
+#include "isp/LaunchGeometry.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
 #include <ruvo/util/Channel.h>
@@ -26,13 +27,6 @@ namespace capture {
 namespace {
 
 std::string errnoText(int error) { return std::strerror(error); }
-
-// Rows of the GPU input: the two heights whose pyramid would not divide evenly are padded.
-uint32_t paddedHeight(uint32_t height) {
-    if (height == 380) return 384;
-    if (height == 1080) return 1152;
-    return height;
-}
 
 struct OutputGeometry {
     uint32_t width = 0;
@@ -153,11 +147,12 @@ void CUDACamera::stop() {
 
 void CUDACamera::deinit_device() { deinit_mem(); }
 
-void CUDACamera::init_mem(const v4l2_format& format) {
+void CUDACamera::init_mem() {
     const uint32_t granted = requestBuffers();
-    const uint32_t W = format.fmt.pix.width;
-    const uint32_t H = format.fmt.pix.height;
-    const uint32_t C = paddedHeight(H);
+    // The processed size: the negotiated crop of the driver's frame.
+    const uint32_t W = _crop.width;
+    const uint32_t H = _crop.height;
+    const uint32_t C = kernels::paddedHeight(W, H);  // rows of the GPU input
     if (_params.bufferPoolSize == 0) return;
 
     // Buckets beyond the count the driver granted stay without memory and are never queued.
@@ -168,6 +163,8 @@ void CUDACamera::init_mem(const v4l2_format& format) {
         bucket.width = W;
         bucket.height = H;
         bucket.cuda_height = C;
+        bucket.cropLeft = _crop.left;
+        bucket.cropTop = _crop.top;
         bucket.index = i;
         if (_memoryType == V4L2_MEMORY_MMAP) mapDriverBuffer(bucket, C);
         CUDABuffer& buf = bucket.cudaIn;

@@ -8,6 +8,7 @@
 #include "CUDAKernels.h"
 #include "CameraParams.h"
 #include "io/DeviceIo.h"
+#include "isp/LaunchGeometry.h"
 #include "sensor/PixelFormats.h"
 #include "sensor/SensorProfile.h"
 
@@ -85,6 +86,8 @@ public:
         uint32_t width = 0;
         uint32_t height = 0;
         uint32_t cuda_height = 0;  // rows of the GPU input: 384 for 380, 1152 for 1080
+        uint32_t cropLeft = 0;     // where the processed frame starts in the driver's frame
+        uint32_t cropTop = 0;
         V4L2Buffer v4l2;
         CUDABuffer cudaIn;     // raw frame: 16-bit samples, the same memory as v4l2.data
         CUDABuffer delivered;  // the frame in a format converted into cudaIn; empty for the default layout
@@ -184,7 +187,7 @@ private:
 
     void open_device();
     void init_device();
-    void init_mem(const v4l2_format& format);
+    void init_mem();  // at the negotiated size (init_device)
     // Driver buffers (CUDACameraBuffers.cpp).
     uint32_t requestBuffers();
     void mapDriverBuffer(Bucket& bucket, uint32_t cudaHeight);
@@ -194,6 +197,8 @@ private:
     bool acceptFrame(const v4l2_buffer& buf, Bucket& bucket);
     // Raw format (CUDACameraFormat.cpp).
     std::vector<uint32_t> offeredFormats();
+    std::vector<OfferedFrameSize> offeredSizes(uint32_t fourcc);
+    bool driverGives(uint32_t width, uint32_t height) const;
     void describeFormats(Capabilities& capabilities);
     sensor::PixelFormat chooseRawFormat();
     v4l2_format negotiateFormat();
@@ -282,7 +287,9 @@ private:
     float _blackLevel = 0.0f;                                          // on the 14-bit scale
     std::array<std::atomic<int32_t>, 3> _digitalGains{};  // red, green, blue in 1/1024, without channel-gain controls
     bool _meteringWindowLogged = false;
-    int64_t _nextSequence = -1;  // the driver sequence expected next; -1 before the first frame
+    std::vector<OfferedFrameSize> _offeredSizes;  // its sizes for the format in use
+    kernels::FrameCrop _crop;                     // the processed part of the driver's frame, as negotiated
+    int64_t _nextSequence = -1;                   // the driver sequence expected next; -1 before the first frame
     uint64_t _droppedFrames = 0;
     uint64_t _errorBuffers = 0;
 };

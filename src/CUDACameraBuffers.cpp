@@ -73,7 +73,9 @@ void CUDACamera::mapDriverBuffer(Bucket& bucket, uint32_t cudaHeight) {
     v4l2.length = bucket.width * bucket.height;
     v4l2.mapped = true;
     const size_t inputBytes = static_cast<size_t>(bucket.width) * cudaHeight * 2;
-    if (!_pixelFormat.isDefaultLayout() || _bytesPerLine != bucket.width * 2 || buf.length < inputBytes) return;
+    const bool cropped = bucket.cropLeft != 0 || bucket.cropTop != 0;
+    if (!_pixelFormat.isDefaultLayout() || cropped || _bytesPerLine != bucket.width * 2 || buf.length < inputBytes)
+        return;
     if (cudaHostRegister(data, buf.length, cudaHostRegisterMapped) != cudaSuccess) {
         cudaGetLastError();  // refused registration is not a fault: the frames are copied instead
         return;
@@ -101,7 +103,8 @@ void CUDACamera::attachUserBuffer(Bucket& bucket) {
         v4l2.data = bucket.delivered.host;
         return;
     }
-    if (_bytesPerLine == bucket.width * 2 && v4l2.size <= bucket.cudaIn.size) {
+    const bool cropped = bucket.cropLeft != 0 || bucket.cropTop != 0;
+    if (!cropped && _bytesPerLine == bucket.width * 2 && v4l2.size <= bucket.cudaIn.size) {
         v4l2.data = bucket.cudaIn.host;
         return;
     }
@@ -142,8 +145,8 @@ bool CUDACamera::acceptFrame(const v4l2_buffer& buf, Bucket& bucket) {
     if (_nextSequence < 0) _droppedFrames += buf.sequence;  // frames lost before the first one
     _nextSequence = static_cast<int64_t>(buf.sequence) + 1;
     const bool damaged = (buf.flags & V4L2_BUF_FLAG_ERROR) != 0 ||
-                         buf.bytesused < static_cast<uint64_t>(_bytesPerLine) * (bucket.height - 1) +
-                                             _pixelFormat.rowBytes(bucket.width);
+                         buf.bytesused < static_cast<uint64_t>(_bytesPerLine) * (bucket.cropTop + bucket.height - 1) +
+                                             _pixelFormat.rowBytes(bucket.cropLeft + bucket.width);
     if (damaged) {
         ++_errorBuffers;
         return false;

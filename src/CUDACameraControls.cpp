@@ -4,6 +4,7 @@
 
 #include "OutputBufferConfig.h"
 #include "SensorControls.h"
+#include "isp/LaunchGeometry.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
 
@@ -17,13 +18,15 @@ namespace capture {
 
 namespace {
 
+// The default sensor's sizes, the ones the capabilities list.
 const std::array<ruvo::util::Dimensions, 4> kSupportedSizes = {
     ruvo::util::Dimensions(672, 380), ruvo::util::Dimensions(1280, 720), ruvo::util::Dimensions(1920, 1080),
     ruvo::util::Dimensions(2688, 1520)};
 
 void validate(const Controls& c) {
-    const ruvo::util::Dimensions size(c.width, c.height);
-    if (std::find(kSupportedSizes.begin(), kSupportedSizes.end(), size) == kSupportedSizes.end()) {
+    // Those and every other size the pipeline takes (sides multiples of 16); the driver may
+    // still refuse it at the next start.
+    if (!kernels::takesFrameSize(c.width, c.height)) {
         throw CaptureDeviceException("Unsupported resolution");
     }
     if (std::find(CUDA_OUTPUT_BUFFER_CONFIG.begin(), CUDA_OUTPUT_BUFFER_CONFIG.end(), c.outputBuffers) ==
@@ -86,6 +89,8 @@ void CUDACamera::setControls(const Controls& c) {
         restart = flips || c.width != _controls.width || c.height != _controls.height ||
                   c.outputBuffers != _controls.outputBuffers;
     }
+    // A size the running driver cannot give is refused before the restart, which would fail.
+    if (restart && !driverGives(c.width, c.height)) throw CaptureDeviceException("Unsupported resolution");
     if (restart) restartKeepingSensorValues(c);
     {
         Poco::FastMutex::ScopedLock lock(_mutexControls);

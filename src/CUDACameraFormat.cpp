@@ -5,6 +5,7 @@
 
 #include "CUDAUtils.h"
 #include "SensorControls.h"
+#include "isp/LaunchGeometry.h"
 #include "isp/RawUnpack.h"
 
 #include <ruvo/capture/CaptureDeviceException.h>
@@ -28,6 +29,86 @@ std::vector<uint32_t> CUDACamera::offeredFormats() {
         codes.push_back(desc.pixelformat);
     }
     return codes;
+}
+
+namespace {
+
+using ruvo::util::Dimensions;
+
+// The largest size of a stepwise range whose sides are multiples of 16, or 0 x 0.
+Dimensions largestTakenInRange(const v4l2_frmsize_stepwise& range) {
+    const auto side = [](uint32_t low, uint32_t high, uint32_t step) -> uint32_t {
+        if (step == 0) step = 1;
+        for (uint32_t value = low + (high - low) / step * step; value >= low && value > 0; value -= step) {
+            if (value % kernels::kSizeUnit == 0) return value;
+            if (value < step) break;
+        }
+        return 0;
+    };
+    const uint32_t width = side(range.min_width, range.max_width, range.step_width);
+    const uint32_t height = side(range.min_height, range.max_height, range.step_height);
+    return width && height ? Dimensions(width, height) : Dimensions();
+}
+
+OfferedFrameSize offeredSize(const v4l2_frmsizeenum& entry) {
+    OfferedFrameSize size;
+    if (entry.type == V4L2_FRMSIZE_TYPE_DISCRETE) {
+        size.min = size.max = Dimensions(entry.discrete.width, entry.discrete.height);
+        const kernels::FrameCrop crop = kernels::cropToTakenSize(entry.discrete.width, entry.discrete.height);
+        size.processed = Dimensions(crop.width, crop.height);
+        return size;
+    }
+    const v4l2_frmsize_stepwise& range = entry.stepwise;
+    size.min = Dimensions(range.min_width, range.min_height);
+    size.max = Dimensions(range.max_width, range.max_height);
+    size.step =
+        entry.type == V4L2_FRMSIZE_TYPE_CONTINUOUS ? Dimensions(1, 1) : Dimensions(range.step_width, range.step_height);
+    size.processed = largestTakenInRange(range);
+    return size;
+}
+
+// The driver size to ask for a processed size: the size itself when the driver lists it (or
+// lists no discrete sizes), else the first listed size whose centred crop it is.
+Dimensions sensorSizeFor(const std::vector<OfferedFrameSize>& offered, Dimensions processed) {
+    for (const OfferedFrameSize& size : offered) {
+        if (size.step == Dimensions() && size.max == processed) return processed;
+    }
+    for (const OfferedFrameSize& size : offered) {
+        if (size.step == Dimensions() && size.processed == processed) return size.max;
+    }
+    return processed;
+}
+
+}  // namespace
+
+// Whether the driver gives frames of the processed size: a listed size or its crop, or a size of
+// a listed range; true when the driver lists no sizes (only a start can tell).
+bool CUDACamera::driverGives(uint32_t width, uint32_t height) const {
+    const Dimensions processed(width, height);
+    const auto inRange = [](uint32_t value, uint32_t low, uint32_t high, uint32_t step) {
+        return value >= low && value <= high && (step == 0 || (value - low) % step == 0);
+    };
+    for (const OfferedFrameSize& size : _offeredSizes) {
+        if (size.step == Dimensions() ? size.max == processed || size.processed == processed
+                                      : inRange(width, size.min.width, size.max.width, size.step.width) &&
+                                            inRange(height, size.min.height, size.max.height, size.step.height))
+            return true;
+    }
+    return _offeredSizes.empty();
+}
+
+// The frame sizes the driver lists for `fourcc`, in its order; a range is its only entry.
+std::vector<OfferedFrameSize> CUDACamera::offeredSizes(uint32_t fourcc) {
+    std::vector<OfferedFrameSize> sizes;
+    for (uint32_t index = 0;; ++index) {
+        v4l2_frmsizeenum entry{};
+        entry.index = index;
+        entry.pixel_format = fourcc;
+        if (xioctl(VIDIOC_ENUM_FRAMESIZES, &entry) == -1) break;  // EINVAL past the last one
+        sizes.push_back(offeredSize(entry));
+        if (entry.type != V4L2_FRMSIZE_TYPE_DISCRETE) break;
+    }
+    return sizes;
 }
 
 // "pixelFormat": a named format as configured. Under "auto", SBGGR10 from a driver with the
@@ -63,8 +144,10 @@ void CUDACamera::describeFormats(Capabilities& capabilities) {
         }
         try {
             chosen = chooseRawFormat();
+            _offeredSizes = offeredSizes(chosen.fourcc);
         } catch (const CaptureDeviceException&) {
             chosen = sensor::PixelFormat{};  // nothing the camera takes
+            _offeredSizes.clear();
         }
         try {
             resolveSensorProfile();
@@ -72,6 +155,7 @@ void CUDACamera::describeFormats(Capabilities& capabilities) {
         }
         close_device();
     }
+    capabilities.frameSizes = _offeredSizes;
     for (uint32_t code : _offeredFormats) {
         if (code == sensor::defaultLayoutFormat().fourcc || sensor::findBayerFormat(code))
             capabilities.pixelFormats.push_back(sensor::fourccText(code));
@@ -80,13 +164,17 @@ void CUDACamera::describeFormats(Capabilities& capabilities) {
         capabilities.pixelFormat = chosen.isDefaultLayout() ? "default" : sensor::fourccText(chosen.fourcc);
 }
 
-// Sets the chosen format at the configured size; the driver's answer comes back.
+// Sets the chosen format at the driver size that gives the configured size (itself, or a larger
+// one it is the centred crop of); the driver's answer comes back, and the crop that it needs.
 v4l2_format CUDACamera::negotiateFormat() {
     const sensor::PixelFormat wanted = chooseRawFormat();
+    _offeredSizes = offeredSizes(wanted.fourcc);
+    // A size set through the controls applies at the next start.
+    const Dimensions asked = sensorSizeFor(_offeredSizes, Dimensions(_controls.width, _controls.height));
     v4l2_format format{};
     format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    format.fmt.pix.width = _controls.width;  // a size set through the controls applies at the next start
-    format.fmt.pix.height = _controls.height;
+    format.fmt.pix.width = asked.width;
+    format.fmt.pix.height = asked.height;
     format.fmt.pix.pixelformat = wanted.fourcc;
     format.fmt.pix.field = V4L2_FIELD_NONE;
     if (xioctl(VIDIOC_S_FMT, &format) == -1)
@@ -106,6 +194,7 @@ v4l2_format CUDACamera::negotiateFormat() {
                                      " format");
     }
     _pixelFormat = wanted;
+    _crop = kernels::cropToTakenSize(format.fmt.pix.width, format.fmt.pix.height);
     return format;
 }
 
@@ -122,20 +211,23 @@ void CUDACamera::allocateDelivered(Bucket& bucket) {
 }
 
 // Brings a dequeued frame into the raw input: rows copied for the default layout (unless the
-// driver wrote them there), or converted on the bucket's stream from the delivered format; then
-// the levels the sensor could not apply.
+// driver wrote them there), or converted on the bucket's stream from the delivered format, a
+// cropped frame from its crop's first sample; then the levels the sensor could not apply.
 void CUDACamera::copyIn(Bucket& bucket) const {
-    const auto* source = static_cast<const unsigned char*>(bucket.v4l2.data);
+    const size_t cropOffset = static_cast<size_t>(_crop.top) * bucket.v4l2.stride + _pixelFormat.rowBytes(_crop.left);
+    const auto* source = static_cast<const unsigned char*>(bucket.v4l2.data) + cropOffset;
     if (_pixelFormat.isDefaultLayout()) {
-        if (bucket.v4l2.data == bucket.cudaIn.host) return applyLevels(bucket);  // written in place
+        if (bucket.v4l2.data == bucket.cudaIn.host) return applyLevels(bucket);  // written in place, never cropped
         auto* destination = static_cast<unsigned char*>(bucket.cudaIn.host);
         const size_t row = static_cast<size_t>(bucket.width) * 2;
         for (uint32_t y = 0; y < bucket.height; ++y)
             std::memcpy(destination + y * row, source + static_cast<size_t>(y) * bucket.v4l2.stride, row);
     } else {
         if (bucket.v4l2.data != bucket.delivered.host)
-            std::memcpy(bucket.delivered.host, source, static_cast<size_t>(bucket.v4l2.stride) * bucket.height);
-        unpackRawFrame(bucket.stream, _pixelFormat.layout, bucket.delivered.device, bucket.v4l2.stride,
+            std::memcpy(bucket.delivered.host, bucket.v4l2.data,
+                        static_cast<size_t>(bucket.v4l2.stride) * (_crop.top + bucket.height));
+        unpackRawFrame(bucket.stream, _pixelFormat.layout,
+                       static_cast<const unsigned char*>(bucket.delivered.device) + cropOffset, bucket.v4l2.stride,
                        static_cast<uint16_t*>(bucket.cudaIn.device), bucket.width, bucket.height);
     }
     applyLevels(bucket);

@@ -65,7 +65,10 @@ void CUDACamera::init_device() {
     // Flips that change the Bayer order are set first: the format negotiated after them says the order.
     if (_profile.flipsBeforeStreaming) applyFlips();
     const v4l2_format format = negotiateFormat();
-    if (format.fmt.pix.width != _controls.width || format.fmt.pix.height != _controls.height) {
+    // The driver's size, or the one it answered, must give the configured size as it is or as its
+    // centred crop; a size the pipeline does not take is refused whatever the driver says.
+    if (!kernels::takesFrameSize(_controls.width, _controls.height) || _crop.width != _controls.width ||
+        _crop.height != _controls.height) {
         throw CaptureDeviceException("Unsupported resolution: " + std::to_string(_controls.width) + "x" +
                                      std::to_string(_controls.height));
     }
@@ -79,7 +82,7 @@ void CUDACamera::init_device() {
                                      " bytes per line and " + std::to_string(_sizeImage) +
                                      " bytes per image, too few for the frame");
     }
-    init_mem(format);
+    init_mem();
 }
 
 void CUDACamera::start_capturing() {
@@ -135,8 +138,9 @@ void CUDACamera::programMeteringRectangle(const std::vector<ruvo::util::Weighted
     }
     const dlib::rectangle& rect = regions.front().rect;
     setControl(sensor::CID_METER_ENABLE, 1);
-    setControl(sensor::CID_METER_LEFT, static_cast<int32_t>(rect.left()));
-    setControl(sensor::CID_METER_TOP, static_cast<int32_t>(rect.top()));
+    // The sensor meters its own image: a cropped frame's region lies that much further in.
+    setControl(sensor::CID_METER_LEFT, static_cast<int32_t>(rect.left() + _crop.left));
+    setControl(sensor::CID_METER_TOP, static_cast<int32_t>(rect.top() + _crop.top));
     const bool empty = rect.top() > rect.bottom() || rect.right() < rect.left();
     setControl(sensor::CID_METER_WIDTH, empty ? 0 : static_cast<int32_t>(rect.right() - rect.left() + 1));
     setControl(sensor::CID_METER_HEIGHT, empty ? 0 : static_cast<int32_t>(rect.bottom() - rect.top() + 1));

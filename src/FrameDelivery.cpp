@@ -127,7 +127,11 @@ void CUDADeviceImpl::ConsumeTask::appendFrames(uint32_t c, CUDACamera::Bucket* b
         frame->height = geometry.height;
         setFramePlanes(*frame, geometry.data, geometry.stride, geometry.cuda_height);
         frame->feedback = bucket->feedback;
-        frame->source = dlib::rectangle(0, 0, frame->width, frame->height);
+        // The frame's part of the driver's image, at the frame's own scale: (0, 0, width, height)
+        // unless the driver's size was cropped.
+        const auto level = static_cast<uint32_t>(definition.outputLevel);
+        const long left = level < 32 ? bucket->cropLeft >> level : 0, top = level < 32 ? bucket->cropTop >> level : 0;
+        frame->source = dlib::rectangle(left, top, left + frame->width, top + frame->height);
         frame->type = "camera";
         _batch.push_back(std::move(frame));
     }

@@ -372,6 +372,57 @@ TEST_F(Camera, EveryDeliveredLayoutGivesTheDefaultLayoutsOutput) {
     EXPECT_EQ(offered.pixelFormat, "RG16");
 }
 
+// A driver that lists 1640 x 1232 (and 1280 x 720) gives 1632 x 1232 frames on request: the
+// centred crop, 4 columns in, of what it delivers, as a plain client reads it, whether the camera
+// reads it by user pointer, by mapping or converted from packed samples. The capabilities list
+// each driver size with what the camera takes of it, a stepwise range with its largest such size.
+TEST_F(Camera, ADriverSizeOffThePipelinesGridIsCroppedCentred) {
+    ruvo::capture::testing::SimClient client({{"sim.sizes", "1640x1232"}, {"sim.scene", "zoneplate"}});
+    client.start(1640, 1232);
+    const uint16_t* delivered = client.samples(client.stepAndDequeue().index);
+    const ruvo::test::Keys cases[] = {{}, {{"sim.userptr", "false"}}, {{"sim.format", "pBAA"}}};
+    for (ruvo::test::Keys keys : cases) {
+        SCOPED_TRACE(keys.empty() ? "user pointer" : keys.front().second);
+        keys.insert(keys.end(), {{"sim.sizes", "1640x1232,1280x720"},
+                                 {"sim.scene", "zoneplate"},
+                                 {"hFlip", "false"},
+                                 {"vFlip", "false"},
+                                 {"width", "1632"},
+                                 {"height", "1232"}});
+        configure(keys);
+        camera->start();
+        CUDACamera::Bucket* bucket = next();
+        ASSERT_NE(bucket, nullptr);
+        EXPECT_EQ(bucket->width, 1632u);
+        EXPECT_EQ(bucket->cuda_height, 1232u);
+        EXPECT_EQ(bucket->cropLeft, 4u);
+        EXPECT_EQ(bucket->cropTop, 0u);
+        const auto* input = static_cast<const uint16_t*>(bucket->cudaIn.host);
+        size_t mismatches = 0;
+        for (size_t y = 0; y < 1232; ++y)
+            mismatches += !std::equal(input + y * 1632, input + (y + 1) * 1632, delivered + y * 1640 + 4);
+        EXPECT_EQ(mismatches, 0u) << "rows unlike the driver's crop";
+        camera->release(bucket->index);
+        // A size the pipeline takes but this driver cannot give is refused without a restart.
+        Controls other = camera->getControls();
+        other.width = 640;
+        other.height = 480;
+        EXPECT_EQ(refusal(*camera, other), "Unsupported resolution");
+        EXPECT_TRUE(sensor()->streaming());
+        camera->stop();
+    }
+    const std::vector<OfferedFrameSize> listed = camera->getCapabilities().frameSizes;
+    ASSERT_EQ(listed.size(), 2u);
+    EXPECT_TRUE(listed[0].max == ruvo::util::Dimensions(1640, 1232) &&
+                listed[0].processed == ruvo::util::Dimensions(1632, 1232));
+    EXPECT_TRUE(listed[1].processed == listed[1].max && listed[1].step == ruvo::util::Dimensions());
+    configure({{"sim.sizes", "64x48..4100x3074/4x2"}});
+    const std::vector<OfferedFrameSize> range = camera->getCapabilities().frameSizes;
+    ASSERT_EQ(range.size(), 1u);
+    EXPECT_TRUE(range[0].step == ruvo::util::Dimensions(4, 2) &&
+                range[0].processed == ruvo::util::Dimensions(4096, 3072));
+}
+
 // A flat field under a warm illuminant (red above blue) gives the same YUV whichever of the four
 // orders the sensor delivers, and stays warm: V above neutral, U below.
 TEST_F(Camera, AFlatColouredFieldLooksTheSameInEveryBayerOrder) {

@@ -55,7 +55,15 @@ TEST(CameraOpen, FailuresNameTheCause) {
                                {},
                                "Cannot identify \"/nonexistent/ruvo-video99\" (2): No such file or directory"},
                           Case{file, {}, "Not a device: \"" + file + "\""},
-                          Case{uniqueSimPath("fmt"), {{"width", "1281"}}, "Unsupported resolution: 1281x720"}}) {
+                          Case{uniqueSimPath("fmt"), {{"width", "1281"}}, "Unsupported resolution: 1281x720"},
+                          // offered by the driver, but off the pipeline's 16-pixel grid
+                          Case{uniqueSimPath("fmt"),
+                               {{"width", "1640"}, {"height", "1232"}, {"sim.sizes", "1640x1232"}},
+                               "Unsupported resolution: 1640x1232"},
+                          // the crop of no size the driver offers
+                          Case{uniqueSimPath("fmt"),
+                               {{"width", "1632"}, {"height", "1232"}, {"sim.sizes", "1280x720,3280x2464"}},
+                               "Unsupported resolution: 1632x1232"}}) {
         CUDACamera camera(simCameraConfig(k.path, k.keys), 0);
         EXPECT_EQ(startError(camera), k.message);
     }

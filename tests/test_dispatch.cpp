@@ -1,8 +1,10 @@
-// The dispatcher: which output bytes a run writes in every configuration, demosaic mode and size
-// (and which it leaves alone), the colour kernel each run starts with, the abort on other sizes,
-// the message for unknown configurations, and the histogram's scratch memory.
+// The dispatcher: the launch geometry of every size the size rule takes, which output bytes a run
+// writes in every configuration, demosaic mode and size (and which it leaves alone), the colour
+// kernel each run starts with, the abort on other sizes, the message for unknown configurations,
+// and the histogram's scratch memory.
 #include "CUDAKernels.h"
 #include "CUDAUtils.h"
+#include "isp/LaunchGeometry.h"
 #include "support/GpuPresence.h"
 #include "support/kernel_buffers.h"
 
@@ -21,6 +23,62 @@ namespace {
 
 using namespace ruvo::test;
 namespace cap = ruvo::capture;
+namespace k = ruvo::capture::kernels;
+
+// The default sensor's four sizes as delivered, the rows they are processed at, and the block and
+// grid of steps 1 to 4, as the pipeline has always launched them.
+struct TableRow {
+    unsigned width, visibleHeight, height;
+    k::Extent2 blocks[4], grids[4];
+};
+const TableRow kTable[] = {
+    {672, 380, 384, {{28, 12}, {14, 24}, {14, 24}, {14, 24}}, {{12, 16}, {12, 4}, {6, 2}, {3, 1}}},
+    {1280, 720, 720, {{32, 24}, {32, 20}, {32, 15}, {20, 15}}, {{20, 15}, {10, 9}, {5, 6}, {4, 3}}},
+    {1920, 1080, 1152, {{32, 12}, {32, 18}, {30, 9}, {30, 9}}, {{30, 48}, {15, 16}, {8, 16}, {4, 8}}},
+    {2688, 1520, 1520, {{32, 10}, {32, 10}, {24, 19}, {24, 19}}, {{42, 76}, {21, 38}, {14, 10}, {7, 5}}},
+};
+
+bool sameExtent(k::Extent2 a, k::Extent2 b) { return a.x == b.x && a.y == b.y; }
+
+TEST(SizeRule, TheDefaultSensorsSizesKeepTheirPaddingBlocksAndGrids) {
+    for (const TableRow& row : kTable) {
+        const std::string what = std::to_string(row.width) + "x" + std::to_string(row.visibleHeight);
+        EXPECT_TRUE(k::takesFrameSize(row.width, row.visibleHeight)) << what;
+        ASSERT_EQ(k::paddedHeight(row.width, row.visibleHeight), row.height) << what;
+        const std::optional<k::LaunchGeometry> geometry = k::findLaunchGeometry(row.width, row.height);
+        ASSERT_TRUE(geometry) << what;
+        for (int step = k::kFirstStep; step <= k::kLastStep; ++step) {
+            const k::LaunchShape shape = geometry->shape(step);
+            EXPECT_TRUE(sameExtent(shape.block, row.blocks[step - 1]) && sameExtent(shape.grid, row.grids[step - 1]))
+                << what << " step " << step;
+        }
+    }
+}
+
+// Every launch of a size the rule takes covers exactly (width >> s) x (height >> s) threads within
+// the kernels' launch bounds, for every size up to 4096 x 4096; a size off the 16-pixel grid has no
+// geometry, and the padding of one sensor mode does not spread to other sizes.
+TEST(SizeRule, EveryTakenSizeIsCoveredExactlyAndNoOtherHasAGeometry) {
+    for (unsigned width = 16; width <= 4096; width += 16) {
+        for (unsigned height = 16; height <= 4096; height += 16) {
+            const std::optional<k::LaunchGeometry> geometry = k::findLaunchGeometry(width, height);
+            ASSERT_TRUE(geometry) << width << "x" << height;
+            for (int step = k::kFirstStep; step <= k::kLastStep; ++step) {
+                const k::LaunchShape shape = geometry->shape(step);
+                ASSERT_TRUE(sameExtent(shape.threads(), {width >> step, height >> step}) &&
+                            shape.block.x * shape.block.y <= k::kMaxThreadsPerBlock)
+                    << width << "x" << height << " step " << step << ": block " << shape.block.x << "x"
+                    << shape.block.y;
+            }
+        }
+    }
+    for (const ProcessedSize& size : {ProcessedSize{1640, 1232}, ProcessedSize{1280, 728}, ProcessedSize{1920, 1080},
+                                      ProcessedSize{672, 380}, ProcessedSize{8, 8}}) {
+        EXPECT_FALSE(k::findLaunchGeometry(size.width, size.height)) << sizeName(size);
+    }
+    EXPECT_FALSE(k::takesFrameSize(1280, 1080));
+    EXPECT_FALSE(k::takesFrameSize(672, 382));
+}
 
 // Bytes that a run writes into each buffer, from the configuration's documented outputs.
 std::vector<size_t> expectedWrites(int configuration, cap::CUDADemosaicMode mode, const ProcessedSize& size,
@@ -88,9 +146,12 @@ void expectWrittenBytes(IspRig& rig, cap::CUDADemosaicMode mode, const std::vect
 
 // Also checks that the full-size YUV image of every configuration that has one is the one of
 // YUV_ONLY in the same mode: every Lanczos run and every bilinear colour kernel share the colour path.
+// The sizes: the default sensor's four and the sensor modes with derived launch shapes.
 TEST(WrittenBytes, ExactlyTheOutputsOfEveryConfigurationModeAndSize) {
     RUVO_REQUIRE_CUDA_DEVICE();
-    for (const ProcessedSize& size : supportedSizes()) {
+    std::vector<ProcessedSize> sizes = supportedSizes();
+    sizes.insert(sizes.end(), sensorModeSizes().begin(), sensorModeSizes().end());
+    for (const ProcessedSize& size : sizes) {
         const std::vector<uint16_t> frame = randomSensorFrame(size.width, size.height, 71);
         const size_t yuvBytes = static_cast<size_t>(size.width) * size.height * 3 / 2;
         std::vector<unsigned char> yuvOnly[2];
@@ -118,7 +179,7 @@ TEST(UnsupportedSize, AbortsWithTheSizeAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     cudaStream_t stream = nullptr;
     unsigned char* targets[1] = {nullptr};
-    for (const ProcessedSize& size : {ProcessedSize{672, 380}, ProcessedSize{1920, 1080}, ProcessedSize{640, 480}}) {
+    for (const ProcessedSize& size : {ProcessedSize{672, 380}, ProcessedSize{1920, 1080}, ProcessedSize{1640, 1232}}) {
         EXPECT_DEATH(cap::cudaISP(stream, cap::YUV_ONLY, 1, cap::BILINEAR_5, nullptr, targets, nullptr, nullptr,
                                   size.width, size.height, 1, 1, 1, 1, 1, 10),
                      "false && \\(width \\|\\| height\\)")

@@ -29,14 +29,16 @@ struct Consumer : CUDADeviceImpl::ConsumeTask {
 
 using Batch = std::vector<std::shared_ptr<Frame>>;
 
-// Two stepped cameras (YUV_2 and YUV_ONLY) with their producers and one consumer, no threads.
+// Two stepped YUV_2 cameras with their producers and one consumer, no threads; the second one's
+// 1632 x 1232 frames are the centred crop of its driver's 1640 x 1232.
 struct Rig : ::testing::Test {
     void SetUp() override {
         RUVO_REQUIRE_CUDA_DEVICE();
         for (int i = 0; i < 2; ++i) {
             paths[i] = uniqueSimPath("pipe");
-            cameras[i] = std::make_unique<CUDACamera>(
-                simCameraConfig(paths[i], {{"outputBufferFormats", i == 0 ? "1" : "0"}}), i);
+            ruvo::test::Keys keys{{"outputBufferFormats", "1"}};
+            if (i == 1) keys.insert(keys.end(), {{"sim.sizes", "1640x1232"}, {"width", "1632"}, {"height", "1232"}});
+            cameras[i] = std::make_unique<CUDACamera>(simCameraConfig(paths[i], keys), i);
             cameras[i]->start();
             producers[i] = std::make_unique<Producer>("ProduceTask-" + std::to_string(i), cameras[i].get(), event);
         }
@@ -105,9 +107,12 @@ TEST_F(Rig, OnlyTheNewestBucketIsDeliveredAndTheOlderReturnedWhole) {
     capture(1);
     consumer->work();
     ASSERT_EQ(delivered.size(), 1u);
-    ASSERT_EQ(delivered[0].size(), 1u);
+    ASSERT_EQ(delivered[0].size(), 2u);
     EXPECT_EQ(delivered[0][0]->cameraId, 1u);  // positions are kept when camera 0 has nothing
-    EXPECT_EQ(delivered[0][0]->frameId, 2u);   // frames counted, not batches
+    // The crop's place in the driver's image, at each frame's own scale.
+    EXPECT_EQ(delivered[0][0]->source, dlib::rectangle(4, 0, 1636, 1232));
+    EXPECT_EQ(delivered[0][1]->source, dlib::rectangle(2, 0, 818, 616));
+    EXPECT_EQ(delivered[0][0]->frameId, 2u);  // frames counted, not batches
     EXPECT_EQ(delivered[0][0]->batchId, 1u);
 }
 
@@ -120,7 +125,7 @@ TEST_F(Rig, EmptyWakeUpUsesABatchNumberAndTimeOutDoesNot) {
     capture(1);
     consumer->work();
     ASSERT_EQ(delivered.size(), 1u);
-    ASSERT_EQ(delivered[0].size(), 3u);
+    ASSERT_EQ(delivered[0].size(), 4u);
     for (const auto& f : delivered[0]) EXPECT_EQ(f->batchId, 1u);
     EXPECT_EQ(delivered[0][2]->cameraId, 1u);
     EXPECT_EQ(consumer->batchId, 2u);

@@ -19,6 +19,7 @@
 #include <cstring>
 #include <functional>
 #include <thread>
+#include <vector>
 
 namespace ruvo::capture {
 namespace {
@@ -72,10 +73,27 @@ TEST(SystemDeviceIo, SelectWaitsForReadabilityWithinItsBounds) {
 }
 
 TEST(MakeDeviceIo, RejectsSimKeysItCannotUse) {
-    for (const std::string entry :
-         {"sim.clock=fast", "sim.fps=0", "sim.samples=msb16", "sim.level=1.5", "sim.noise=maybe", "sim.scene=stripes",
-          "sim.scene=", "sim.scene=image.jpg", "sim.script=10:brightness=2", "sim.script=x:illuminance=2",
-          "sim.pedestal=2000", "sim.dropEvery=-1", "sim.format=BG11", "sim.format=default,BG10", "sim.format=,"}) {
+    for (const std::string entry : {"sim.clock=fast",
+                                    "sim.fps=0",
+                                    "sim.samples=msb16",
+                                    "sim.level=1.5",
+                                    "sim.noise=maybe",
+                                    "sim.scene=stripes",
+                                    "sim.scene=",
+                                    "sim.scene=image.jpg",
+                                    "sim.script=10:brightness=2",
+                                    "sim.script=x:illuminance=2",
+                                    "sim.pedestal=2000",
+                                    "sim.dropEvery=-1",
+                                    "sim.format=BG11",
+                                    "sim.format=default,BG10",
+                                    "sim.format=,",
+                                    "sim.sizes=1640x",
+                                    "sim.sizes=1641x1232",
+                                    "sim.sizes=",
+                                    "sim.sizes=64x64..32x32/2x2",
+                                    "sim.sizes=64x64..128x128",
+                                    "sim.sizes=64x64..128x128/3x2"}) {
         const size_t equals = entry.find('=');
         const std::string path = testing::uniqueSimPath("bad");
         EXPECT_THROW(makeDeviceIo(path, testing::cameraEntry({{entry.substr(0, equals), entry.substr(equals + 1)}})),
@@ -122,6 +140,48 @@ TEST(SimV4l2, SetFormatRoundsToTheNearestSupportedSizeAndIsBusyWhileStreaming) {
     r.count = 0;
     ASSERT_EQ(c.call(VIDIOC_REQBUFS, &r), 0);
     EXPECT_EQ(c.call(VIDIOC_S_FMT, &f), 0);
+}
+
+// "sim.sizes": the listed sizes enumerated as discrete sizes in order and S_FMT granting the
+// nearest, or one stepwise range (the only entry) granting the request clamped and rounded to its
+// steps; each at the row bytes of the format.
+TEST(SimV4l2, ConfiguredSizesAreEnumeratedAndGranted) {
+    struct Case {
+        const char* sizes;
+        std::vector<v4l2_frmsizeenum> listed;  // type and size fields only
+        uint32_t w, h, grantedW, grantedH;
+    };
+    v4l2_frmsizeenum one{}, two{}, range{};
+    one.type = two.type = V4L2_FRMSIZE_TYPE_DISCRETE;
+    one.discrete = {1640, 1232};
+    two.discrete = {3280, 2464};
+    range.type = V4L2_FRMSIZE_TYPE_STEPWISE;
+    range.stepwise = {64, 4096, 4, 48, 3072, 2};
+    for (const Case& k : {Case{"1640x1232, 3280x2464", {one, two}, 3000, 2000, 3280, 2464},
+                          Case{"1640x1232,3280x2464", {one, two}, 1280, 720, 1640, 1232},
+                          Case{"64x48..4096x3072/4x2", {range}, 1641, 1233, 1640, 1234},
+                          Case{"64x48..4096x3072/4x2", {range}, 9000, 10, 4096, 48}}) {
+        SCOPED_TRACE(std::string(k.sizes) + " " + std::to_string(k.w) + "x" + std::to_string(k.h));
+        SimClient c{{"sim.sizes", k.sizes}, {"sim.format", "pBAA"}};
+        for (uint32_t i = 0; i <= k.listed.size(); ++i) {
+            v4l2_frmsizeenum size{};
+            size.index = i;
+            size.pixel_format = V4L2_PIX_FMT_SBGGR10P;
+            const int result = c.call(VIDIOC_ENUM_FRAMESIZES, &size);
+            if (i == k.listed.size()) {
+                EXPECT_EQ(result, EINVAL) << "past the last";
+                break;
+            }
+            ASSERT_EQ(result, 0) << i;
+            EXPECT_EQ(size.type, k.listed[i].type) << i;
+            EXPECT_EQ(std::memcmp(&size.stepwise, &k.listed[i].stepwise, sizeof size.stepwise), 0) << i;
+        }
+        v4l2_format f = captureFormat(k.w, k.h, V4L2_PIX_FMT_SBGGR10P);
+        ASSERT_EQ(c.call(VIDIOC_S_FMT, &f), 0);
+        EXPECT_EQ(f.fmt.pix.width, k.grantedW);
+        EXPECT_EQ(f.fmt.pix.height, k.grantedH);
+        EXPECT_EQ(f.fmt.pix.bytesperline, k.grantedW * 5 / 4);
+    }
 }
 
 // ENUM_FMT lists the configured formats in order; S_FMT grants each with the row bytes V4L2

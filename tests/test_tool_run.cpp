@@ -270,6 +270,7 @@ TEST_F(ToolCommands, InfoListsCapabilitiesControlsAndEveryOutputConfiguration) {
              "capabilities: 672x380 1280x720 1920x1080 2688x1520", "pixel formats: BG10 (in use: default)",
              "sensor profile: default\n",
              "sensor profile: generic (done in the pipeline: channel gains, black level, luminance statistic)",
+             "frame sizes: 672x380 (takes it) 1280x720 (takes it) 1920x1080 (takes it) 2688x1520 (takes it)",
              "target Y 0.250",  // --set reaches the camera
              "hFlip true, vFlip false", "mode \"default\"", "exposure time range 0.167 .. 33.333 ms",
              "buffer 4: HISTOGRAM8  8bit skin masked luminance histogram  NOT_APPLICABLE",

@@ -19,7 +19,9 @@ void executeLaunch(const PlannedLaunch& launch, const LaunchGeometry& geometry, 
     for (int target : {launch.input, launch.outputs[0], launch.outputs[1], launch.outputs[2]}) {
         if (target != kNoTarget) deviceTargets[target] = hostrt::deviceView(targets[target]);
     }
-    hostrt::launch(kernelName(launch.kernel), stream, [=, &geometry]() mutable {
+    // Everything is copied into the kernel, the geometry too: a derived one lives only as long as
+    // the dispatch, and strict mode runs the kernel later, when the stream is synchronised.
+    hostrt::launch(kernelName(launch.kernel), stream, [=]() mutable {
         runLaunchOnHost(launch, geometry, deviceParams, deviceTargets.data(), colorModelThreshold);
     });
 }

@@ -20,8 +20,8 @@ namespace kernels {
 template <class RunLaunch, class RunHistogram>
 void dispatchIsp(int configuration, CUDADemosaicMode mode, unsigned width, unsigned height, const RunLaunch& runLaunch,
                  const RunHistogram& runHistogram) {
-    const LaunchGeometry* geometry = findLaunchGeometry(width, height);
-    if (geometry == nullptr) {
+    const std::optional<LaunchGeometry> geometry = findLaunchGeometry(width, height);
+    if (!geometry) {
         assert(false && (width || height));
         std::abort();
     }

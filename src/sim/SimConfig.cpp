@@ -161,6 +161,7 @@ SimConfig readSimConfig(const AbstractConfiguration& config) {
         if (c.controls == ControlSet::Generic && format.isDefaultLayout())
             invalid("sim.controls", "generic", "the default sensor's 14-bit layout comes with its own controls");
     }
+    if (config.has("sim.sizes")) c.sizes = parseFrameSizes("sim.sizes", config.getString("sim.sizes"));
     c.exposureDelay = static_cast<uint32_t>(readInteger(config, "sim.exposureDelay", c.exposureDelay, 0, 16));
     c.gainDelay = static_cast<uint32_t>(readInteger(config, "sim.gainDelay", c.gainDelay, 0, 16));
     c.script = parseScript(config.getString("sim.script", ""));

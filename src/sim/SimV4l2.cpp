@@ -11,7 +11,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <array>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -21,26 +20,8 @@ namespace capture {
 namespace sim {
 namespace {
 
-struct FrameSize {
-    uint32_t width, height;
-};
-constexpr std::array<FrameSize, 4> kFrameSizes = {{{672, 380}, {1280, 720}, {1920, 1080}, {2688, 1520}}};
 // The most buffers one REQBUFS grants, as the kernel's queue limit.
 constexpr uint32_t kMaxBuffers = 32;
-
-FrameSize nearestSize(uint32_t width, uint32_t height) {
-    FrameSize best = kFrameSizes[0];
-    double bestDistance = INFINITY;
-    for (const FrameSize& size : kFrameSizes) {
-        const double dx = static_cast<double>(width) - size.width;
-        const double dy = static_cast<double>(height) - size.height;
-        if (dx * dx + dy * dy < bestDistance) {
-            bestDistance = dx * dx + dy * dy;
-            best = size;
-        }
-    }
-    return best;
-}
 
 void copyName(uint8_t* destination, size_t size, const std::string& text) {
     std::memset(destination, 0, size);
@@ -138,12 +119,7 @@ int SimulatedSensor::enumerateFormat(v4l2_fmtdesc* desc) const {
 int SimulatedSensor::enumerateFrameSizes(v4l2_frmsizeenum* size) const {
     const uint32_t asked = underFlips(size->pixel_format);
     const bool offered = chooseFormat(_config.formats, asked).fourcc == asked;
-    if (!offered || size->index >= kFrameSizes.size()) return EINVAL;
-    std::memset(size->reserved, 0, sizeof size->reserved);
-    size->type = V4L2_FRMSIZE_TYPE_DISCRETE;
-    size->discrete.width = kFrameSizes[size->index].width;
-    size->discrete.height = kFrameSizes[size->index].height;
-    return 0;
+    return offered ? _config.sizes.enumerate(size) : EINVAL;
 }
 
 int SimulatedSensor::getFormat(v4l2_format* format) const {
@@ -158,7 +134,7 @@ int SimulatedSensor::setFormat(v4l2_format* format, bool apply) {
     if (format->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
     // The frame size cannot change while buffers of the old size are allocated.
     if (apply && (_streaming || _buffers.count() > 0)) return EBUSY;
-    const FrameSize size = nearestSize(format->fmt.pix.width, format->fmt.pix.height);
+    const FrameSize size = _config.sizes.nearest(format->fmt.pix.width, format->fmt.pix.height);
     // An offered format is granted; any other request is answered with the first one.
     const sensor::PixelFormat& granted = chooseFormat(_config.formats, underFlips(format->fmt.pix.pixelformat));
     v4l2_pix_format& pix = format->fmt.pix;

@@ -20,6 +20,11 @@ const std::vector<ProcessedSize>& supportedSizes() {
     return sizes;
 }
 
+const std::vector<ProcessedSize>& sensorModeSizes() {
+    static const std::vector<ProcessedSize> sizes = {{1632, 1232}, {3280, 2464}, {4032, 3040}};
+    return sizes;
+}
+
 std::string sizeName(const ProcessedSize& size) {
     return std::to_string(size.width) + "x" + std::to_string(size.height);
 }

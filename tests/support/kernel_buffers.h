@@ -20,6 +20,9 @@ struct ProcessedSize {
 
 // The four processed sizes of the pipeline, smallest first.
 const std::vector<ProcessedSize>& supportedSizes();
+// Sensor mode sizes beyond those, as processed: 1640 x 1232 cropped to 1632 x 1232, 3280 x 2464,
+// 4032 x 3040.
+const std::vector<ProcessedSize>& sensorModeSizes();
 std::string sizeName(const ProcessedSize& size);
 
 // Bytes of output buffer `buffer` of `configuration` as the output buffer table lists it.

@@ -80,6 +80,27 @@ void printOutputConfigurations(std::ostream& out) {
     }
 }
 
+// The driver's sizes for the format in use and what the camera makes of each: "1640x1232 (takes
+// 1632x1232)", "1280x720 (takes it)", "64x64..4096x3072/2x2 (takes up to 4096x3072)", or "(not taken)".
+void printFrameSizes(std::ostream& out, const std::vector<capture::OfferedFrameSize>& sizes) {
+    out << "    frame sizes:";
+    if (sizes.empty()) out << " none listed";
+    for (const capture::OfferedFrameSize& size : sizes) {
+        const bool range = size.step != util::Dimensions();
+        out << " ";
+        if (range) out << size.min.width << "x" << size.min.height << "..";
+        out << size.max.width << "x" << size.max.height;
+        if (range) out << "/" << size.step.width << "x" << size.step.height;
+        if (size.processed == util::Dimensions())
+            out << " (not taken)";
+        else if (!range && size.processed == size.max)
+            out << " (takes it)";
+        else
+            out << " (takes " << (range ? "up to " : "") << size.processed.width << "x" << size.processed.height << ")";
+    }
+    out << "\n";
+}
+
 void printInfo(std::ostream& out, capture::CUDADevice& device, const std::vector<CameraEntry>& cameras) {
     const uint32_t count = device.numDevices();
     out << "Cameras: " << count << "\n";
@@ -93,7 +114,9 @@ void printInfo(std::ostream& out, capture::CUDADevice& device, const std::vector
         for (const std::string& format : capabilities.pixelFormats) out << " " << format;
         if (!capabilities.pixelFormat.empty()) out << " (in use: " << capabilities.pixelFormat << ")";
         printSensor(out, capabilities);
-        out << "\n    controls:\n";
+        out << "\n";
+        printFrameSizes(out, capabilities.frameSizes);
+        out << "    controls:\n";
         printControls(out, device.getControls(i));
     }
     out << "\n";

@@ -11,6 +11,17 @@
 namespace ruvo {
 namespace capture {
 
+// A frame size the driver lists for the raw format in use: one size (`step` 0 x 0, `min` equal to
+// `max`) or a range from `min` to `max` in steps of `step`. `processed` is what the camera
+// processes when asked for it: the size itself, the largest centred crop inside it whose width and
+// height are multiples of 16 (a range: its largest such size), or 0 x 0 when nothing fits.
+struct OfferedFrameSize {
+    ruvo::util::Dimensions min;
+    ruvo::util::Dimensions max;
+    ruvo::util::Dimensions step;
+    ruvo::util::Dimensions processed;
+};
+
 struct Capabilities {
     std::vector<ruvo::util::Dimensions> resolutions;
     // V4L2 fourccs ("BG10", "pRAA") the driver lists that the camera can take, in the driver's
@@ -23,6 +34,8 @@ struct Capabilities {
     // pipeline does in the sensor's place ("channel gains", "black level", "luminance statistic").
     std::string sensorProfile;
     std::vector<std::string> emulatedControls;
+    // The driver's frame sizes for that format, in its order; empty when it lists none.
+    std::vector<OfferedFrameSize> frameSizes;
 };
 
 }  // namespace capture
