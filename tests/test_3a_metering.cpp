@@ -23,20 +23,13 @@ using metering::Region;
 
 // ---- register conversions ----
 
-// The manual gains 1, 3, 16 and -1 and the limits 0.6 and 16 are checked on the sensor by the
-// exposure tests.
-TEST(GainToRegister, ClampsAndStageBoundariesJumpInRegisterSpace) {
-    EXPECT_EQ(gainToRegister(1000.0f), 2039);
-    EXPECT_EQ(gainToRegister(std::numeric_limits<float>::quiet_NaN()), 0);
-    EXPECT_EQ(gainToRegister(1.99f), 254);
-    EXPECT_EQ(gainToRegister(2.0f), 376);
-    EXPECT_EQ(gainToRegister(4.0f), 884);
-    EXPECT_EQ(gainToRegister(8.0f), 1912);
-}
-
 // Within the sensor's gain stages the register encodes the gain to one fine step of its stage,
-// rounding down: decoding never overshoots and loses less than one step.
+// rounding down: decoding never overshoots and loses less than one step. The manual gains 1, 3,
+// 16 and -1 and the limits 0.6 and 16 are checked on the sensor by the exposure tests.
 TEST(GainToRegister, DecodesBackWithinOneFineStep) {
+    EXPECT_EQ(gainToRegister(1.99f), 254);
+    EXPECT_EQ(gainToRegister(2.0f), 376) << "a stage boundary jumps in register space";
+    EXPECT_EQ(gainToRegister(std::numeric_limits<float>::quiet_NaN()), 0);
     for (float g = 0.0f; g < 15.99f; g += 0.00731f) {
         const float decoded = gainFromRegister(gainToRegister(g));
         const float step = g < 2.0f ? 1.0f / 128 : g < 4.0f ? 1.0f / 64 : g < 8.0f ? 1.0f / 32 : 1.0f / 16;
@@ -49,7 +42,6 @@ TEST(ExposureUnits, SecondsAndRegisters) {
     // 1/30 s is 74433.9988 lines. (The float nearest 1/30 is 0.0039 lines longer and so is
     // line 74434: the driver's frame-period maximum of 74433 clamps it at 30 frames/s.)
     EXPECT_EQ(secondsToExposureRegister(1.0 / 30.0), 74433);
-    EXPECT_NEAR(exposureRegisterToSeconds(74433), 74433 * 0.44782403e-6, 1e-12);
     EXPECT_NEAR(exposureRegisterToSeconds(1000000.0 / 0.44782403), 1.0, 1e-9);
     EXPECT_EQ(secondsToExposureRegister(std::numeric_limits<double>::quiet_NaN()), 0);
     EXPECT_EQ(secondsToExposureRegister(1e30), INT32_MAX);
@@ -82,14 +74,6 @@ TEST(SampleRegions, ColumnAndRowComeFromDifferentTableEntries) {
     EXPECT_EQ(scratch.samples.y, expected);
     EXPECT_EQ(image.view().u - image.bytes.data(), 48);
     EXPECT_EQ(image.view().v - image.bytes.data(), 60);
-}
-
-TEST(SampleRegions, PassRunsWhileTheSampleNumberIsBelowTheCount) {
-    EXPECT_EQ(metering::passLength(1000.0f), 1000u);
-    EXPECT_EQ(metering::passLength(2.5f), 3u);
-    EXPECT_EQ(metering::passLength(0.0f), 0u);
-    EXPECT_EQ(metering::passLength(-4.0f), 0u);
-    EXPECT_EQ(metering::passLength(std::numeric_limits<float>::quiet_NaN()), 0u);
 }
 
 TEST(SampleRegions, RegionSumsExtremesAndTheOrSkinCount) {

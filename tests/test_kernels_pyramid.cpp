@@ -175,11 +175,9 @@ INSTANTIATE_TEST_SUITE_P(AllSizes, Levels, ::testing::ValuesIn(supportedSizes())
                          [](const auto& info) { return sizeName(info.param); });
 
 // Every pair of byte differences: the magnitude wraps above the byte range (2 sqrt(2) 255 = 721
-// gives 209) and the orientation is the exact byte except next to an integer.
+// gives 209), the orientation of pi is 128.0001 + 127 and just above -pi is clamped to 0, and the
+// orientation is the exact byte except next to an integer.
 TEST(GradientArithmetic, MagnitudeWrapsAndOrientationQuantisesOverAllDifferences) {
-    EXPECT_EQ(k::magnitudeByte(255, 255), 209);
-    EXPECT_EQ(k::orientationByte(-5, 0), 255);   // pi: 128.0001 + 127
-    EXPECT_EQ(k::orientationByte(-100, -1), 0);  // just above -pi: -0.6, clamped to 0
     int flipped = 0;
     for (int dy = -255; dy <= 255; ++dy) {
         for (int dx = -255; dx <= 255; ++dx) {
