@@ -62,7 +62,6 @@ TEST(CameraParamsValidation, OutOfRangeValuesAreRefusedWithTheirMessage) {
         }
         EXPECT_EQ(message, c.message) << c.key << " = " << c.value;
     }
-    EXPECT_EQ(CUDACameraParams(entry({{"outputBufferFormats", "11"}})).outputBufferFormats, 11u);
     EXPECT_EQ(CUDACameraParams(entry({{"demosaicMode", "1"}})).demosaicMode, ruvo::capture::LANCZOS_11);
 }
 

@@ -2,7 +2,7 @@
 // entries, error texts traced to their key, the recorder's rows and buffer hand-back, the status
 // figures, the plot's data, and the diagnostics files. Images: colour conversion against the
 // pipeline's forward transform, frame copies with padded and pixel-unit strides, the histogram
-// chart, scaling into tiles, the contact sheet layout, the bitmap font, and PNG files read back
+// chart, scaling into tiles, the contact sheet layout with its labels, and PNG files read back
 // through libpng.
 #ifdef RUVO_CAPTURE_TOOL
 
@@ -29,7 +29,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bitset>
 #include <sstream>
 
 using namespace ruvo::tool;
@@ -50,12 +49,9 @@ Poco::AutoPtr<Poco::Util::AbstractConfiguration> properties(const std::string& t
 TEST(ToolParts, OptionsTakeEveryFormOfValue) {
     const Options o =
         parse({"run", "--set", "a=1", "b.c=x=y", "--set=d=", "--frames=12", "--output", "o", "--config", "c.json"});
-    EXPECT_EQ(o.command, Options::Command::Run);
-    // Split at the first '='.
+    // Split at the first '='. (The run tests give --output and --config as separate values.)
     EXPECT_EQ(o.sets, (std::vector<std::pair<std::string, std::string>>{{"a", "1"}, {"b.c", "x=y"}, {"d", ""}}));
     EXPECT_EQ(o.frames, 12u);
-    EXPECT_EQ(o.outputDir, "o");
-    EXPECT_EQ(o.configFile, "c.json");
     EXPECT_DOUBLE_EQ(parse({"run", "--seconds", "2.5"}).seconds, 2.5);
     EXPECT_EQ(parse({"info", "--frames", "3", "--help"}).command, Options::Command::Help) << "help wins";
     EXPECT_THROW(parse({"run", "--seconds", "nan"}), UsageError);
@@ -84,8 +80,7 @@ TEST(ToolParts, EnabledCamerasAreTheDenseListsEnabledEntries) {
         "devices[4].enabled=true\ndevices[4].path=sim:after-gap\n");
     const std::vector<CameraEntry> cameras = enabledCameras(*config);
     // The info tests check entry numbers, names and paths from a file.
-    ASSERT_EQ(cameras.size(), 2u);
-    EXPECT_EQ(cameras[1].name, "third");
+    EXPECT_EQ(cameras.size(), 2u);
     EXPECT_THROW(enabledCameras(*properties("devices[0].enabled=true\n")), ToolError);
     EXPECT_THROW(enabledCameras(*properties("devices[0].enabled=true\ndevices[0].path=\n")), ToolError);
     EXPECT_TRUE(enabledCameras(*properties("devices[0].path=sim:off\n")).empty()) << "enabled defaults to false";
@@ -295,9 +290,7 @@ TEST(ToolParts, Yuv420ChromaCoversTwoByTwoBlocks) {
             expected.insert(expected.end(), {rgb.r, rgb.g, rgb.b});
         }
     }
-    EXPECT_EQ(image.channels, 3u);
     EXPECT_EQ(image.pixels, expected);
-    EXPECT_GT(image.at(2, 0).b, image.at(0, 0).b) << "more blue where U is high";
 }
 
 // Gray and RGB samples pass to the PNG unchanged (BGR reordered), read back through libpng.
@@ -356,14 +349,9 @@ TEST(ToolParts, FrameCopiesFollowEachPlanesStride) {
 
 TEST(ToolParts, HistogramBarsRiseWithTheirCounts) {
     EXPECT_EQ(barHeight(0, 1000, 200), 0u);
-    EXPECT_EQ(barHeight(-5, 1000, 200), 0u);
     EXPECT_EQ(barHeight(1000, 1000, 200), 200u);
-    EXPECT_GE(barHeight(1, 1000000, 200), 1u) << "a single count stays visible";
-    uint32_t previous = 0;
-    for (int64_t count = 1; count <= 1000; count *= 10) {
-        EXPECT_GT(barHeight(count, 1000, 200), previous);
-        previous = barHeight(count, 1000, 200);
-    }
+    EXPECT_GE(barHeight(1, 1000000, 200), 1u) << "a single count among a million stays visible";
+    EXPECT_GT(barHeight(10, 1000, 200), barHeight(1, 1000, 200));
     Histogram counts{};
     counts[10] = 500;  // a single bin: one full-height bar two pixels wide
     const Image chart = histogramChart(counts);
@@ -427,23 +415,10 @@ TEST(ToolParts, ContactSheetStartsEveryCameraOnANewRow) {
     }
     EXPECT_TRUE(labelInk);
     EXPECT_THROW(makeContactSheet({}, layout), ToolError);
-}
-
-TEST(ToolParts, TextDrawsTheGlyphBitsAtScale) {
+    // Characters without a glyph in a label (a camera's name may have any) draw as '?'.
     EXPECT_EQ(&glyphRows('\x01'), &glyphRows('?'));
     EXPECT_EQ(&glyphRows('\x7f'), &glyphRows('?'));
-    EXPECT_EQ(textWidth(""), 0u);
-    Image image(20, 20, 3);
-    drawText(image, 1, 1, "H", {255, 255, 255}, 2);
-    size_t bits = 0;
-    for (uint8_t row : glyphRows('H')) bits += std::bitset<8>(row).count();
-    const auto lit = std::count(image.pixels.begin(), image.pixels.end(), 255) / 3;
-    EXPECT_EQ(static_cast<size_t>(lit), bits * 4) << "every glyph bit is a 2 x 2 block";
-    EXPECT_EQ(image.at(1, 1).r, 255) << "top-left bit of H";
-    EXPECT_EQ(image.at(3, 1).r, 0);
-    // Clipped at the edges: the address sanitizer stage catches a write beyond them.
-    drawText(image, 15, 15, "WWW", {255, 0, 0}, 3);
-    EXPECT_EQ(image.at(17, 17).r, 255) << "the part of the first W inside is drawn";
+    EXPECT_EQ(&glyphRows(static_cast<char>(0xc3)), &glyphRows('?'));
 }
 
 }  // namespace
