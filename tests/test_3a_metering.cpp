@@ -1,8 +1,8 @@
 // The arithmetic of auto exposure and white balance that the camera tests cannot reach through
 // the sensor, checked against values worked out by hand or computed here by direct loops:
-// register conversions, sampling and region statistics, skin weights, skin statistics and blend,
-// the gray test, exposure limits and the not-a-number fallbacks (contrast weighting's included);
-// and what the diagnostics records print for values a camera rarely makes.
+// register conversions, sampling and region statistics, contrast and skin weights, skin
+// statistics and blend, the gray test, exposure limits and the not-a-number fallbacks; and what
+// the diagnostics records print for values a camera rarely makes.
 #include "3a/Metering.h"
 #include "3a/MeteringDiagnostics.h"
 #include "SensorControls.h"
