@@ -38,11 +38,12 @@ TEST(GainToRegister, DecodesBackWithinOneFineStep) {
     }
 }
 
-// Registers back to seconds: the tool's run test reads the sensor's first 10 ms in the feedback.
 TEST(ExposureUnits, SecondsAndRegisters) {
     // 1/30 s is 74433.9988 lines. (The float nearest 1/30 is 0.0039 lines longer and so is
     // line 74434: the driver's frame-period maximum of 74433 clamps it at 30 frames/s.)
     EXPECT_EQ(secondsToExposureRegister(1.0 / 30.0), 74433);
+    EXPECT_NEAR(exposureRegisterToSeconds(74433), 74433 * 0.44782403e-6, 1e-12);
+    EXPECT_NEAR(exposureRegisterToSeconds(1000000.0 / 0.44782403), 1.0, 1e-9);
     EXPECT_EQ(secondsToExposureRegister(std::numeric_limits<double>::quiet_NaN()), 0);
     EXPECT_EQ(secondsToExposureRegister(1e30), INT32_MAX);
     EXPECT_EQ(secondsToExposureRegister(-1e30), INT32_MIN);
