@@ -62,10 +62,23 @@ struct TestImage {
     metering::YuvImage view() const { return metering::yuvImage(bytes.data(), width, height, rows); }
 };
 
-// A column and a row from different table entries: the two-by-two record tests place their
-// samples that way through the camera. Here the image has 24 allocated rows for 20 visible.
+// The image has 6 allocated rows for 4 visible: U starts after 8 x 6 luma bytes.
+TEST(SampleRegions, ColumnAndRowComeFromDifferentTableEntries) {
+    TestImage image(8, 4, 6);
+    for (uint32_t r = 0; r < 4; ++r)
+        for (uint32_t x = 0; x < 8; ++x) image.y(x, r) = static_cast<uint8_t>(10 * r + x);
+    const metering::SampleTable table = {{1, 0}, {3, 1}, {5, 2}, {7, 3}};
+    MeteringScratch scratch;
+    metering::sampleRegions(image.view(), table, 4, 1, 3, 4.0f, 4, scratch);
+    // Sample i: column of entry (i + 1) % 4, row of entry (i + 3) % 4.
+    const std::vector<uint8_t> expected = {3 + 30, 5 + 0, 7 + 10, 1 + 20};
+    EXPECT_EQ(scratch.samples.y, expected);
+    EXPECT_EQ(image.view().u - image.bytes.data(), 48);
+    EXPECT_EQ(image.view().v - image.bytes.data(), 60);
+}
+
 TEST(SampleRegions, RegionSumsExtremesAndTheOrSkinCount) {
-    TestImage image(40, 20, 24);
+    TestImage image(40, 20, 20);
     for (uint32_t r = 0; r < 20; ++r) {
         for (uint32_t x = 0; x < 40; ++x) {
             image.y(x, r) = static_cast<uint8_t>(3 * x + r);
@@ -77,8 +90,6 @@ TEST(SampleRegions, RegionSumsExtremesAndTheOrSkinCount) {
     for (int i = 0; i < 50; ++i) table.emplace_back((i * 7) % 40, (i * 3) % 20);
     MeteringScratch scratch;
     const float sumSkin = metering::sampleRegions(image.view(), table, 50, 0, 0, 50.0f, 4, scratch);
-    EXPECT_EQ(image.view().u - image.bytes.data(), 40 * 24) << "U follows the allocated rows";
-    EXPECT_EQ(image.view().v - image.bytes.data(), 40 * 24 * 5 / 4);
 
     // Direct loop: per region of the 2 x 2 grid, column-major.
     std::vector<float> sum(4, 0.0f), lo(4, 1e9f), hi(4, -1e9f);
