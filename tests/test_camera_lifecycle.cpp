@@ -171,45 +171,31 @@ TEST(CameraMemory, MappedAndUserPointerCamerasDeliverTheSameFrames) {
 }
 
 #ifdef RUVO_HOST_BUILD
-// The byte counts of the layout: 1280x720 YUV_ONLY and the seven outputs of the histogram row.
-TEST(CameraMemory, AllocatesTheDocumentedByteCounts) {
+// The byte counts of a 672x380 frame in 384 allocated rows with the histogram row's seven outputs,
+// each attached to its bucket's stream. The rows below the frame are processed but never written
+// by the driver: with the allocator handing back dirty memory they must still read as black.
+TEST(CameraMemory, ByteCountsStreamsAndZeroPaddingRows) {
     const std::string path = uniqueSimPath("bytes");
-    CUDACamera camera(simCameraConfig(path, {{"outputBufferFormats", "2"}}), 0);
-    const size_t before = ruvo::hostrt::liveAllocations();
-    camera.start();
-    CUDACamera::Bucket& bucket = CUDACameraTestAccess::buckets(camera)[0];
-    EXPECT_EQ(ruvo::hostrt::allocationSize(bucket.cudaIn.host), 1843200u);
-    ASSERT_EQ(bucket.buffers.size(), 7u);
-    EXPECT_EQ(ruvo::hostrt::allocationSize(bucket.buffers[0].cudaOut.host), 1382400u);
-    const auto& histogram = bucket.buffers[4];
-    EXPECT_EQ(histogram.frame.width, 0u);
-    EXPECT_EQ(histogram.frame.height, 0u);
-    EXPECT_EQ(histogram.cudaOut.length, 256u);
-    EXPECT_EQ(histogram.cudaOut.size, 1024u);
-    for (size_t k = 0; k < 7; ++k) {
-        EXPECT_EQ(bucket.extraCudaDevicePtrCounts[k], k == 4 ? 1u : 0u) << "buffer " << k;
-        EXPECT_EQ(ruvo::hostrt::attachedStream(bucket.buffers[k].cudaOut.host), bucket.stream);
-    }
-    EXPECT_GT(bucket.extraCudaDevicePtrsLengths[4][0], 0);
-    EXPECT_EQ(ruvo::hostrt::attachedStream(bucket.cudaIn.host), bucket.stream);
-    camera.stop();
-    EXPECT_EQ(ruvo::hostrt::liveAllocations(), before);
-}
-
-// The rows below a 672x380 frame are processed but never written by the driver: with the allocator
-// handing back dirty memory they must still read as black.
-TEST(CameraMemory, PaddingRowsBelowTheFrameAreZero) {
-    const std::string path = uniqueSimPath("padding");
-    CUDACamera camera(simCameraConfig(path, {{"width", "672"}, {"height", "380"}}), 0);
+    CUDACamera camera(simCameraConfig(path, {{"outputBufferFormats", "2"}, {"width", "672"}, {"height", "380"}}), 0);
     ruvo::hostrt::fillNewAllocations(0xa5);
     camera.start();
     ruvo::hostrt::resetFaults();
     for (const CUDACamera::Bucket& bucket : CUDACameraTestAccess::buckets(camera)) {
         ASSERT_EQ(bucket.cuda_height, 384u);
+        EXPECT_EQ(ruvo::hostrt::allocationSize(bucket.cudaIn.host), 672u * 384 * 2);
+        EXPECT_EQ(ruvo::hostrt::attachedStream(bucket.cudaIn.host), bucket.stream);
         const auto* raw = static_cast<const unsigned char*>(bucket.cudaIn.host);
-        const size_t frameBytes = 672 * 380 * 2;
-        const size_t paddingBytes = 672 * 4 * 2;
+        const size_t frameBytes = 672 * 380 * 2, paddingBytes = 672 * 4 * 2;
         EXPECT_EQ(std::count(raw + frameBytes, raw + frameBytes + paddingBytes, 0), static_cast<long>(paddingBytes));
+        ASSERT_EQ(bucket.buffers.size(), 7u);
+        EXPECT_EQ(ruvo::hostrt::allocationSize(bucket.buffers[0].cudaOut.host), 672u * 384 * 3 / 2);
+        EXPECT_EQ(ruvo::hostrt::allocationSize(bucket.buffers[4].cudaOut.host), 1024u) << "256 counters";
+        EXPECT_EQ(bucket.buffers[4].frame.width + bucket.buffers[4].frame.height, 0u) << "a histogram has no size";
+        for (size_t k = 0; k < 7; ++k) {
+            EXPECT_EQ(bucket.extraCudaDevicePtrCounts[k], k == 4 ? 1u : 0u) << "buffer " << k;
+            EXPECT_EQ(ruvo::hostrt::attachedStream(bucket.buffers[k].cudaOut.host), bucket.stream);
+        }
+        EXPECT_GT(bucket.extraCudaDevicePtrsLengths[4][0], 0);
     }
     camera.stop();
 }

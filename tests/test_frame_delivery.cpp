@@ -71,7 +71,8 @@ struct Rig : ::testing::Test {
 
 }  // namespace
 
-// Also: frame fields from the bucket, and a frame kept by the client holding its bucket.
+// Also: frame fields from the bucket, a frame kept by the client holding its bucket, and the
+// producer's exit returning the buckets it holds.
 TEST_F(Rig, OnlyTheNewestBucketIsDeliveredAndTheOlderReturnedWhole) {
     capture(0);
     capture(0);
@@ -89,10 +90,7 @@ TEST_F(Rig, OnlyTheNewestBucketIsDeliveredAndTheOlderReturnedWhole) {
     EXPECT_EQ(half.outputLevelId, Frame::HALF);
     EXPECT_EQ(full.type, "camera");
     EXPECT_EQ(full.source, dlib::rectangle(0, 0, 1280, 720));
-    EXPECT_EQ(full.format, Frame::YUV420p);
-    EXPECT_EQ(full.width, 1280u);
-    EXPECT_EQ(half.width, 640u);
-    EXPECT_EQ(half.height, 360u);
+    // Sizes per level are checked for every configuration by the camera cycle test.
     EXPECT_EQ(full.planes[1].data, full.planes[0].data + 1280 * 720);
     EXPECT_EQ(half.planes[2].data, half.planes[0].data + 640 * 360 + 640 * 360 / 4);
     EXPECT_EQ(full.timestamp, half.timestamp);
@@ -114,6 +112,11 @@ TEST_F(Rig, OnlyTheNewestBucketIsDeliveredAndTheOlderReturnedWhole) {
     EXPECT_EQ(delivered[0][1]->source, dlib::rectangle(2, 0, 818, 616));
     EXPECT_EQ(delivered[0][0]->frameId, 2u);  // frames counted, not batches
     EXPECT_EQ(delivered[0][0]->batchId, 1u);
+    capture(0);
+    capture(0);
+    EXPECT_EQ(queuedWithDriver(0), 2u);
+    producers[0]->onExit();
+    EXPECT_EQ(queuedWithDriver(0), 4u) << "the producer's exit returns the buckets it holds";
 }
 
 TEST_F(Rig, EmptyWakeUpUsesABatchNumberAndTimeOutDoesNot) {
@@ -131,14 +134,6 @@ TEST_F(Rig, EmptyWakeUpUsesABatchNumberAndTimeOutDoesNot) {
     EXPECT_EQ(consumer->batchId, 2u);
 }
 
-TEST_F(Rig, ProducerExitReturnsQueuedBuckets) {
-    capture(0);
-    capture(0);
-    EXPECT_EQ(queuedWithDriver(0), 2u);
-    producers[0]->onExit();
-    EXPECT_EQ(queuedWithDriver(0), 4u);
-}
-
 // A 1920 x 1080 image in buffers allocated for 1152 rows: the chroma planes follow the allocated rows.
 TEST(FramePlanes, ChromaFollowsTheAllocatedRows) {
     uint8_t* base = reinterpret_cast<uint8_t*>(0x10000);
@@ -149,7 +144,6 @@ TEST(FramePlanes, ChromaFollowsTheAllocatedRows) {
     setFramePlanes(f, base, 1920, 1152);
     EXPECT_EQ(f.planes[1].data - base, 1920 * 1152);
     EXPECT_EQ(f.planes[2].data - base, 1920 * 1152 + 1920 * 1152 / 4);
-    EXPECT_EQ(f.planes[1].width, 960u);
     EXPECT_EQ(f.planes[1].height, 540u);
     EXPECT_EQ(f.planes[2].stride, 960u);
     Frame y8;

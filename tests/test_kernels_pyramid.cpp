@@ -1,7 +1,7 @@
 // Pyramid and gradient kernels: every level and gradient plane of every configuration that has
 // them, in both demosaic modes and at all four processed sizes, against direct loops over the level
 // it was made from (remainders dropped, erosion, clamped offsets, magnitude wrap, orientation
-// quantisation); and the magnitude and orientation bytes over every pair of byte differences.
+// quantisation).
 #include "kernels/GradientKernels.h"
 #include "support/GpuPresence.h"
 #include "support/kernel_buffers.h"
@@ -16,7 +16,6 @@
 namespace {
 
 using namespace ruvo::test;
-namespace k = ruvo::capture::kernels;
 namespace cap = ruvo::capture;
 
 // A plane of bytes with its width, read by (row, column).
@@ -173,25 +172,5 @@ TEST_P(Levels, EveryLevelAndDifferencePlaneOfEveryConfiguration) {
 
 INSTANTIATE_TEST_SUITE_P(AllSizes, Levels, ::testing::ValuesIn(supportedSizes()),
                          [](const auto& info) { return sizeName(info.param); });
-
-// Every pair of byte differences: the magnitude wraps above the byte range (2 sqrt(2) 255 = 721
-// gives 209) and the orientation is the exact byte except next to an integer.
-TEST(GradientArithmetic, MagnitudeWrapsAndOrientationQuantisesOverAllDifferences) {
-    EXPECT_EQ(k::magnitudeByte(255, 255), 209);
-    EXPECT_EQ(k::orientationByte(-5, 0), 255);   // pi: 128.0001 + 127
-    EXPECT_EQ(k::orientationByte(-100, -1), 0);  // just above -pi: -0.6, clamped to 0
-    int flipped = 0;
-    for (int dy = -255; dy <= 255; ++dy) {
-        for (int dx = -255; dx <= 255; ++dx) {
-            ASSERT_EQ(k::magnitudeByte(dx, dy), static_cast<int>(2.0 * std::sqrt(dx * dx + dy * dy)) & 0xff)
-                << dx << "," << dy;
-            const double angle = orientationValue(dx, dy);
-            const int got = k::orientationByte(dx, dy);
-            ASSERT_NEAR(got, std::floor(angle), orientationTolerance(angle)) << dx << "," << dy;
-            flipped += got != static_cast<int>(std::floor(angle));
-        }
-    }
-    EXPECT_LT(flipped, 50);
-}
 
 }  // namespace

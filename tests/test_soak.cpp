@@ -14,13 +14,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <future>
-#include <mutex>
 #include <random>
 #include <thread>
+#include <vector>
 
 #ifdef RUVO_HOST_BUILD
 #include "host/runtime/HostRuntimeControl.h"
@@ -32,43 +33,6 @@ using namespace std::chrono_literals;
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// Frames the client keeps; several threads drop them after random times in any order.
-class Holders {
-public:
-    explicit Holders(int threads) {
-        for (int i = 0; i < threads; ++i) _threads.emplace_back([this, i] { run(i); });
-    }
-    ~Holders() { finish(); }
-    void keep(std::shared_ptr<Frame> frame) {
-        std::lock_guard<std::mutex> lock(_mutex);
-        if (!_done) _held.push_back(std::move(frame));  // after finish() frames are dropped at once
-    }
-    void finish() {
-        if (_done.exchange(true)) return;
-        for (auto& t : _threads) t.join();
-        std::lock_guard<std::mutex> lock(_mutex);
-        _held.clear();
-    }
-
-private:
-    void run(int seed) {
-        std::mt19937 rng(seed);
-        while (!_done) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(rng() % 20));
-            std::shared_ptr<Frame> frame;  // the buffer goes back on this thread, outside the lock
-            std::lock_guard<std::mutex> lock(_mutex);
-            if (_held.empty()) continue;
-            const size_t pick = rng() % _held.size();
-            frame = std::move(_held[pick]);
-            _held.erase(_held.begin() + static_cast<std::ptrdiff_t>(pick));
-        }
-    }
-    std::mutex _mutex;
-    std::vector<std::shared_ptr<Frame>> _held;
-    std::atomic<bool> _done{false};
-    std::vector<std::thread> _threads;
-};
 
 // One random change of camera `camera`'s controls, sizes mostly small so that the soak keeps its
 // pace on two cores. Every change is valid: none may be refused.
@@ -135,14 +99,24 @@ TEST(Soak, RandomControlsAndClientsLoseNoBuffer) {
     std::atomic<bool> idsRose{true};
     uint32_t lastFrameId = 0;
     std::mt19937 clientRng(1);
-    Holders holders(3);
+    // A thread per kept frame drops it after a random time: frames go back in any order, from
+    // other threads. Touched only on the delivery thread until stop() has returned.
+    std::vector<std::future<void>> holders;
     CUDADeviceImpl device(config, [&](const std::vector<std::shared_ptr<Frame>>& batch) {
         for (const auto& f : batch) {  // called on the one delivery thread: no lock needed
             if (frames > 0 && f->frameId <= lastFrameId) idsRose = false;
             lastFrameId = f->frameId;
             ++frames;
-            if (clientRng() % 4 == 0) holders.keep(f);
+            if (clientRng() % 4 != 0) continue;
+            const auto hold = std::chrono::milliseconds(clientRng() % 20);
+            holders.push_back(std::async(std::launch::async, [frame = f, hold]() mutable {
+                std::this_thread::sleep_for(hold);
+                frame.reset();  // here, not when the future is destroyed
+            }));
         }
+        // Finished holders are joined as they go, so that few threads are ever left to join.
+        const auto done = [](const std::future<void>& h) { return h.wait_for(0s) == std::future_status::ready; };
+        holders.erase(std::remove_if(holders.begin(), holders.end(), done), holders.end());
     });
     device.start();
     std::mt19937 rng(7);
@@ -153,10 +127,10 @@ TEST(Soak, RandomControlsAndClientsLoseNoBuffer) {
         while (frames < target && Clock::now() < end) std::this_thread::sleep_for(5ms);
         randomChange(device, rng() % 2, rng);
     }
-    holders.finish();
     auto stopped = std::async(std::launch::async, [&] { device.stop(); });
     ASSERT_EQ(stopped.wait_for(60s), std::future_status::ready) << "stop() did not return: a buffer was lost";
     stopped.get();
+    holders.clear();
     EXPECT_TRUE(idsRose.load());
     EXPECT_GT(frames.load(), 0u);
     EXPECT_FALSE(device.isRunning());

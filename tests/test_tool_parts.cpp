@@ -1,9 +1,9 @@
 // The parts of ruvo-capture. Bookkeeping: the command line, configuration layering and camera
-// entries, error texts traced to their key, the recorder's rows and buffer hand-back, statistics,
-// status texts, the plot's data and script, and the diagnostics files. Images: colour conversion
-// against the pipeline's forward transform, frame copies with padded and pixel-unit strides, the
-// histogram chart, scaling into tiles, the contact sheet layout, the bitmap font, and PNG files
-// read back through libpng.
+// entries, error texts traced to their key, the recorder's rows and buffer hand-back, the status
+// figures, the plot's data, and the diagnostics files. Images: colour conversion against the
+// pipeline's forward transform, frame copies with padded and pixel-unit strides, the histogram
+// chart, scaling into tiles, the contact sheet layout with its labels, and PNG files read back
+// through libpng.
 #ifdef RUVO_CAPTURE_TOOL
 
 #include "BitmapFont.h"
@@ -28,7 +28,7 @@
 
 #include <gtest/gtest.h>
 
-#include <bitset>
+#include <algorithm>
 #include <sstream>
 
 using namespace ruvo::tool;
@@ -49,12 +49,9 @@ Poco::AutoPtr<Poco::Util::AbstractConfiguration> properties(const std::string& t
 TEST(ToolParts, OptionsTakeEveryFormOfValue) {
     const Options o =
         parse({"run", "--set", "a=1", "b.c=x=y", "--set=d=", "--frames=12", "--output", "o", "--config", "c.json"});
-    EXPECT_EQ(o.command, Options::Command::Run);
-    // Split at the first '='.
+    // Split at the first '='. (The run tests give --output and --config as separate values.)
     EXPECT_EQ(o.sets, (std::vector<std::pair<std::string, std::string>>{{"a", "1"}, {"b.c", "x=y"}, {"d", ""}}));
     EXPECT_EQ(o.frames, 12u);
-    EXPECT_EQ(o.outputDir, "o");
-    EXPECT_EQ(o.configFile, "c.json");
     EXPECT_DOUBLE_EQ(parse({"run", "--seconds", "2.5"}).seconds, 2.5);
     EXPECT_EQ(parse({"info", "--frames", "3", "--help"}).command, Options::Command::Help) << "help wins";
     EXPECT_THROW(parse({"run", "--seconds", "nan"}), UsageError);
@@ -83,9 +80,7 @@ TEST(ToolParts, EnabledCamerasAreTheDenseListsEnabledEntries) {
         "devices[4].enabled=true\ndevices[4].path=sim:after-gap\n");
     const std::vector<CameraEntry> cameras = enabledCameras(*config);
     // The info tests check entry numbers, names and paths from a file.
-    ASSERT_EQ(cameras.size(), 2u);
-    EXPECT_EQ(cameras[0].name, "CUDACamera");
-    EXPECT_EQ(cameras[1].entry, 2u);
+    EXPECT_EQ(cameras.size(), 2u);
     EXPECT_THROW(enabledCameras(*properties("devices[0].enabled=true\n")), ToolError);
     EXPECT_THROW(enabledCameras(*properties("devices[0].enabled=true\ndevices[0].path=\n")), ToolError);
     EXPECT_TRUE(enabledCameras(*properties("devices[0].path=sim:off\n")).empty()) << "enabled defaults to false";
@@ -98,18 +93,6 @@ TEST(ToolParts, ErrorsThatNoKeyHoldsKeepTheirText) {
     EXPECT_EQ(describeConfigurationError(notFound, *config), notFound.displayText());
     const Poco::SyntaxException elsewhere("Not a valid unsigned integer", "zzz");
     EXPECT_EQ(describeConfigurationError(elsewhere, *config), elsewhere.displayText());
-}
-
-TEST(ToolParts, PercentilesAreNearestRank) {
-    // The summary test checks the median and p99 of eleven latencies.
-    std::vector<double> values;
-    for (int i = 100; i >= 1; --i) values.push_back(i);
-    EXPECT_EQ(percentile(values, 99), 99);
-    EXPECT_EQ(percentile(values, 100), 100);
-    EXPECT_EQ(percentile(values, 0), 1);
-    EXPECT_EQ(percentile({7.5}, 99), 7.5);
-    EXPECT_EQ(percentile({}, 50), 0);
-    EXPECT_EQ(percentile({3, 1, 2}, 50), 2);
 }
 
 // A delivered frame whose buffer is "returned" by counting in `released`.
@@ -155,7 +138,6 @@ TEST(ToolParts, RecorderKeepsTheNewestBatchAndHandsTheRestBack) {
     EXPECT_TRUE(recorder.reached(2));
     const std::vector<std::string> rows = ruvo::test::splitLines(csv.str());
     ASSERT_EQ(rows.size(), 5u) << "header and one row per camera per batch";
-    EXPECT_EQ(rows[0], csvHeader());
     EXPECT_EQ(rows[2].rfind("1,2,0,", 0), 0u);
     const std::vector<CameraStatus> status = recorder.takeStatus();
     EXPECT_EQ(status[0].delivered, 2u);
@@ -174,37 +156,27 @@ TEST(ToolParts, RecorderKeepsTheNewestBatchAndHandsTheRestBack) {
     EXPECT_EQ(recorder.samples().size(), 4u);
 }
 
-TEST(ToolParts, StatusAndSummaryTexts) {
+// The rates are computed: 15 frames in 0.5 s; 10 intervals in 1 s; the median and p99 of 11 latencies.
+TEST(ToolParts, StatusAndSummaryFigures) {
     const CameraEntry camera{0, "left", "sim:left"};
     CameraStatus status;
     EXPECT_EQ(statusLine(camera, 0, status, 0.5), "camera 0 left: waiting for frames");
     status.hasSample = true;
-    status.delivered = 42;
     status.windowFrames = 15;
-    status.windowLatencyMs = 3.25;
     status.last.exposureS = 0.0125;
-    status.last.gain = 1.5;
-    status.last.luminance = 0.3;
-    status.last.wbRed = 1.1;
-    status.last.wbGreen = 1.0;
-    status.last.wbBlue = 0.9;
-    status.last.droppedFrames = 3;
-    status.last.errorBuffers = 1;
-    EXPECT_EQ(statusLine(camera, 0, status, 0.5),
-              "camera 0 left:  30.0 fps, latency   3.2 ms, exposure 12.50 ms, gain 1.50, luminance 0.300, wb "
-              "1.100/1.000/0.900, 42 frames, 3 dropped, 1 errors");
+    const std::string line = statusLine(camera, 0, status, 0.5);
+    EXPECT_NE(line.find(" 30.0 fps"), std::string::npos) << line;
+    EXPECT_NE(line.find("exposure 12.50 ms"), std::string::npos) << line;
     CameraTotals totals;
     totals.delivered = 11;
     totals.firstDeliveryS = 10.0;
     totals.lastDeliveryS = 11.0;
-    totals.latenciesMs = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 50};
+    totals.latenciesMs = {50, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1};  // nearest rank of unsorted values
     totals.hasSample = true;
-    totals.last = status.last;
     const std::string summary = summaryText({camera}, {totals});
-    EXPECT_NE(summary.find("camera 0 left (sim:left): 11 frames, mean 10.0 fps, latency median 6.00 ms, p99 50.00 ms"),
-              std::string::npos)
-        << summary;
-    EXPECT_NE(summary.find("final exposure 12.50 ms, gain 1.50"), std::string::npos);
+    EXPECT_NE(summary.find("mean 10.0 fps, latency median 6.00 ms, p99 50.00 ms"), std::string::npos) << summary;
+    EXPECT_EQ(percentile({}, 50), 0) << "no latencies yet";
+    // A terminal gets the lines rewritten in place; a pipe gets plain lines.
     std::ostringstream terminal, plain;
     StatusPrinter onTerminal(terminal, true), onPipe(plain, false);
     for (int i = 0; i < 2; ++i) {
@@ -235,28 +207,8 @@ TEST(ToolParts, PlotDataHasOneBlockPerCameraWithSamples) {
     EXPECT_EQ(lines[5].rfind("1.000000 10.000000 ", 0), 0u) << "seconds and milliseconds";
     EXPECT_EQ(gnuplotQuoted("it's"), "'it''s'");
     const std::string script = plotScript("/d/x.dat", "/d/x.png", {"camera 0 left", "camera 2 c"});
-    EXPECT_NE(script.find("set output '/d/x.png'"), std::string::npos);
-    EXPECT_NE(script.find("'/d/x.dat' index 1 using 1:4"), std::string::npos) << "luminance of the second block";
-    EXPECT_NE(script.find("using 1:7 with lines lw 2 lc rgb 'blue' dt 2 title 'camera 2 c blue'"), std::string::npos);
+    EXPECT_NE(script.find("index 1 "), std::string::npos) << "a plot per block";
     EXPECT_EQ(script.find("index 2"), std::string::npos);
-}
-
-// The file names are read back by the run test.
-TEST(ToolParts, TileLabelsSayCameraBufferTypeLevelAndSize) {
-    FrameCopy copy;
-    copy.cameraId = 1;
-    copy.batchIndex = 5;
-    copy.format = Frame::Y8;
-    copy.outputType = Frame::GRADIENT_X;
-    copy.outputLevel = Frame::HALF;
-    copy.width = 336;
-    copy.height = 190;
-    EXPECT_EQ(tileLabel(copy, {1, "right", "sim:right"}),
-              (std::vector<std::string>{"camera 1 right, buffer 5", "Gradient X", "HALF, 336x190"}));
-    copy.format = Frame::HISTOGRAM8;
-    copy.outputType = Frame::SKIN_HISTOGRAM;
-    copy.outputLevel = Frame::NOT_APPLICABLE;
-    EXPECT_EQ(tileLabel(copy, {1, "right", "sim:right"})[2], "NOT_APPLICABLE, 256 bins");
 }
 
 TEST(ToolParts, DiagnosticsAreWrittenOneRecordPerLineWhileAttached) {
@@ -297,6 +249,12 @@ FrameCopy packedCopy(Frame::Format format, uint32_t w, uint32_t h, std::vector<u
     return copy;
 }
 
+Image solid(uint32_t w, uint32_t h, Rgb colour) {
+    Image image(w, h, 3);
+    image.fill(colour);
+    return image;
+}
+
 TEST(ToolParts, YuvToRgbInvertsThePipelineConversion) {
     int worst = 0;
     for (int r = 0; r <= 255; r += 15) {
@@ -332,21 +290,35 @@ TEST(ToolParts, Yuv420ChromaCoversTwoByTwoBlocks) {
             expected.insert(expected.end(), {rgb.r, rgb.g, rgb.b});
         }
     }
-    EXPECT_EQ(image.channels, 3u);
     EXPECT_EQ(image.pixels, expected);
-    EXPECT_GT(image.at(2, 0).b, image.at(0, 0).b) << "more blue where U is high";
 }
 
-TEST(ToolParts, GrayAndRgbFormatsKeepTheirSamples) {
-    const Image gray = toViewable(packedCopy(Frame::Y8, 3, 1, {0, 128, 255}));
-    EXPECT_EQ(gray.channels, 1u);
-    EXPECT_EQ(gray.pixels, (std::vector<uint8_t>{0, 128, 255}));
-    const Image rgb = toViewable(packedCopy(Frame::RGB24, 2, 1, {1, 2, 3, 4, 5, 6}));
-    EXPECT_EQ(rgb.pixels, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6}));
-    const Image bgr = toViewable(packedCopy(Frame::BGR24, 2, 1, {1, 2, 3, 4, 5, 6}));
-    EXPECT_EQ(bgr.pixels, (std::vector<uint8_t>{3, 2, 1, 6, 5, 4}));
+// Gray and RGB samples pass to the PNG unchanged (BGR reordered), read back through libpng.
+TEST(ToolParts, GrayAndRgbFormatsReachThePngUnchanged) {
+    ruvo::test::ScratchDir scratch;
+    const struct {
+        Frame::Format format;
+        uint32_t width, channels;
+        std::vector<uint8_t> in, out;
+    } cases[] = {
+        {Frame::Y8, 3, 1, {0, 50, 100, 150, 200, 250}, {0, 50, 100, 150, 200, 250}},
+        {Frame::RGB24, 1, 3, {1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}},
+        {Frame::BGR24, 1, 3, {1, 2, 3, 4, 5, 6}, {3, 2, 1, 6, 5, 4}},
+    };
+    for (const auto& c : cases) {
+        const std::string path = scratch / (std::to_string(c.format) + ".png");
+        writePng(path, toViewable(packedCopy(c.format, c.width, 2, c.in)));
+        const ruvo::test::PngInfo png = ruvo::test::readPng(path);
+        ASSERT_TRUE(png.ok) << png.error;
+        EXPECT_EQ(png.width, c.width);
+        EXPECT_EQ(png.height, 2u);
+        EXPECT_EQ(png.channels, c.channels);
+        EXPECT_EQ(png.pixels, c.out) << c.format;
+    }
     EXPECT_THROW(toViewable(packedCopy(Frame::YUYV, 2, 1, {0, 0, 0, 0})), ToolError);
     EXPECT_THROW(toViewable(packedCopy(Frame::SBGGR10, 2, 1, {0, 0, 0, 0})), ToolError);
+    EXPECT_THROW(writePng(scratch / "no/such/dir.png", solid(1, 1, {})), ToolError);
+    EXPECT_THROW(writePng(scratch / "empty.png", Image()), ToolError);
 }
 
 TEST(ToolParts, FrameCopiesFollowEachPlanesStride) {
@@ -364,18 +336,7 @@ TEST(ToolParts, FrameCopiesFollowEachPlanesStride) {
     frame.width = 2;
     frame.planes[0] = {rgb.data(), 2, 2, 2};
     EXPECT_EQ(copyFrame(frame).planes[0], rgb);
-    // YUV420p: three planes, chroma at half size.
-    std::vector<uint8_t> yuv(4 * 2 + 2 * 2, 7);
-    frame.format = Frame::YUV420p;
-    frame.width = 4;
-    frame.height = 2;
-    frame.planes[0] = {yuv.data(), 4, 2, 4};
-    frame.planes[1] = {yuv.data() + 8, 2, 1, 2};
-    frame.planes[2] = {yuv.data() + 10, 2, 1, 2};
-    const FrameCopy copy = copyFrame(frame);
-    EXPECT_EQ(copy.planes[0].size(), 8u);
-    EXPECT_EQ(copy.planes[1].size(), 2u);
-    EXPECT_EQ(copy.planes[2].size(), 2u);
+    // YUV420p frames are copied into every colour PNG of the run test.
     // The histogram has no image size: 256 counters of 4 bytes.
     std::vector<int32_t> counters(256, 3);
     frame.format = Frame::HISTOGRAM8;
@@ -388,14 +349,9 @@ TEST(ToolParts, FrameCopiesFollowEachPlanesStride) {
 
 TEST(ToolParts, HistogramBarsRiseWithTheirCounts) {
     EXPECT_EQ(barHeight(0, 1000, 200), 0u);
-    EXPECT_EQ(barHeight(-5, 1000, 200), 0u);
     EXPECT_EQ(barHeight(1000, 1000, 200), 200u);
-    EXPECT_GE(barHeight(1, 1000000, 200), 1u) << "a single count stays visible";
-    uint32_t previous = 0;
-    for (int64_t count = 1; count <= 1000; count *= 10) {
-        EXPECT_GT(barHeight(count, 1000, 200), previous);
-        previous = barHeight(count, 1000, 200);
-    }
+    EXPECT_GE(barHeight(1, 1000000, 200), 1u) << "a single count among a million stays visible";
+    EXPECT_GT(barHeight(10, 1000, 200), barHeight(1, 1000, 200));
     Histogram counts{};
     counts[10] = 500;  // a single bin: one full-height bar two pixels wide
     const Image chart = histogramChart(counts);
@@ -411,24 +367,16 @@ TEST(ToolParts, HistogramBarsRiseWithTheirCounts) {
     EXPECT_LE(inkInColumn(left + 18), 1u);
 }
 
-Image solid(uint32_t w, uint32_t h, Rgb colour) {
-    Image image(w, h, 3);
-    image.fill(colour);
-    return image;
-}
-
+// A 4 x 2 image, left half 0 and right half 200.
 TEST(ToolParts, FittingAveragesWhenReducingAndRepeatsWhenEnlarging) {
     Image halves(4, 2, 1);
-    for (uint32_t y = 0; y < 2; ++y) {
-        for (uint32_t x = 0; x < 4; ++x) halves.pixels[halves.offset(x, y)] = x < 2 ? 0 : 200;
-    }
+    for (uint32_t i = 0; i < 8; ++i) halves.pixels[i] = i % 4 < 2 ? 0 : 200;
     const Image reduced = fitInto(halves, 2, 2);
     ASSERT_EQ(reduced.width, 2u);
-    ASSERT_EQ(reduced.height, 1u);
+    ASSERT_EQ(reduced.height, 1u) << "the aspect is kept";
     EXPECT_EQ(reduced.at(0, 0).g, 0);
     EXPECT_EQ(reduced.at(1, 0).g, 200);
-    const Image mixed = fitInto(halves, 1, 1);
-    EXPECT_EQ(mixed.at(0, 0).r, 100);
+    EXPECT_EQ(fitInto(halves, 1, 1).at(0, 0).r, 100);
     Image dots(2, 1, 3);
     dots.set(1, 0, {10, 20, 30});
     const Image enlarged = fitInto(dots, 7, 5);
@@ -467,47 +415,10 @@ TEST(ToolParts, ContactSheetStartsEveryCameraOnANewRow) {
     }
     EXPECT_TRUE(labelInk);
     EXPECT_THROW(makeContactSheet({}, layout), ToolError);
-}
-
-TEST(ToolParts, TextDrawsTheGlyphBitsAtScale) {
-    EXPECT_EQ(glyphRows('A')[0], 0x0E);
+    // Characters without a glyph in a label (a camera's name may have any) draw as '?'.
     EXPECT_EQ(&glyphRows('\x01'), &glyphRows('?'));
     EXPECT_EQ(&glyphRows('\x7f'), &glyphRows('?'));
-    EXPECT_EQ(textWidth("ab", 2), 22u);
-    EXPECT_EQ(textWidth(""), 0u);
-    Image image(20, 20, 3);
-    drawText(image, 1, 1, "H", {255, 255, 255}, 2);
-    size_t bits = 0;
-    for (uint8_t row : glyphRows('H')) bits += std::bitset<8>(row).count();
-    size_t lit = 0;
-    for (uint32_t y = 0; y < 20; ++y) {
-        for (uint32_t x = 0; x < 20; ++x) lit += image.at(x, y).r == 255 ? 1 : 0;
-    }
-    EXPECT_EQ(lit, bits * 4) << "every glyph bit is a 2 x 2 block";
-    EXPECT_EQ(image.at(1, 1).r, 255) << "top-left bit of H";
-    EXPECT_EQ(image.at(3, 1).r, 0);
-    drawText(image, 15, 15, "WWW", {255, 0, 0}, 3);  // clipped at the edges, not written beyond
-    EXPECT_EQ(image.pixels.size(), 20u * 20 * 3);
-}
-
-TEST(ToolParts, PngFilesReadBackThroughLibpng) {
-    ruvo::test::ScratchDir scratch;
-    Image gray(3, 2, 1);
-    gray.pixels = {0, 50, 100, 150, 200, 250};
-    Image rgb(2, 3, 3);
-    for (size_t i = 0; i < rgb.pixels.size(); ++i) rgb.pixels[i] = static_cast<uint8_t>(i * 13);
-    for (const Image* image : {&gray, &rgb}) {
-        const std::string path = scratch / (std::to_string(image->channels) + ".png");
-        writePng(path, *image);
-        const ruvo::test::PngInfo png = ruvo::test::readPng(path);
-        ASSERT_TRUE(png.ok) << png.error;
-        EXPECT_EQ(png.width, image->width);
-        EXPECT_EQ(png.height, image->height);
-        EXPECT_EQ(png.channels, image->channels);
-        EXPECT_EQ(png.pixels, image->pixels);
-    }
-    EXPECT_THROW(writePng(scratch / "no/such/dir.png", rgb), ToolError);
-    EXPECT_THROW(writePng(scratch / "empty.png", Image()), ToolError);
+    EXPECT_EQ(&glyphRows(static_cast<char>(0xc3)), &glyphRows('?'));
 }
 
 }  // namespace

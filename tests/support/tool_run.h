@@ -4,6 +4,7 @@
 #pragma once
 
 #include <Poco/File.h>
+#include <Poco/TemporaryFile.h>
 
 #include <png.h>
 #include <sys/wait.h>
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,31 +20,20 @@
 namespace ruvo {
 namespace test {
 
-// A fresh directory under /tmp, removed with everything in it at the end of the scope.
+// A fresh directory in the temporary folder, removed with everything in it at the end of the scope.
 class ScratchDir {
 public:
-    ScratchDir() {
-        char name[] = "/tmp/ruvo-tool-test-XXXXXX";
-        const char* made = mkdtemp(name);
-        _path = made != nullptr ? made : "";
-    }
-    ~ScratchDir() {
-        if (!_path.empty()) Poco::File(_path).remove(true);
-    }
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-    const std::string& path() const { return _path; }
-    std::string operator/(const std::string& name) const { return _path + "/" + name; }
+    ScratchDir() { _dir.createDirectories(); }
+    const std::string& path() const { return _dir.path(); }
+    std::string operator/(const std::string& name) const { return _dir.path() + "/" + name; }
 
 private:
-    std::string _path;
+    Poco::TemporaryFile _dir;
 };
 
 inline std::string readText(const std::string& path) {
     std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 inline std::vector<std::string> splitLines(const std::string& text, char separator = '\n') {
