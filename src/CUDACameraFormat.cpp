@@ -179,6 +179,7 @@ v4l2_format CUDACamera::negotiateFormat() {
     format.fmt.pix.field = V4L2_FIELD_NONE;
     if (xioctl(VIDIOC_S_FMT, &format) == -1)
         throw CaptureDeviceException(std::string("VIDIOC_S_FMT ") + std::strerror(errno));
+    _crop = kernels::cropToTakenSize(format.fmt.pix.width, format.fmt.pix.height);
     const sensor::PixelFormat* answered = sensor::findBayerFormat(format.fmt.pix.pixelformat);
     // Flips that change the Bayer order make the driver answer the same samples in another order.
     if (format.fmt.pix.pixelformat != wanted.fourcc && _profile.flipsModifyLayout && answered &&
@@ -194,7 +195,6 @@ v4l2_format CUDACamera::negotiateFormat() {
                                      " format");
     }
     _pixelFormat = wanted;
-    _crop = kernels::cropToTakenSize(format.fmt.pix.width, format.fmt.pix.height);
     return format;
 }
 

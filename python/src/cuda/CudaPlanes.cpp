@@ -98,7 +98,11 @@ public:
         const nb::dlpack::dtype dtype = _shape.counts ? nb::dtype<int32_t>() : nb::dtype<uint8_t>();
         nb::ndarray<nb::ro> array(_data, _shape.ndim, _shape.shape, _frame, _shape.strides, dtype, deviceType,
                                   deviceType == kDLCPU ? 0 : _device);
-        return nb::cast(array).attr("__dlpack__")(**kwargs);
+        nb::object exported = nb::cast(array);
+        // A nanobind release that casts an ndarray without a framework to the DLPack capsule itself
+        // has already exported it (unversioned, without the read-only flag).
+        if (PyCapsule_CheckExact(exported.ptr())) return exported;
+        return exported.attr("__dlpack__")(**kwargs);
     }
 
     nb::tuple dlpackDevice() const { return nb::make_tuple(kDLCUDAManaged, _device); }
