@@ -60,8 +60,9 @@ __forceinline__ float log2Positive(float x) {
 // With log2Positive, x^e = 2^(e log2 x) has a relative error below 1.2e-4 |e| + 1.03e-4, so a luma
 // value (at most 255, a weighted sum of such powers) is off by less than 0.15 for exponents up to 4
 // and by less than 1 up to 29; the bytes are truncated, so a byte moves by at most one step. Higher
-// degrees would keep more bytes equal to a correctly rounded computation, at about a seventh more
-// of the colour kernels' time.
+// degrees keep more bytes equal to a correctly rounded computation (a degree-5 log2 with a degree-3
+// exp2 changes about one byte in 150 against these), at about a sixth more of the colour kernels'
+// time on AVX2.
 __forceinline__ float exp2Clamped(float x) {
     const float clamped = x > 127.0f ? 127.0f : (x < -127.0f ? -127.0f : x);
     const float shifter = clamped + 12582912.0f;
