@@ -70,22 +70,24 @@ __host__ __device__ __forceinline__ float lumaOf(float r, float g, float b, cons
 
 // The common colour path: luma per site, chroma from the shaped quad means. The chroma exponents
 // are crossed with respect to their names: blue-difference takes gammaCr, red-difference gammaCb.
+// The lumas come first so that each site's three values are last used there: the host's vectorised
+// loops then hold fewer values across the chroma powers.
 __host__ __device__ __forceinline__ YuvQuad colourQuad(const QuadRgb& quad, const Gammas& gammas) {
     const float rm = 0.25f * (quad.r[0] + quad.r[1] + quad.r[2] + quad.r[3]);
     const float gm = 0.25f * (quad.g[0] + quad.g[1] + quad.g[2] + quad.g[3]);
     const float bm = 0.25f * (quad.b[0] + quad.b[1] + quad.b[2] + quad.b[3]);
+    YuvQuad out;
+    out.y[kSiteB] = lumaOf(quad.r[kSiteB], quad.g[kSiteB], quad.b[kSiteB], gammas);
+    out.y[kSiteG1] = lumaOf(quad.r[kSiteG1], quad.g[kSiteG1], quad.b[kSiteG1], gammas);
+    out.y[kSiteG2] = lumaOf(quad.r[kSiteG2], quad.g[kSiteG2], quad.b[kSiteG2], gammas);
+    out.y[kSiteR] = lumaOf(quad.r[kSiteR], quad.g[kSiteR], quad.b[kSiteR], gammas);
     const float r = shapeChannel(rm, gammas.r);
     const float g = shapeChannel(gm, gammas.g);
     const float b = shapeChannel(bm, gammas.b);
     const float cb = 2.0f * (-0.1687f * r - 0.3313f * g + 0.5f * b);
     const float cr = 2.0f * (0.5f * r - 0.4187f * g - 0.0813f * b);
-    YuvQuad out;
     out.u = clampByteRange(255.0f * (shapeChroma(cb, gammas.cr) + 0.5f));
     out.v = clampByteRange(255.0f * (shapeChroma(cr, gammas.cb) + 0.5f));
-    out.y[kSiteB] = lumaOf(quad.r[kSiteB], quad.g[kSiteB], quad.b[kSiteB], gammas);
-    out.y[kSiteG1] = lumaOf(quad.r[kSiteG1], quad.g[kSiteG1], quad.b[kSiteG1], gammas);
-    out.y[kSiteG2] = lumaOf(quad.r[kSiteG2], quad.g[kSiteG2], quad.b[kSiteG2], gammas);
-    out.y[kSiteR] = lumaOf(quad.r[kSiteR], quad.g[kSiteR], quad.b[kSiteR], gammas);
     return out;
 }
 
