@@ -251,6 +251,7 @@ private:
     void restoreWhiteBalance();
     void autoWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY);
     void curveWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY);
+    WhiteBalanceMode whiteBalanceMode() const;
     void writeCurveGains();
 
     Poco::Logger& _logger;

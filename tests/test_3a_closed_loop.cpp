@@ -59,22 +59,25 @@ protected:
         return frames;
     }
 
-    // Frames the gray patch's U and V take to settle after a step from 6500 K to 5000 K.
+    // Frames the gray patch's U and V take to settle after a step from 6500 K to 5000 K: on the
+    // gray test's targets, or on neutral along the curve (the generic profile's mode).
     std::vector<int> chromaSettling(const testing::SimKeys& keys) const {
         ClosedLoop loop(configuration(), 672, 380, keys);
         loop.run(kPhase);
         loop.sensor().setColourTemperature(5000.0f);
         const std::vector<LoopFrame> frames = loop.run(kPhase);
+        const bool curve = loop.rig.camera->sensorProfile().whiteBalanceMode == "curve";
+        const float neutral = 128.0f / 255.0f;
         std::vector<int> settled;
-        for (const auto& [member, target] : {std::pair{&LoopFrame::grayU, loop.params().awb.targetU},
-                                             std::pair{&LoopFrame::grayV, loop.params().awb.targetV}})
+        for (const auto& [member, target] : {std::pair{&LoopFrame::grayU, curve ? neutral : loop.params().awb.targetU},
+                                             std::pair{&LoopFrame::grayV, curve ? neutral : loop.params().awb.targetV}})
             settled.push_back(testing::settling(field(frames, member), target, kBand).frames);
         return settled;
     }
 
     // Each count settles before the phase's last kStays frames, and a sensor with the standard
-    // controls only (exposure and gain by its laws, white balance and black level in the
-    // pipeline, luminance from the frame) settles within half the default sensor's count again.
+    // controls only (exposure and gain by its laws, white balance along its curve and black level
+    // in the pipeline, luminance from the frame) settles within half the default sensor's count again.
     static void expectSettled(const std::vector<int>& defaultSensor, const std::vector<int>& genericSensor) {
         for (size_t i = 0; i < defaultSensor.size(); ++i) {
             for (int frames : {defaultSensor[i], genericSensor[i]}) {
@@ -120,11 +123,10 @@ class CurveWhiteBalance : public ::testing::TestWithParam<std::tuple<int, const 
 TEST_P(CurveWhiteBalance, BareSensorGrayPatchEndsNeutral) {
     RUVO_REQUIRE_CUDA_DEVICE();
     const auto [kelvin, controls] = GetParam();
-    ClosedLoop loop(std::to_string(YUV_ONLY), 672, 380,
-                    {{"awb.mode", "curve"},
-                     {"sim.controls", controls},
-                     {"sim.colourResponse", "raw"},
-                     {"sim.colourTemperature", std::to_string(kelvin)}});
+    testing::SimKeys keys = {{"sim.controls", controls}, {"sim.colourTemperature", std::to_string(kelvin)}};
+    // The generic sensor has both by default: its profile's white-balance mode, the bare response.
+    if (std::string(controls) == "default") keys.insert({{"awb.mode", "curve"}, {"sim.colourResponse", "raw"}});
+    ClosedLoop loop(std::to_string(YUV_ONLY), 672, 380, keys);
     const std::vector<LoopFrame> frames = loop.run(60);
     for (const LoopFrame& f : {frames[frames.size() - 10], frames.back()}) {
         EXPECT_LE(std::fabs(f.grayU * 255.0f - 128.0f), 3.0f) << kelvin << " K " << controls << ", red " << f.redGain;

@@ -510,7 +510,8 @@ TEST_F(Camera, PipelineWhiteBalanceAndBlackLevelGiveWhatTheSensorsOwnGive) {
     const ruvo::test::Keys unmirroredChart = {{"sim.scene", "chart"}, {"hFlip", "false"}, {"vFlip", "false"}};
     ruvo::test::Keys defaultSensor = unmirroredChart, genericSensor = unmirroredChart;
     defaultSensor.emplace_back("sim.pedestal", "0");
-    genericSensor.insert(genericSensor.end(), {{"sim.controls", "generic"}, {"sim.pedestal", "64"}});
+    genericSensor.insert(genericSensor.end(),
+                         {{"sim.controls", "generic"}, {"sim.colourResponse", "neutral"}, {"sim.pedestal", "64"}});
     const auto reference = patchMeans(outputOfFrame(defaultSensor, 3, manual));
     ruvo::test::LogCapture log("Capture.CUDACamera");
     const auto pipeline = patchMeans(outputOfFrame(genericSensor, 3, manual));
