@@ -153,6 +153,8 @@ public:
     // "luminance statistic").
     const sensor::SensorProfile& sensorProfile() const { return _profile; }
     std::vector<std::string> emulatedControls() const;
+    // The automatic white balance's mode: awb.mode, or without it the sensor profile's.
+    WhiteBalanceMode whiteBalanceMode() const;
 
     const std::string& getName() const { return _params.name; }
     const Params& getParams() const { return _params; }
@@ -251,7 +253,6 @@ private:
     void restoreWhiteBalance();
     void autoWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY);
     void curveWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint32_t offsetY);
-    WhiteBalanceMode whiteBalanceMode() const;
     void writeCurveGains();
 
     Poco::Logger& _logger;
