@@ -95,7 +95,7 @@ TEST_P(ClosedLoop3A, LuminanceSettlesAfterIlluminanceSteps) {
     const std::vector<int> reference = luminanceSettling({});
     // With region metering the generic sensor's loop is the default sensor's on the same image
     // (black subtracted: sim.pedestal = 0), whose skin blend and dead band keep it cycling just
-    // below the band: the comparison is made where the frame's linearised mean luma stands in for the statistic.
+    // below the band: the comparison is made where the linearised mean luma is the statistic.
     if (regionMetering()) {
         for (int frames : reference) EXPECT_TRUE(frames >= 0 && frames <= kPhase - kStays) << frames;
         return;
