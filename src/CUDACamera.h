@@ -153,6 +153,8 @@ public:
     // "luminance statistic").
     const sensor::SensorProfile& sensorProfile() const { return _profile; }
     std::vector<std::string> emulatedControls() const;
+    // The automatic white balance's mode: awb.mode, or without it the sensor profile's.
+    WhiteBalanceMode whiteBalanceMode() const;
 
     const std::string& getName() const { return _params.name; }
     const Params& getParams() const { return _params; }

@@ -55,11 +55,17 @@ void CUDACamera::evaluate_3A(const Bucket& bucket) {
         applyManualWhiteBalance();
     } else if (_controls.awb.lock) {
         restoreWhiteBalance();
-    } else if (_params.awb.mode == WhiteBalanceMode::Curve) {
+    } else if (whiteBalanceMode() == WhiteBalanceMode::Curve) {
         curveWhiteBalance(bucket, offsetX, offsetY);
     } else {
         autoWhiteBalance(bucket, offsetX, offsetY);
     }
+}
+
+// The configured awb.mode, or where it is absent the mode of the sensor profile taken at start.
+WhiteBalanceMode CUDACamera::whiteBalanceMode() const {
+    if (_params.awb.mode) return *_params.awb.mode;
+    return _profile.whiteBalanceMode == "curve" ? WhiteBalanceMode::Curve : WhiteBalanceMode::Gray;
 }
 
 void CUDACamera::checkSampleTable() const {

@@ -12,6 +12,8 @@
 #include <Poco/Format.h>
 
 #include <algorithm>
+#include <array>
+#include <cmath>
 #include <cstring>
 #include <string>
 
@@ -150,28 +152,22 @@ v4l2_queryctrl CUDACamera::channelGainRange(uint32_t id) {
     return range;
 }
 
-// The frame's luminance on a 0..1 scale in place of the sensor's statistic, on its scale: the
-// mean raw sample (all four Bayer sites, every fourth quad of every other quad row) of the
-// pipeline's input over its 14-bit full scale; for a frame without raw input, the mean luma of
-// the full-size image.
+// The frame's luminance on a 0..1 scale in place of the sensor's statistic, on its linear scale:
+// the mean luma of the full-size image (every fourth pixel of every fourth row), each value taken
+// back to linear light through the green channel's exponent, the one that dominates luma.
 float CUDACamera::averageLuminance(const Bucket& bucket) const {
-    uint64_t sum = 0;
-    uint64_t count = 0;
-    if (const auto* raw = static_cast<const uint16_t*>(bucket.cudaIn.host)) {
-        for (uint32_t y = 0; y + 1 < bucket.height; y += 4) {
-            const uint16_t* rows[2] = {raw + static_cast<size_t>(y) * bucket.width,
-                                       raw + static_cast<size_t>(y + 1) * bucket.width};
-            for (uint32_t x = 0; x + 1 < bucket.width; x += 8, count += 4)
-                sum += rows[0][x] + rows[0][x + 1] + rows[1][x] + rows[1][x + 1];
-        }
-        return count == 0 ? 0.0f : static_cast<float>(sum) / static_cast<float>(count) / 16383.0f;
-    }
+    const float gamma = _controls.awb.gammaGreen;
+    const float exponent = gamma > 0.0f ? 1.0f / gamma : 1.0f;
+    std::array<float, 256> linear{};
+    for (size_t v = 0; v < linear.size(); ++v) linear[v] = std::pow(static_cast<float>(v) / 255.0f, exponent);
     const metering::YuvImage image = fullImage(bucket);
+    double sum = 0.0;
+    uint64_t count = 0;
     for (uint32_t y = 0; y < image.height; y += 4) {
         const uint8_t* row = image.y + static_cast<size_t>(y) * image.width;
-        for (uint32_t x = 0; x < image.width; x += 4, ++count) sum += row[x];
+        for (uint32_t x = 0; x < image.width; x += 4, ++count) sum += linear[row[x]];
     }
-    return count == 0 ? 0.0f : static_cast<float>(sum) / static_cast<float>(count) / 255.0f;
+    return count == 0 ? 0.0f : static_cast<float>(sum / static_cast<double>(count));
 }
 
 // Black level and channel gains for the raw samples; none (identity) with the default profile.

@@ -18,8 +18,9 @@ float readFloat(const Poco::AutoPtr<Poco::Util::AbstractConfiguration>& config, 
     return static_cast<float>(config->getDouble(key, fallback));
 }
 
-WhiteBalanceMode readWhiteBalanceMode(const Poco::Util::AbstractConfiguration& config) {
-    const std::string name = config.getString("awb.mode", "gray");
+std::optional<WhiteBalanceMode> readWhiteBalanceMode(const Poco::Util::AbstractConfiguration& config) {
+    if (!config.has("awb.mode")) return std::nullopt;
+    const std::string name = config.getString("awb.mode");
     if (name == "gray") return WhiteBalanceMode::Gray;
     if (name == "curve") return WhiteBalanceMode::Curve;
     throw CaptureDeviceException("Unsupported awb.mode \"" + name + "\": expected gray or curve");

@@ -9,6 +9,7 @@
 #include <Poco/Util/AbstractConfiguration.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace ruvo {
@@ -53,8 +54,9 @@ struct CUDACameraParams {
         float targetU = 0.0f;
         float targetV = 0.0f;
         uint32_t seed = 0;
-        WhiteBalanceMode mode = WhiteBalanceMode::Gray;  // "awb.mode": gray | curve
-        metering::ColourTemperatureCurve curve;          // "awb.curve.*"
+        // "awb.mode": gray | curve; absent, the sensor profile's whiteBalance.mode decides at start
+        std::optional<WhiteBalanceMode> mode;
+        metering::ColourTemperatureCurve curve;  // "awb.curve.*"
     };
 
     std::string name;

@@ -61,6 +61,7 @@ blackLevel.control = 0x0098090b
 private.channelGains = false
 private.luminance = false
 private.meteringWindow = false
+whiteBalance.mode = curve
 )";
 
 [[noreturn]] void invalid(const std::string& source, const std::string& key, const std::string& text,
@@ -198,7 +199,7 @@ SensorProfile readSensorProfile(const Poco::Util::AbstractConfiguration& keys, c
     p.meteringWindow = readFlag(keys, "private.meteringWindow", p.meteringWindow, source);
     p.flipsBeforeStreaming = readFlag(keys, "flips.beforeStreaming", p.flipsBeforeStreaming, source);
     p.flipsModifyLayout = readFlag(keys, "flips.modifyLayout", p.flipsModifyLayout, source);
-    p.whiteBalanceMode = Poco::trim(keys.getString("whiteBalance.mode", p.whiteBalanceMode));
+    p.whiteBalanceMode = readWord(keys, "whiteBalance.mode", p.whiteBalanceMode, {"gray", "curve"}, source);
     p.referenceRedGain =
         static_cast<float>(readReal(keys, "whiteBalance.referenceRedGain", p.referenceRedGain, source));
     p.referenceBlueGain =

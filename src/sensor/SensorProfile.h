@@ -56,8 +56,8 @@ struct SensorProfile {
     bool meteringWindow = false;
     bool flipsBeforeStreaming = false;  // flips refused while streaming: set before, a change restarts
     bool flipsModifyLayout = false;     // flips change the Bayer order: the format is read again
-    // White balance: the mode's name and the sensor's red and blue gains under the reference
-    // illuminant (plain data for the white-balance code).
+    // White balance: the mode a camera without awb.mode runs (gray | curve) and the sensor's red
+    // and blue gains under the reference illuminant (plain data for the white-balance code).
     std::string whiteBalanceMode = "gray";
     float referenceRedGain = 1.0f;
     float referenceBlueGain = 1.0f;

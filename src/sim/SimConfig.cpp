@@ -80,8 +80,11 @@ ControlSet readControlSet(const AbstractConfiguration& config) {
     invalid("sim.controls", text, "expected default or generic");
 }
 
-ColourResponse readColourResponse(const AbstractConfiguration& config) {
-    const std::string text = Poco::trim(config.getString("sim.colourResponse", "neutral"));
+// A sensor with the standard controls is a bare sensor unless told otherwise: its colour response is
+// the raw one, whose colour-temperature curve the generic profile's white balance follows.
+ColourResponse readColourResponse(const AbstractConfiguration& config, ControlSet controls) {
+    const char* fallback = controls == ControlSet::Generic ? "raw" : "neutral";
+    const std::string text = Poco::trim(config.getString("sim.colourResponse", fallback));
     if (text == "neutral") return ColourResponse::Neutral;
     if (text == "raw") return ColourResponse::Raw;
     invalid("sim.colourResponse", text, "expected neutral or raw");
@@ -143,7 +146,8 @@ SimConfig readSimConfig(const AbstractConfiguration& config) {
         readNumber(config, "sim.illuminance", c.illuminance, 0.0, std::numeric_limits<float>::max()));
     c.colourTemperature = static_cast<float>(
         readNumber(config, "sim.colourTemperature", c.colourTemperature, kMinColourTemperature, kMaxColourTemperature));
-    c.colourResponse = readColourResponse(config);
+    c.controls = readControlSet(config);
+    c.colourResponse = readColourResponse(config, c.controls);
     c.clock = readClock(config);
     c.fps = static_cast<float>(readNumber(config, "sim.fps", c.fps, 0.1, 1000.0));
     c.noise = readFlag(config, "sim.noise", c.noise);
@@ -153,7 +157,6 @@ SimConfig readSimConfig(const AbstractConfiguration& config) {
     c.pedestal = static_cast<int32_t>(readInteger(config, "sim.pedestal", c.pedestal, 0, 1023));
     c.samples = readSamples(config);
     c.formats = readFormats(config, c.samples);
-    c.controls = readControlSet(config);
     // A sensor with the standard controls delivers plain 10-bit samples unless told otherwise.
     if (c.controls == ControlSet::Generic && !config.has("sim.format") && !config.has("sim.samples"))
         c.formats = {*sensor::findBayerFormat(V4L2_PIX_FMT_SBGGR10)};
