@@ -293,6 +293,27 @@ TEST(ToolParts, Yuv420ChromaCoversTwoByTwoBlocks) {
     EXPECT_EQ(image.pixels, expected);
 }
 
+// The row conversion (blocks, float rounding, per-CPU clones) gives yuvToRgb's bytes for all 2^24
+// (Y, U, V): each row puts every luma value beside every V sample, at an odd width whose last
+// luma sample takes the last chroma sample.
+TEST(ToolParts, RowConversionGivesThePixelBytesForEveryYuv) {
+    constexpr uint32_t kWidth = 513;
+    std::vector<uint8_t> luma(kWidth), u(256), v(256), out(kWidth * 3);
+    for (uint32_t i = 0; i < 256; ++i) v[i] = static_cast<uint8_t>(i);
+    for (uint32_t uValue = 0; uValue < 256; ++uValue) {
+        std::fill(u.begin(), u.end(), static_cast<uint8_t>(uValue));
+        for (uint32_t k = 0; k < 128; ++k) {
+            for (uint32_t x = 0; x < kWidth; ++x) luma[x] = static_cast<uint8_t>(2 * k + x % 2 + x / 2);
+            yuv420RowToRgb(luma.data(), u.data(), v.data(), kWidth, 256, out.data());
+            for (uint32_t x = 0; x < kWidth; ++x) {
+                const Rgb want = yuvToRgb(luma[x], u[0], v[std::min(x / 2, 255u)]);
+                ASSERT_TRUE(out[3 * x] == want.r && out[3 * x + 1] == want.g && out[3 * x + 2] == want.b)
+                    << "Y " << +luma[x] << " U " << uValue << " V " << std::min(x / 2, 255u) << " at x " << x;
+            }
+        }
+    }
+}
+
 // Gray and RGB samples pass to the PNG unchanged (BGR reordered), read back through libpng.
 TEST(ToolParts, GrayAndRgbFormatsReachThePngUnchanged) {
     ruvo::test::ScratchDir scratch;

@@ -57,21 +57,10 @@ void packYuvAsRgb(const Frame& frame, uint8_t* out) {
     const capture::Plane& luma = frame.planes[0];
     const capture::Plane& u = frame.planes[1];
     const capture::Plane& v = frame.planes[2];
-    for (uint32_t y = 0; y < luma.height; ++y) {
-        const uint8_t* yRow = luma.data + static_cast<size_t>(y) * luma.stride;
+    for (uint32_t y = 0; y < luma.height; ++y, out += static_cast<size_t>(luma.width) * 3) {
         const size_t chromaRow = std::min(y / 2, u.height - 1);
-        const uint8_t* uRow = u.data + chromaRow * u.stride;
-        const uint8_t* vRow = v.data + chromaRow * v.stride;
-        for (uint32_t x = 0; x < luma.width; x += 2) {
-            const uint32_t c = std::min(x / 2, u.width - 1);
-            const tool::ChromaTerms terms = tool::chromaTerms(uRow[c], vRow[c]);
-            for (uint32_t i = x; i < std::min(x + 2, luma.width); ++i, out += 3) {
-                const tool::Rgb rgb = tool::yuvToRgb(yRow[i], terms);
-                out[0] = rgb.r;
-                out[1] = rgb.g;
-                out[2] = rgb.b;
-            }
-        }
+        tool::yuv420RowToRgb(luma.data + static_cast<size_t>(y) * luma.stride, u.data + chromaRow * u.stride,
+                             v.data + chromaRow * v.stride, luma.width, u.width, out);
     }
 }
 

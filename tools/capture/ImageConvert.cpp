@@ -3,6 +3,7 @@
 
 #include "FrameNames.h"
 #include "ToolError.h"
+#include "host/grid/RowClones.h"
 
 #include <cstring>
 
@@ -35,7 +36,62 @@ Image packedRgb(const FrameCopy& copy, bool swapRedBlue) {
     return image;
 }
 
+// clampToByte in float: the truncated integer part plus one from a half up (the subtraction is
+// exact), then clamped; the same byte for every value the conversion can produce.
+inline uint8_t roundToByte(float value) {
+    const int32_t whole = static_cast<int32_t>(value);
+    const int32_t rounded = whole + static_cast<int32_t>(value - static_cast<float>(whole) >= 0.5f);
+    return static_cast<uint8_t>(rounded < 0 ? 0 : (rounded > 255 ? 255 : rounded));
+}
+
+ChromaTables makeChromaTables() {
+    ChromaTables t;
+    for (uint32_t i = 0; i < 256; ++i) {
+        const ChromaTerms c = chromaTerms(static_cast<uint8_t>(i), static_cast<uint8_t>(i));
+        t.red[i] = c.red;
+        t.greenB[i] = c.greenB;
+        t.greenR[i] = c.greenR;
+        t.blue[i] = c.blue;
+    }
+    return t;
+}
+
 }  // namespace
+
+const ChromaTables& chromaTables() {
+    static const ChromaTables tables = makeChromaTables();
+    return tables;
+}
+
+RUVO_ROW_CLONES void yuv420RowToRgb(const uint8_t* luma, const uint8_t* u, const uint8_t* v, uint32_t width,
+                                    uint32_t chromaWidth, uint8_t* rgb) {
+    constexpr uint32_t kBlock = 64;
+    const ChromaTables& t = chromaTables();
+    alignas(32) float y[kBlock] = {}, red[kBlock] = {}, greenB[kBlock] = {}, greenR[kBlock] = {}, blue[kBlock] = {};
+    alignas(32) uint8_t r[kBlock], g[kBlock], b[kBlock];
+    for (uint32_t x0 = 0; x0 < width; x0 += kBlock) {
+        const uint32_t n = std::min(kBlock, width - x0);
+        for (uint32_t i = 0; i < n; ++i) y[i] = luma[x0 + i];
+        for (uint32_t i = 0; i < n; i += 2) {  // for an odd n, also the unused slot n
+            const uint32_t c = std::min((x0 + i) / 2, chromaWidth - 1);
+            red[i] = red[i + 1] = t.red[v[c]];
+            greenB[i] = greenB[i + 1] = t.greenB[u[c]];
+            greenR[i] = greenR[i + 1] = t.greenR[v[c]];
+            blue[i] = blue[i + 1] = t.blue[u[c]];
+        }
+        for (uint32_t i = 0; i < kBlock; ++i) {
+            r[i] = roundToByte(y[i] + red[i]);
+            g[i] = roundToByte(y[i] - greenB[i] - greenR[i]);
+            b[i] = roundToByte(y[i] + blue[i]);
+        }
+        uint8_t* out = rgb + static_cast<size_t>(x0) * 3;
+        for (uint32_t i = 0; i < n; ++i, out += 3) {
+            out[0] = r[i];
+            out[1] = g[i];
+            out[2] = b[i];
+        }
+    }
+}
 
 Histogram histogramCounts(const FrameCopy& copy) {
     Histogram counts{};
@@ -66,12 +122,10 @@ Image yuv420ToRgb(const FrameCopy& copy) {
     const uint32_t chromaWidth = copy.width / 2;
     const uint32_t chromaRows = copy.height / 2;
     for (uint32_t y = 0; y < copy.height; ++y) {
-        const uint8_t* luma = copy.planes[0].data() + static_cast<size_t>(y) * copy.width;
         const size_t chromaRow = static_cast<size_t>(std::min(y / 2, chromaRows - 1)) * chromaWidth;
-        for (uint32_t x = 0; x < copy.width; ++x) {
-            const size_t c = chromaRow + std::min(x / 2, chromaWidth - 1);
-            image.set(x, y, yuvToRgb(luma[x], copy.planes[1][c], copy.planes[2][c]));
-        }
+        yuv420RowToRgb(copy.planes[0].data() + static_cast<size_t>(y) * copy.width, &copy.planes[1][chromaRow],
+                       &copy.planes[2][chromaRow], copy.width, chromaWidth,
+                       image.pixels.data() + static_cast<size_t>(y) * copy.width * 3);
     }
     return image;
 }

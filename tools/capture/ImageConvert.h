@@ -38,12 +38,29 @@ inline ChromaTerms chromaTerms(uint8_t u, uint8_t v) {
     return ChromaTerms{1.402f * cr, 0.344136f * cb, 0.714136f * cr, 1.772f * cb};
 }
 
-inline Rgb yuvToRgb(uint8_t y, const ChromaTerms& c) {
+// chromaTerms of every sample value, computed once. Both conversions below read their terms from
+// here, so a compiler cannot fuse a term's multiplication into the following addition in one of
+// them and not in the other: they give the same bytes on every target.
+struct ChromaTables {
+    std::array<float, 256> red, greenB, greenR, blue;
+};
+const ChromaTables& chromaTables();
+
+// One pixel: the definition of the conversion, rounding through clampToByte.
+inline Rgb yuvToRgb(uint8_t y, uint8_t u, uint8_t v) {
+    const ChromaTables& t = chromaTables();
     const float luma = y;
-    return Rgb{clampToByte(luma + c.red), clampToByte(luma - c.greenB - c.greenR), clampToByte(luma + c.blue)};
+    return Rgb{clampToByte(luma + t.red[v]), clampToByte(luma - t.greenB[u] - t.greenR[v]),
+               clampToByte(luma + t.blue[u])};
 }
 
-inline Rgb yuvToRgb(uint8_t y, uint8_t u, uint8_t v) { return yuvToRgb(y, chromaTerms(u, v)); }
+// One row of YUV 4:2:0 as packed RGB, byte for byte as yuvToRgb gives it: `width` luma samples
+// and the row's U and V samples, each covering two luma samples (an odd last luma sample, or any
+// beyond `chromaWidth` pairs, takes the last chroma sample). Written for the vector unit: the
+// terms are laid out per luma sample in short blocks, then each block is converted without
+// branches and rounded in float arithmetic.
+void yuv420RowToRgb(const uint8_t* luma, const uint8_t* u, const uint8_t* v, uint32_t width, uint32_t chromaWidth,
+                    uint8_t* rgb);
 
 // Height in pixels of the bar of `count` in a chart `plotHeight` pixels high whose tallest bar is
 // `maxCount`, on a logarithmic scale (log(1 + count)) so that the tail of the distribution stays
