@@ -125,11 +125,11 @@ CUDADeviceImpl::~CUDADeviceImpl() {
 }
 
 void CUDADeviceImpl::init_cuda(Poco::AutoPtr<Poco::Util::AbstractConfiguration> view) {
-    (void)view;  // device 0 is always used
+    (void)view;  // kCudaDevice is always used
     int devCount = 0;
     CUDA_CHECK(cudaGetDeviceCount(&devCount));
     if (devCount == 0) throw CaptureDeviceException("No CUDA devices");
-    const int devID = 0;
+    const int devID = kCudaDevice;
     cudaDeviceProp deviceProp;
     CUDA_CHECK(cudaGetDeviceProperties(&deviceProp, devID));
     // Blocking synchronisation: reader threads sleep, not spin, while their streams run. The flags

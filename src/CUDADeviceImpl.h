@@ -25,6 +25,9 @@ namespace capture {
 
 class CUDADeviceImpl {
 public:
+    // The CUDA device every camera runs on.
+    static constexpr int kCudaDevice = 0;
+
     // Reads its camera over and over and queues every bucket it gets.
     class ProduceTask : public ruvo::util::Worker {
     public:
@@ -35,6 +38,7 @@ public:
         size_t queued();
 
     protected:
+        void onStart() override;
         void work() override;
         void onExit() override;
 

@@ -277,38 +277,28 @@ TEST(ToolParts, YuvToRgbInvertsThePipelineConversion) {
     EXPECT_EQ(clipped.b, 255);
 }
 
-TEST(ToolParts, Yuv420ChromaCoversTwoByTwoBlocks) {
-    FrameCopy copy = packedCopy(Frame::YUV420p, 4, 4, std::vector<uint8_t>(16, 100));
-    copy.planes[1] = {128, 200, 128, 128};  // U per 2 x 2 block, row-major
-    copy.planes[2] = {128, 128, 60, 128};   // V
-    const Image image = toViewable(copy);
-    std::vector<uint8_t> expected;
-    for (uint32_t y = 0; y < 4; ++y) {
-        for (uint32_t x = 0; x < 4; ++x) {
-            const size_t block = (y / 2) * 2 + x / 2;
-            const Rgb rgb = yuvToRgb(100, copy.planes[1][block], copy.planes[2][block]);
-            expected.insert(expected.end(), {rgb.r, rgb.g, rgb.b});
-        }
-    }
-    EXPECT_EQ(image.pixels, expected);
-}
-
-// The row conversion (blocks, float rounding, per-CPU clones) gives yuvToRgb's bytes for all 2^24
-// (Y, U, V): each row puts every luma value beside every V sample, at an odd width whose last
-// luma sample takes the last chroma sample.
-TEST(ToolParts, RowConversionGivesThePixelBytesForEveryYuv) {
-    constexpr uint32_t kWidth = 513;
-    std::vector<uint8_t> luma(kWidth), u(256), v(256), out(kWidth * 3);
-    for (uint32_t i = 0; i < 256; ++i) v[i] = static_cast<uint8_t>(i);
-    for (uint32_t uValue = 0; uValue < 256; ++uValue) {
-        std::fill(u.begin(), u.end(), static_cast<uint8_t>(uValue));
-        for (uint32_t k = 0; k < 128; ++k) {
-            for (uint32_t x = 0; x < kWidth; ++x) luma[x] = static_cast<uint8_t>(2 * k + x % 2 + x / 2);
-            yuv420RowToRgb(luma.data(), u.data(), v.data(), kWidth, 256, out.data());
-            for (uint32_t x = 0; x < kWidth; ++x) {
-                const Rgb want = yuvToRgb(luma[x], u[0], v[std::min(x / 2, 255u)]);
-                ASSERT_TRUE(out[3 * x] == want.r && out[3 * x + 1] == want.g && out[3 * x + 2] == want.b)
-                    << "Y " << +luma[x] << " U " << uValue << " V " << std::min(x / 2, 255u) << " at x " << x;
+// The tool's YUV image (rows converted in blocks, rounded in float, per-CPU clones) has yuvToRgb's
+// bytes for all 2^24 (Y, U, V) in each of its two chroma rows (V rising in one, falling in the
+// other), each chroma sample covering 2 x 2 luma samples and the odd last column the last sample.
+TEST(ToolParts, YuvImageHasThePixelBytesForEveryYuvAndChromaBlock) {
+    constexpr uint32_t kWidth = 513, kHeight = 4, kChroma = 256;
+    FrameCopy copy = packedCopy(Frame::YUV420p, kWidth, kHeight, std::vector<uint8_t>(kWidth * kHeight));
+    copy.planes[2].resize(2 * kChroma);
+    for (uint32_t c = 0; c < 2 * kChroma; ++c) copy.planes[2][c] = static_cast<uint8_t>(c < kChroma ? c : ~c);
+    for (uint32_t u = 0; u < 256; ++u) {
+        copy.planes[1].assign(2 * kChroma, static_cast<uint8_t>(u));
+        for (uint32_t k = 0; k < 64; ++k) {  // every luma value beside every V sample
+            for (uint32_t i = 0; i < kWidth * kHeight; ++i) {
+                copy.planes[0][i] =
+                    static_cast<uint8_t>(4 * k + 2 * (i / kWidth % 2) + i % kWidth % 2 + i % kWidth / 2);
+            }
+            const Image image = toViewable(copy);
+            for (uint32_t i = 0; i < kWidth * kHeight; ++i) {
+                const size_t c = i / kWidth / 2 * kChroma + std::min(i % kWidth / 2, kChroma - 1);
+                const Rgb want = yuvToRgb(copy.planes[0][i], copy.planes[1][c], copy.planes[2][c]);
+                const uint8_t* got = &image.pixels[3 * i];
+                ASSERT_TRUE(got[0] == want.r && got[1] == want.g && got[2] == want.b)
+                    << "Y " << +copy.planes[0][i] << " U " << u << " V " << +copy.planes[2][c] << " at " << i;
             }
         }
     }

@@ -4,6 +4,7 @@ where the CUDA build, a device and CuPy or PyTorch are present, and skip elsewhe
 
 from __future__ import annotations
 
+import gc
 import importlib
 
 import numpy as np
@@ -90,10 +91,8 @@ def test_gpu_arrays_share_the_plane_memory_and_keep_it(consumer):
                 break
         assert all(np.array_equal(to_host(a), before) for a, before in kept)
         assert "camera" in device.held()
-        if name == "torch":
-            lib.cuda.synchronize()
-        else:
-            lib.cuda.runtime.deviceSynchronize()
+        (lib.cuda.synchronize if name == "torch" else lib.cuda.runtime.deviceSynchronize)()
         del kept
         batches.close()
+        gc.collect()  # a reference cycle inside the GPU library's array objects holds its plane until collected
         device.stop(timeout=5)  # every buffer came back once the GPU arrays were dropped
