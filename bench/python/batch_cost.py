@@ -104,7 +104,7 @@ def bench_ros(config: dict, seconds: float, node_params, depth: int) -> None:
         exe = shutil.which("ruvo-capture-ros", path=os.path.dirname(sys.executable)) or "ruvo-capture-ros"
         params = [arg for p in ["yuv_encoding:=nv12", f"qos_depth:={depth}", *node_params] for arg in ("-p", p)]
         node = subprocess.Popen([exe, "--ros-args", "-p", f"config:={props}", *params])
-        rclpy.init()
+        rclpy.init(args=[])  # this script's own arguments are not ROS arguments
         sub = Node("ruvo_capture_bench")
         executor = SingleThreadedExecutor()
         executor.add_node(sub)

@@ -21,23 +21,22 @@ def image_encoding(frame: Frame, yuv_encoding: str) -> Optional[str]:
 
 class ImageMessage:
     """One topic's Image, refilled for every frame. The native module packs the frame's rows
-    (YUV 4:2:0 as nv12, or converted to rgb8) into a buffer kept from frame to frame, with the
-    GIL released; publish() copies the message into the middleware before it returns, so the
-    message and its buffer are free again by the next frame."""
+    (YUV 4:2:0 as nv12, or converted to rgb8) with the GIL released straight into the message's
+    own data array, which is kept from frame to frame: assigning a buffer to Image.data would copy
+    it once more. publish() copies the message into the middleware before it returns, so the
+    message is free again by the next frame."""
 
     def __init__(self) -> None:
         self.msg = Image(is_bigendian=0)
-        self._buffer = bytearray()
 
     def fill(self, frame: Frame, encoding: str) -> Image:
         """The Image of `frame` in `encoding` (header left to the caller)."""
         step, size = frame.image_layout(encoding)
-        if len(self._buffer) != size:
-            self._buffer = bytearray(size)
-        frame.pack_into(self._buffer, encoding)
         msg = self.msg
+        if len(msg.data) != size:
+            msg.data = bytes(size)  # stored as an array of bytes, written in place from now on
+        frame.pack_into(msg.data, encoding)
         msg.height, msg.width, msg.encoding, msg.step = frame.height, frame.width, encoding, step
-        msg.data = self._buffer
         return msg
 
 
