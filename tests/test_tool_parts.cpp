@@ -277,11 +277,12 @@ TEST(ToolParts, YuvToRgbInvertsThePipelineConversion) {
     EXPECT_EQ(clipped.b, 255);
 }
 
-// The tool's YUV image (rows converted in blocks, rounded in float, per-CPU clones) has yuvToRgb's
-// bytes for all 2^24 (Y, U, V) in each of its two chroma rows (V rising in one, falling in the
-// other), each chroma sample covering 2 x 2 luma samples and the odd last column the last sample.
+// The tool's YUV image (row pairs converted in blocks, rounded in float, per-CPU clones) has
+// yuvToRgb's bytes for all 2^24 (Y, U, V) in each of its two chroma rows (V rising in one, falling
+// in the other), each chroma sample covering 2 x 2 luma samples; the odd last row and column take
+// the last chroma samples.
 TEST(ToolParts, YuvImageHasThePixelBytesForEveryYuvAndChromaBlock) {
-    constexpr uint32_t kWidth = 513, kHeight = 4, kChroma = 256;
+    constexpr uint32_t kWidth = 513, kHeight = 5, kChroma = 256;
     FrameCopy copy = packedCopy(Frame::YUV420p, kWidth, kHeight, std::vector<uint8_t>(kWidth * kHeight));
     copy.planes[2].resize(2 * kChroma);
     for (uint32_t c = 0; c < 2 * kChroma; ++c) copy.planes[2][c] = static_cast<uint8_t>(c < kChroma ? c : ~c);
@@ -294,7 +295,7 @@ TEST(ToolParts, YuvImageHasThePixelBytesForEveryYuvAndChromaBlock) {
             }
             const Image image = toViewable(copy);
             for (uint32_t i = 0; i < kWidth * kHeight; ++i) {
-                const size_t c = i / kWidth / 2 * kChroma + std::min(i % kWidth / 2, kChroma - 1);
+                const size_t c = std::min(i / kWidth / 2, 1u) * kChroma + std::min(i % kWidth / 2, kChroma - 1);
                 const Rgb want = yuvToRgb(copy.planes[0][i], copy.planes[1][c], copy.planes[2][c]);
                 const uint8_t* got = &image.pixels[3 * i];
                 ASSERT_TRUE(got[0] == want.r && got[1] == want.g && got[2] == want.b)

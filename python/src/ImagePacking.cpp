@@ -57,10 +57,13 @@ void packYuvAsRgb(const Frame& frame, uint8_t* out) {
     const capture::Plane& luma = frame.planes[0];
     const capture::Plane& u = frame.planes[1];
     const capture::Plane& v = frame.planes[2];
-    for (uint32_t y = 0; y < luma.height; ++y, out += static_cast<size_t>(luma.width) * 3) {
+    const size_t rgbRow = static_cast<size_t>(luma.width) * 3;
+    for (uint32_t y = 0; y < luma.height; y += 2, out += 2 * rgbRow) {
+        const bool pair = y + 1 < luma.height;
+        const uint8_t* row = luma.data + static_cast<size_t>(y) * luma.stride;
         const size_t chromaRow = std::min(y / 2, u.height - 1);
-        tool::yuv420RowToRgb(luma.data + static_cast<size_t>(y) * luma.stride, u.data + chromaRow * u.stride,
-                             v.data + chromaRow * v.stride, luma.width, u.width, out);
+        tool::yuv420RowsToRgb(row, pair ? row + luma.stride : nullptr, u.data + chromaRow * u.stride,
+                              v.data + chromaRow * v.stride, luma.width, u.width, out, pair ? out + rgbRow : nullptr);
     }
 }
 

@@ -63,15 +63,17 @@ const ChromaTables& chromaTables() {
     return tables;
 }
 
-RUVO_ROW_CLONES void yuv420RowToRgb(const uint8_t* luma, const uint8_t* u, const uint8_t* v, uint32_t width,
-                                    uint32_t chromaWidth, uint8_t* rgb) {
+RUVO_ROW_CLONES void yuv420RowsToRgb(const uint8_t* luma0, const uint8_t* luma1, const uint8_t* u, const uint8_t* v,
+                                     uint32_t width, uint32_t chromaWidth, uint8_t* rgb0, uint8_t* rgb1) {
     constexpr uint32_t kBlock = 64;
     const ChromaTables& t = chromaTables();
+    const uint8_t* const luma[2] = {luma0, luma1};
+    uint8_t* const rgb[2] = {rgb0, rgb1};
+    const int rows = luma1 != nullptr ? 2 : 1;
     alignas(32) float y[kBlock] = {}, red[kBlock] = {}, greenB[kBlock] = {}, greenR[kBlock] = {}, blue[kBlock] = {};
     alignas(32) uint8_t r[kBlock], g[kBlock], b[kBlock];
     for (uint32_t x0 = 0; x0 < width; x0 += kBlock) {
         const uint32_t n = std::min(kBlock, width - x0);
-        for (uint32_t i = 0; i < n; ++i) y[i] = luma[x0 + i];
         for (uint32_t i = 0; i < n; i += 2) {  // for an odd n, also the unused slot n
             const uint32_t c = std::min((x0 + i) / 2, chromaWidth - 1);
             red[i] = red[i + 1] = t.red[v[c]];
@@ -79,16 +81,19 @@ RUVO_ROW_CLONES void yuv420RowToRgb(const uint8_t* luma, const uint8_t* u, const
             greenR[i] = greenR[i + 1] = t.greenR[v[c]];
             blue[i] = blue[i + 1] = t.blue[u[c]];
         }
-        for (uint32_t i = 0; i < kBlock; ++i) {
-            r[i] = roundToByte(y[i] + red[i]);
-            g[i] = roundToByte(y[i] - greenB[i] - greenR[i]);
-            b[i] = roundToByte(y[i] + blue[i]);
-        }
-        uint8_t* out = rgb + static_cast<size_t>(x0) * 3;
-        for (uint32_t i = 0; i < n; ++i, out += 3) {
-            out[0] = r[i];
-            out[1] = g[i];
-            out[2] = b[i];
+        for (int row = 0; row < rows; ++row) {
+            for (uint32_t i = 0; i < n; ++i) y[i] = luma[row][x0 + i];
+            for (uint32_t i = 0; i < kBlock; ++i) {
+                r[i] = roundToByte(y[i] + red[i]);
+                g[i] = roundToByte(y[i] - greenB[i] - greenR[i]);
+                b[i] = roundToByte(y[i] + blue[i]);
+            }
+            uint8_t* out = rgb[row] + static_cast<size_t>(x0) * 3;
+            for (uint32_t i = 0; i < n; ++i, out += 3) {
+                out[0] = r[i];
+                out[1] = g[i];
+                out[2] = b[i];
+            }
         }
     }
 }
@@ -121,11 +126,14 @@ Image yuv420ToRgb(const FrameCopy& copy) {
     Image image(copy.width, copy.height, 3);
     const uint32_t chromaWidth = copy.width / 2;
     const uint32_t chromaRows = copy.height / 2;
-    for (uint32_t y = 0; y < copy.height; ++y) {
+    const size_t rgbRow = static_cast<size_t>(copy.width) * 3;
+    for (uint32_t y = 0; y < copy.height; y += 2) {
+        const bool pair = y + 1 < copy.height;
+        const uint8_t* luma = copy.planes[0].data() + static_cast<size_t>(y) * copy.width;
         const size_t chromaRow = static_cast<size_t>(std::min(y / 2, chromaRows - 1)) * chromaWidth;
-        yuv420RowToRgb(copy.planes[0].data() + static_cast<size_t>(y) * copy.width, &copy.planes[1][chromaRow],
-                       &copy.planes[2][chromaRow], copy.width, chromaWidth,
-                       image.pixels.data() + static_cast<size_t>(y) * copy.width * 3);
+        uint8_t* rgb = image.pixels.data() + y * rgbRow;
+        yuv420RowsToRgb(luma, pair ? luma + copy.width : nullptr, &copy.planes[1][chromaRow],
+                        &copy.planes[2][chromaRow], copy.width, chromaWidth, rgb, pair ? rgb + rgbRow : nullptr);
     }
     return image;
 }

@@ -54,13 +54,14 @@ inline Rgb yuvToRgb(uint8_t y, uint8_t u, uint8_t v) {
                clampToByte(luma + t.blue[u])};
 }
 
-// One row of YUV 4:2:0 as packed RGB, byte for byte as yuvToRgb gives it: `width` luma samples
-// and the row's U and V samples, each covering two luma samples (an odd last luma sample, or any
-// beyond `chromaWidth` pairs, takes the last chroma sample). Written for the vector unit: the
-// terms are laid out per luma sample in short blocks, then each block is converted without
-// branches and rounded in float arithmetic.
-void yuv420RowToRgb(const uint8_t* luma, const uint8_t* u, const uint8_t* v, uint32_t width, uint32_t chromaWidth,
-                    uint8_t* rgb);
+// Two rows of YUV 4:2:0 that share a chroma row as packed RGB, byte for byte as yuvToRgb gives
+// them: `width` luma samples per row and the row's U and V samples, each covering two luma
+// samples (an odd last luma sample, or any beyond `chromaWidth` pairs, takes the last chroma
+// sample). `luma1` and `rgb1` are null for a single row. Written for the vector unit: the terms
+// are laid out per luma sample in short blocks, once for both rows, then each block is converted
+// without branches and rounded in float arithmetic.
+void yuv420RowsToRgb(const uint8_t* luma0, const uint8_t* luma1, const uint8_t* u, const uint8_t* v, uint32_t width,
+                     uint32_t chromaWidth, uint8_t* rgb0, uint8_t* rgb1);
 
 // Height in pixels of the bar of `count` in a chart `plotHeight` pixels high whose tallest bar is
 // `maxCount`, on a logarithmic scale (log(1 + count)) so that the tail of the distribution stays
