@@ -151,8 +151,24 @@ void CUDADeviceImpl::init_cuda(Poco::AutoPtr<Poco::Util::AbstractConfiguration> 
 
 void CUDADeviceImpl::deinit_cuda() { (void)cudaDeviceReset(); }
 
+// The CUDA runtime keeps the current device per thread. Every thread that makes the library's
+// CUDA calls (the one that starts the cameras or changes their controls, which allocates their
+// buckets, and each reader) names the library's device itself instead of relying on the default
+// of a thread that never chose one, so its calls (CUB's per-device queries among them) go to the
+// device the library initialised even where other CUDA libraries in the process choose devices
+// and contexts of their own. A failure is logged and cleared from the thread's last error; the
+// calls that follow report it by name.
+void CUDADeviceImpl::selectCudaDevice(const std::string& thread) {
+    const cudaError_t status = cudaSetDevice(kCudaDevice);
+    if (status == cudaSuccess) return;
+    (void)cudaGetLastError();
+    Poco::Logger::get("Capture.CUDADevice")
+        .error(thread + ": cudaSetDevice(" + std::to_string(kCudaDevice) + "): " + cudaGetErrorString(status));
+}
+
 void CUDADeviceImpl::start() {
     Poco::Mutex::ScopedLock lock(_mutex);
+    selectCudaDevice("start");
     for (CUDACamera* camera : _cameras) camera->start();
     for (size_t i = 0; i < _produceThreads.size(); ++i) {
         _produceTasks[i]->reset();
@@ -200,6 +216,7 @@ bool CUDADeviceImpl::isRunning() {
 template <typename Change>
 auto CUDADeviceImpl::changeControls(uint32_t cameraId, Change change) -> decltype(change(std::declval<CUDACamera&>())) {
     for (ProduceTask* task : _produceTasks) task->pause();
+    selectCudaDevice("controls");  // a new output configuration or size reallocates on this thread
     CUDACamera& camera = *_cameras.at(cameraId);
     const Controls saved = camera.getControls();
     std::string refusal;

@@ -25,8 +25,9 @@ namespace capture {
 
 class CUDADeviceImpl {
 public:
-    // The CUDA device every camera runs on.
+    // The CUDA device every camera runs on, and making it the calling thread's current device.
     static constexpr int kCudaDevice = 0;
+    static void selectCudaDevice(const std::string& thread);
 
     // Reads its camera over and over and queues every bucket it gets.
     class ProduceTask : public ruvo::util::Worker {

@@ -5,28 +5,13 @@
 
 #include <Poco/Logger.h>
 
-#include <cuda_runtime.h>
-
 namespace ruvo {
 namespace capture {
 
 CUDADeviceImpl::ProduceTask::ProduceTask(const std::string& name, CUDACamera* camera, Poco::Event& event)
     : Worker(name), _camera(camera), _event(event) {}
 
-// The CUDA runtime keeps the current device per thread. A reader thread names the library's
-// device itself before its first CUDA call instead of relying on the default of a thread that
-// never chose one, so its calls (CUB's per-device queries among them) go to the device the
-// library initialised even where other CUDA libraries in the process pick devices of their own. A
-// failure is logged and cleared from the thread's last error; the reader's own CUDA calls then
-// report the error by name.
-void CUDADeviceImpl::ProduceTask::onStart() {
-    const cudaError_t status = cudaSetDevice(kCudaDevice);
-    if (status != cudaSuccess) {
-        (void)cudaGetLastError();
-        Poco::Logger::get("Capture.CUDADevice")
-            .error(name() + ": cudaSetDevice(" + std::to_string(kCudaDevice) + "): " + cudaGetErrorString(status));
-    }
-}
+void CUDADeviceImpl::ProduceTask::onStart() { selectCudaDevice(name()); }
 
 void CUDADeviceImpl::ProduceTask::work() {
     CUDACamera::Bucket* bucket = _camera->read();
