@@ -24,7 +24,7 @@ inline uint8_t clampToByte(float value) {
 // The pipeline stores Y = 255 (0.299 R + 0.587 G + 0.114 B) and U, V = 255 (c / 2 + 1/2) with the
 // chroma c = 2 Cb, 2 Cr in [-1, 1], i.e. Cb = (B - Y) / 1.772 and Cr = (R - Y) / 1.402 centred on
 // 127.5. This is the exact inverse on the 0..255 scale (the chroma power shaping is not undone).
-// The chroma terms are computed once per chroma sample, which covers four luma samples.
+// The chroma terms depend on one sample value each, so they are tabulated (chromaTables).
 struct ChromaTerms {
     float red;     // 1.402 Cr
     float greenB;  // 0.344136 Cb
