@@ -277,10 +277,9 @@ TEST(ToolParts, YuvToRgbInvertsThePipelineConversion) {
     EXPECT_EQ(clipped.b, 255);
 }
 
-// The tool's YUV image (row pairs converted in blocks, rounded in float, per-CPU clones) has
-// yuvToRgb's bytes for all 2^24 (Y, U, V) in each of its two chroma rows (V rising in one, falling
-// in the other), each chroma sample covering 2 x 2 luma samples; the odd last row and column take
-// the last chroma samples.
+// The tool's YUV image (row pairs in blocks, float rounding, per-CPU clones) has yuvToRgb's bytes
+// for all 2^24 (Y, U, V) in both chroma rows (V rising, then falling), chroma covering 2 x 2 luma
+// samples; the odd last row and column take the last chroma samples.
 TEST(ToolParts, YuvImageHasThePixelBytesForEveryYuvAndChromaBlock) {
     constexpr uint32_t kWidth = 513, kHeight = 5, kChroma = 256;
     FrameCopy copy = packedCopy(Frame::YUV420p, kWidth, kHeight, std::vector<uint8_t>(kWidth * kHeight));
