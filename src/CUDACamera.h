@@ -219,6 +219,7 @@ private:
     void writeChannelGain(uint32_t id, int32_t value);
     v4l2_queryctrl channelGainRange(uint32_t id);
     float averageLuminance(const Bucket& bucket) const;
+    metering::ColourShape colourShape() const;
     bool rawLevels(kernels::RawLevels& levels) const;
     void deinit_device();
     void start_capturing();

@@ -312,12 +312,7 @@ void CUDACamera::curveWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint3
     }
     metering::gatherSamples(fullImage(bucket), _initialSampleDist, _params.numSamples, offsetX, offsetY,
                             metering::passLength(_params.awb.numSamples), _meteringScratch.samples);
-    metering::ColourShape shape;
-    shape.red = _controls.awb.gammaRed;
-    shape.green = _controls.awb.gammaGreen;
-    shape.blue = _controls.awb.gammaBlue;
-    shape.chromaU = _controls.awb.gammaCr;  // the kernels shape blue-difference with gammaCr
-    shape.chromaV = _controls.awb.gammaCb;
+    const metering::ColourShape shape = colourShape();
     const metering::IlluminantEstimate estimate =
         metering::estimateIlluminant(_meteringScratch.samples, metering::passLength(_params.awb.numSamples), shape,
                                      _awbCurve.gains, curve, metering::CurveSearch{}, _curveScratch);
