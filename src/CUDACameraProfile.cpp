@@ -155,9 +155,7 @@ v4l2_queryctrl CUDACamera::channelGainRange(uint32_t id) {
 // The frame's luminance on a 0..1 scale in place of the sensor's statistic, on its linear scale:
 // the mean linear luma of the full-size image (every fourth pixel of every fourth row), each
 // sample's red, green and blue taken back to linear light through their own live exponents.
-float CUDACamera::averageLuminance(const Bucket& bucket) const {
-    return metering::meanLinearLuma(fullImage(bucket), colourShape());
-}
+float CUDACamera::averageLuminance(const Bucket& bucket) { return _linearLuma.mean(fullImage(bucket), colourShape()); }
 
 // The colour shaping the kernels apply now.
 metering::ColourShape CUDACamera::colourShape() const {

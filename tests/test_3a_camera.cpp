@@ -55,8 +55,6 @@ TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
     CraftedFrame frame(kWidth, kHeight);
     const std::string file = ::testing::TempDir() + "ruvo-linear-sensor.json";
     std::ofstream(file) << R"({"exposure": {"lineTime": 20}, "gain": {"law": "linear", "unity": 32}})";
-    const testing::SimKeys absolute = {
-        {"sim.controls", "generic"}, {"sim.exposureControl", "absolute"}, {"sim.gainControl", "gain"}};
     // The registers each sensor writes, and the simulator's own code-to-gain law where it has one.
     const struct {
         std::string name;
@@ -67,10 +65,15 @@ TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
         {"default", {}, sensor::CID_EXPOSURE, sensor::CID_GAIN, nullptr},
         {"generic", {{"sim.controls", "generic"}}, V4L2_CID_EXPOSURE, V4L2_CID_ANALOGUE_GAIN, sim::genericGain},
         {"file", {{"sim.controls", "generic"}, {"sensor", file}}, V4L2_CID_EXPOSURE, V4L2_CID_ANALOGUE_GAIN},
-        {"absolute", absolute, V4L2_CID_EXPOSURE_ABSOLUTE, V4L2_CID_GAIN, sim::linearGain}};
+        {"absolute",
+         {{"sim.controls", "generic"}, {"sim.exposureControl", "absolute"}, {"sim.gainControl", "gain"}},
+         V4L2_CID_EXPOSURE_ABSOLUTE,
+         V4L2_CID_GAIN,
+         sim::linearGain}};
     // 0.01 s is 22330.2 lines; 1/30 s is 74433.99 lines: line 74433, also the frame period at 30 frames/s.
     // Generic: 0.01 s is 529.002 lines, 1/30 s 1763.34 (the frame period, 1763). File: 0.01f s, just
-    // below 0.01, is 499.99999 lines of 20 us, truncated to 499; 1/30 s is 1666.7.
+    // below 0.01, is 499.99999 lines of 20 us, truncated to 499; 1/30 s is 1666.7. Absolute: 0.01f s is
+    // 99.99999 units of 100 us, truncated to 99; 1/30 s is 333.3.
     const struct {
         const char* sensor;
         float gain, seconds;
@@ -85,7 +88,7 @@ TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
                  {"generic", 16.0f, 0.01f, 232, 529},
                  {"file", 2.0f, 0.01f, 64, 499},
                  {"file", 0.5f, 1.0f / 30.0f, 16, 1666},
-                 {"absolute", 2.0f, 0.01f, 32, 100},
+                 {"absolute", 2.0f, 0.01f, 32, 99},
                  {"absolute", 16.0f, 1.0f / 30.0f, 160, 333}};
     for (const auto& [name, keys, exposureId, gainId, law] : sensors) {
         CameraRig rig(keys);

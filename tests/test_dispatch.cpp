@@ -175,13 +175,9 @@ TEST_P(WrittenBytes, ExactlyTheOutputsOfEveryConfigurationAndMode) {
     }
 }
 
-std::vector<ProcessedSize> allSizes() {
-    std::vector<ProcessedSize> sizes = supportedSizes();
-    sizes.insert(sizes.end(), sensorModeSizes().begin(), sensorModeSizes().end());
-    return sizes;
-}
-INSTANTIATE_TEST_SUITE_P(AllSizes, WrittenBytes, ::testing::ValuesIn(allSizes()),
-                         [](const auto& info) { return sizeName(info.param); });
+const auto kSizeName = [](const auto& info) { return sizeName(info.param); };
+INSTANTIATE_TEST_SUITE_P(AllSizes, WrittenBytes, ::testing::ValuesIn(supportedSizes()), kSizeName);
+INSTANTIATE_TEST_SUITE_P(SensorModes, WrittenBytes, ::testing::ValuesIn(sensorModeSizes()), kSizeName);
 
 TEST(UnsupportedSize, AbortsWithTheSizeAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

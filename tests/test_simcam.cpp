@@ -116,7 +116,8 @@ TEST_P(SimCamCompliance, EveryTestPasses) {
 INSTANTIATE_TEST_SUITE_P(WithoutAndWithStreaming, SimCamCompliance,
                          ::testing::Values(std::pair{"", "controls=default"}, std::pair{"-s 20", "controls=default"},
                                            std::pair{"", "controls=generic"}, std::pair{"-s 20", "controls=generic"},
-                                           std::pair{"", "controls=generic exposureControl=absolute gainControl=gain"}));
+                                           std::pair{"",
+                                                     "controls=generic exposureControl=absolute gainControl=gain"}));
 
 }  // namespace
 }  // namespace ruvo::capture

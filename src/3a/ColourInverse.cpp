@@ -48,43 +48,6 @@ float unshapeChroma(uint8_t byte, float exponent) {
     return shaped < 0.0f ? -magnitude : magnitude;
 }
 
-// Linear light of a shaped value in 0..1 by one channel's exponent, interpolated in a table.
-class Linearise {
-public:
-    explicit Linearise(float exponent) {
-        const double power = exponent > 0.0f ? 1.0 / exponent : 1.0;
-        for (size_t i = 0; i < kSteps + 1; ++i) _table[i] = static_cast<float>(std::pow(double(i) / kSteps, power));
-        _table[kSteps + 1] = _table[kSteps];
-    }
-    float operator()(float shaped) const {
-        const float x = std::clamp(shaped, 0.0f, 1.0f) * static_cast<float>(kSteps);
-        const auto i = static_cast<size_t>(x);
-        return _table[i] + (x - static_cast<float>(i)) * (_table[i + 1] - _table[i]);
-    }
-
-private:
-    static constexpr size_t kSteps = 1024;
-    std::array<float, kSteps + 2> _table{};
-};
-
-// Per byte value: the luma, and each chroma plane's share of the shaped red, green and blue.
-struct ShapedTables {
-    explicit ShapedTables(const ColourShape& shape) {
-        const Matrix3& m = yuvToShaped();
-        for (int byte = 0; byte < 256; ++byte) {
-            const auto b = static_cast<uint8_t>(byte);
-            const double u = unshapeChroma(b, shape.chromaU), v = unshapeChroma(b, shape.chromaV);
-            luma[b] = static_cast<float>(unshapeLuma(b));
-            for (int c = 0; c < 3; ++c) {
-                fromU[c][b] = static_cast<float>(m[c][1] * u);
-                fromV[c][b] = static_cast<float>(m[c][2] * v);
-            }
-        }
-    }
-    std::array<float, 256> luma{};
-    std::array<std::array<float, 256>, 3> fromU{}, fromV{};
-};
-
 }  // namespace
 
 bool linearRgb(uint8_t y, uint8_t u, uint8_t v, const ColourShape& shape, float rgb[3]) {
@@ -99,27 +62,52 @@ bool linearRgb(uint8_t y, uint8_t u, uint8_t v, const ColourShape& shape, float 
     return true;
 }
 
-float meanLinearLuma(const YuvImage& image, const ColourShape& shape, uint32_t step) {
-    const ShapedTables t(shape);
-    const Linearise red(shape.red), green(shape.green), blue(shape.blue);
-    // The luma row of the inverse is (1, 0, 0): the luma byte enters each channel whole.
+void LinearLuma::build(const ColourShape& shape) {
+    const Matrix3& m = yuvToShaped();
+    const auto fixed = [](double value) { return static_cast<int32_t>(std::lround(value * kSteps)); };
+    for (int byte = 0; byte < 256; ++byte) {
+        const auto b = static_cast<uint8_t>(byte);
+        const double u = unshapeChroma(b, shape.chromaU), v = unshapeChroma(b, shape.chromaV);
+        _luma[b] = fixed(unshapeLuma(b));
+        _fromU[b] = {fixed(m[0][1] * u), fixed(m[1][1] * u), fixed(m[2][1] * u)};
+        _fromV[b] = {fixed(m[0][2] * v), fixed(m[1][2] * v), fixed(m[2][2] * v)};
+    }
+    const float exponents[3] = {shape.red, shape.green, shape.blue};
+    const double weights[3] = {0.299, 0.587, 0.114};
+    for (int c = 0; c < 3; ++c) {
+        const float power = exponents[c] > 0.0f ? 1.0f / exponents[c] : 1.0f;
+        for (int32_t i = 0; i <= kSteps; ++i) {
+            const float linear = std::pow(static_cast<float>(i) / kSteps, power);
+            _weighted[c][i] = static_cast<uint32_t>(std::lround(weights[c] * linear * kUnit));
+        }
+    }
+    _shape = shape;
+    _built = true;
+}
+
+float LinearLuma::mean(const YuvImage& image, const ColourShape& shape, uint32_t step) {
+    const ColourShape& s = _shape;
+    if (!_built || s.red != shape.red || s.green != shape.green || s.blue != shape.blue || s.chromaU != shape.chromaU ||
+        s.chromaV != shape.chromaV)
+        build(shape);
+    const auto held = [](int32_t value) { return static_cast<size_t>(std::clamp(value, 0, kSteps)); };
     const size_t chromaWidth = image.width / 2;
-    double sum = 0.0;
+    uint64_t sum = 0;
     uint64_t count = 0;
     for (uint32_t y = 0; y < image.height; y += step) {
         const uint8_t* luma = image.y + static_cast<size_t>(y) * image.width;
         const uint8_t* u = image.u + static_cast<size_t>(y / 2) * chromaWidth;
         const uint8_t* v = image.v + static_cast<size_t>(y / 2) * chromaWidth;
         for (uint32_t x = 0; x < image.width; x += step, ++count) {
-            const float l = t.luma[luma[x]];
-            const uint8_t cu = u[x / 2], cv = v[x / 2];
-            const float r = red(l + t.fromU[0][cu] + t.fromV[0][cv]);
-            const float g = green(l + t.fromU[1][cu] + t.fromV[1][cv]);
-            const float b = blue(l + t.fromU[2][cu] + t.fromV[2][cv]);
-            sum += 0.299f * r + 0.587f * g + 0.114f * b;
+            // The luma row of the inverse is (1, 0, 0): the luma enters each channel whole.
+            const int32_t l = _luma[luma[x]];
+            const Shares& fromU = _fromU[u[x / 2]];
+            const Shares& fromV = _fromV[v[x / 2]];
+            sum += _weighted[0][held(l + fromU.red + fromV.red)] + _weighted[1][held(l + fromU.green + fromV.green)] +
+                   _weighted[2][held(l + fromU.blue + fromV.blue)];
         }
     }
-    return count == 0 ? 0.0f : static_cast<float>(sum / static_cast<double>(count));
+    return count == 0 ? 0.0f : static_cast<float>(static_cast<double>(sum) / kUnit / static_cast<double>(count));
 }
 
 }  // namespace metering
