@@ -266,7 +266,8 @@ private:
     AwbState _awbState;
     CurveAwbState _awbCurve;
     metering::CurveScratch _curveScratch;
-    metering::LinearLuma _linearLuma;  // the luminance's tables for the live gammas, under _mutexControls
+    metering::LinearLuma _linearLuma;              // the luminance's tables for the live gammas, under _mutexControls
+    const Bucket* _luminanceInFeedback = nullptr;  // the frame whose feedback holds its luminance, while 3A runs
     Poco::Event _releaseEvent{Poco::Event::EVENT_AUTORESET};
     bool _isRunning = false;
     std::mt19937 _prng;

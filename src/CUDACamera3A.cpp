@@ -127,7 +127,8 @@ void CUDACamera::autoExposure(const Bucket& bucket, uint32_t offsetX, uint32_t o
 // The frame's luminance on a 0..1 scale: the driver's statistic, divided by its range without
 // subtracting the minimum, or the frame's mean luma where the sensor has no statistic.
 float CUDACamera::sensorLuminance(const Bucket& bucket) {
-    if (!_profile.luminanceStatistic) return averageLuminance(bucket);
+    if (!_profile.luminanceStatistic)
+        return &bucket == _luminanceInFeedback ? bucket.feedback.luminance : averageLuminance(bucket);
     const float rangeY = controlRange(queryControl(sensor::CID_AVG_LUMINANCE));
     return static_cast<float>(getControl(sensor::CID_AVG_LUMINANCE)) / rangeY;
 }

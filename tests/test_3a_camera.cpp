@@ -64,7 +64,7 @@ TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
     } sensors[] = {
         {"default", {}, sensor::CID_EXPOSURE, sensor::CID_GAIN, nullptr},
         {"generic", {{"sim.controls", "generic"}}, V4L2_CID_EXPOSURE, V4L2_CID_ANALOGUE_GAIN, sim::genericGain},
-        {"file", {{"sim.controls", "generic"}, {"sensor", file}}, V4L2_CID_EXPOSURE, V4L2_CID_ANALOGUE_GAIN},
+        {"file", {{"sim.controls", "generic"}, {"sensor", file}}, V4L2_CID_EXPOSURE, V4L2_CID_ANALOGUE_GAIN, nullptr},
         {"absolute",
          {{"sim.controls", "generic"}, {"sim.exposureControl", "absolute"}, {"sim.gainControl", "gain"}},
          V4L2_CID_EXPOSURE_ABSOLUTE,
@@ -104,7 +104,9 @@ TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
             const std::pair<int32_t, int32_t> written{rig.reg(exposureId), rig.reg(gainId)};
             EXPECT_EQ(written, std::make_pair(c.exposureRegister, c.gainRegister)) << name << " " << c.gain;
             // Code to gain: the camera's reading of the register is the simulator's.
-            if (law) EXPECT_FLOAT_EQ(rig.camera->sensorProfile().gain.toGain(written.second), law(written.second));
+            if (law) {
+                EXPECT_FLOAT_EQ(rig.camera->sensorProfile().gain.toGain(written.second), law(written.second));
+            }
         }
     }
     std::ofstream(file) << R"({"gain": {"law": "cubic"}})";
