@@ -48,7 +48,7 @@ std::pair<int32_t, int32_t> exposureAndGain(const CameraRig& rig) {
 // 3448 pixel clocks at 182.4 MHz (from its pixel rate and blanking controls) and the rational law
 // 256 / (256 - code), read back through the simulator's own law; a profile file's configured
 // line time and linear law; and, where the driver offers only V4L2_CID_EXPOSURE_ABSOLUTE and
-// V4L2_CID_GAIN, 100 us units and the linear law with the control's default (16) as unity. The
+// V4L2_CID_GAIN, 100 us units and the linear law with the control's default (256) as unity. The
 // driver clamps to its range. A bad profile file is refused.
 TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
     RUVO_REQUIRE_CUDA_DEVICE();
@@ -88,8 +88,8 @@ TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
                  {"generic", 16.0f, 0.01f, 232, 529},
                  {"file", 2.0f, 0.01f, 64, 499},
                  {"file", 0.5f, 1.0f / 30.0f, 16, 1666},
-                 {"absolute", 2.0f, 0.01f, 32, 99},
-                 {"absolute", 16.0f, 1.0f / 30.0f, 160, 333}};
+                 {"absolute", 2.0f, 0.01f, 512, 99},
+                 {"absolute", 16.0f, 1.0f / 30.0f, 2560, 333}};
     for (const auto& [name, keys, exposureId, gainId, law] : sensors) {
         CameraRig rig(keys);
         for (const auto& c : cases) {

@@ -46,8 +46,8 @@ constexpr float genericGain(int32_t code) { return 256.0f / (256.0f - static_cas
 enum class ExposureControl { Lines, Absolute };
 enum class GainControl { Analogue, Linear };
 constexpr double kAbsoluteExposureSeconds = 100e-6;
-constexpr int32_t kLinearGainUnity = 16;
-constexpr int32_t kLinearMaxGainCode = 160;
+constexpr int32_t kLinearGainUnity = 256;
+constexpr int32_t kLinearMaxGainCode = 2560;
 constexpr float linearGain(int32_t code) { return static_cast<float>(code) / static_cast<float>(kLinearGainUnity); }
 struct StandardControls {
     ExposureControl exposure = ExposureControl::Lines;
