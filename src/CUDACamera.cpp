@@ -363,8 +363,10 @@ void CUDACamera::process(Bucket& bucket) {
     if (configuration == YUV_2_4_SKIN_HISTOGRAM) sendSkinDiagnostics(bucket);
 
     Poco::FastMutex::ScopedLock lock(_mutexControls);
+    _luminanceInFeedback = nullptr;
     fillFeedback(bucket);
     evaluate_3A(bucket);
+    _luminanceInFeedback = nullptr;
 }
 
 // The SIXTEENTH skin luminance plane goes to "CapDevCUDAExp_<index>" when someone listens.
@@ -398,6 +400,7 @@ void CUDACamera::fillFeedback(Bucket& bucket) {
     if (!_controls.awb.regions.empty()) fb.autoWhiteBalanceRegions.push_back(_controls.awb.regions.front());
     if (!_profile.luminanceStatistic) {
         fb.luminance = averageLuminance(bucket);
+        _luminanceInFeedback = &bucket;
         return;
     }
     const v4l2_queryctrl range = queryControl(sensor::CID_AVG_LUMINANCE);

@@ -218,7 +218,8 @@ private:
     int32_t readChannelGain(uint32_t id);
     void writeChannelGain(uint32_t id, int32_t value);
     v4l2_queryctrl channelGainRange(uint32_t id);
-    float averageLuminance(const Bucket& bucket) const;
+    float averageLuminance(const Bucket& bucket);
+    metering::ColourShape colourShape() const;
     bool rawLevels(kernels::RawLevels& levels) const;
     void deinit_device();
     void start_capturing();
@@ -265,6 +266,8 @@ private:
     AwbState _awbState;
     CurveAwbState _awbCurve;
     metering::CurveScratch _curveScratch;
+    metering::LinearLuma _linearLuma;              // the luminance's tables for the live gammas, under _mutexControls
+    const Bucket* _luminanceInFeedback = nullptr;  // the frame whose feedback holds its luminance, while 3A runs
     Poco::Event _releaseEvent{Poco::Event::EVENT_AUTORESET};
     bool _isRunning = false;
     std::mt19937 _prng;

@@ -127,7 +127,8 @@ void CUDACamera::autoExposure(const Bucket& bucket, uint32_t offsetX, uint32_t o
 // The frame's luminance on a 0..1 scale: the driver's statistic, divided by its range without
 // subtracting the minimum, or the frame's mean luma where the sensor has no statistic.
 float CUDACamera::sensorLuminance(const Bucket& bucket) {
-    if (!_profile.luminanceStatistic) return averageLuminance(bucket);
+    if (!_profile.luminanceStatistic)
+        return &bucket == _luminanceInFeedback ? bucket.feedback.luminance : averageLuminance(bucket);
     const float rangeY = controlRange(queryControl(sensor::CID_AVG_LUMINANCE));
     return static_cast<float>(getControl(sensor::CID_AVG_LUMINANCE)) / rangeY;
 }
@@ -312,12 +313,7 @@ void CUDACamera::curveWhiteBalance(const Bucket& bucket, uint32_t offsetX, uint3
     }
     metering::gatherSamples(fullImage(bucket), _initialSampleDist, _params.numSamples, offsetX, offsetY,
                             metering::passLength(_params.awb.numSamples), _meteringScratch.samples);
-    metering::ColourShape shape;
-    shape.red = _controls.awb.gammaRed;
-    shape.green = _controls.awb.gammaGreen;
-    shape.blue = _controls.awb.gammaBlue;
-    shape.chromaU = _controls.awb.gammaCr;  // the kernels shape blue-difference with gammaCr
-    shape.chromaV = _controls.awb.gammaCb;
+    const metering::ColourShape shape = colourShape();
     const metering::IlluminantEstimate estimate =
         metering::estimateIlluminant(_meteringScratch.samples, metering::passLength(_params.awb.numSamples), shape,
                                      _awbCurve.gains, curve, metering::CurveSearch{}, _curveScratch);

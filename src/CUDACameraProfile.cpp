@@ -153,21 +153,19 @@ v4l2_queryctrl CUDACamera::channelGainRange(uint32_t id) {
 }
 
 // The frame's luminance on a 0..1 scale in place of the sensor's statistic, on its linear scale:
-// the mean luma of the full-size image (every fourth pixel of every fourth row), each value taken
-// back to linear light through the green channel's exponent, the one that dominates luma.
-float CUDACamera::averageLuminance(const Bucket& bucket) const {
-    const float gamma = _controls.awb.gammaGreen;
-    const float exponent = gamma > 0.0f ? 1.0f / gamma : 1.0f;
-    std::array<float, 256> linear{};
-    for (size_t v = 0; v < linear.size(); ++v) linear[v] = std::pow(static_cast<float>(v) / 255.0f, exponent);
-    const metering::YuvImage image = fullImage(bucket);
-    double sum = 0.0;
-    uint64_t count = 0;
-    for (uint32_t y = 0; y < image.height; y += 4) {
-        const uint8_t* row = image.y + static_cast<size_t>(y) * image.width;
-        for (uint32_t x = 0; x < image.width; x += 4, ++count) sum += linear[row[x]];
-    }
-    return count == 0 ? 0.0f : static_cast<float>(sum / static_cast<double>(count));
+// the mean linear luma of the full-size image (every fourth pixel of every fourth row), each
+// sample's red, green and blue taken back to linear light through their own live exponents.
+float CUDACamera::averageLuminance(const Bucket& bucket) { return _linearLuma.mean(fullImage(bucket), colourShape()); }
+
+// The colour shaping the kernels apply now.
+metering::ColourShape CUDACamera::colourShape() const {
+    metering::ColourShape shape;
+    shape.red = _controls.awb.gammaRed;
+    shape.green = _controls.awb.gammaGreen;
+    shape.blue = _controls.awb.gammaBlue;
+    shape.chromaU = _controls.awb.gammaCr;  // the kernels shape blue-difference with gammaCr
+    shape.chromaV = _controls.awb.gammaCb;
+    return shape;
 }
 
 // Black level and channel gains for the raw samples; none (identity) with the default profile.

@@ -15,7 +15,6 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -47,19 +46,34 @@ std::pair<int32_t, int32_t> exposureAndGain(const CameraRig& rig) {
 // Lock is set too: manual mode wins over it. The registers follow the sensor profile's laws: the
 // default sensor's lines of 0.44782403 us and four-stage gain curve; the generic sensor's lines of
 // 3448 pixel clocks at 182.4 MHz (from its pixel rate and blanking controls) and the rational law
-// 256 / (256 - code), read back through the simulator's own law; and a profile file's configured
-// line time and linear law. The driver clamps to its range. A bad profile file is refused.
+// 256 / (256 - code), read back through the simulator's own law; a profile file's configured
+// line time and linear law; and, where the driver offers only V4L2_CID_EXPOSURE_ABSOLUTE and
+// V4L2_CID_GAIN, 100 us units and the linear law with the control's default (256) as unity. The
+// driver clamps to its range. A bad profile file is refused.
 TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
     RUVO_REQUIRE_CUDA_DEVICE();
     CraftedFrame frame(kWidth, kHeight);
     const std::string file = ::testing::TempDir() + "ruvo-linear-sensor.json";
     std::ofstream(file) << R"({"exposure": {"lineTime": 20}, "gain": {"law": "linear", "unity": 32}})";
-    const std::map<std::string, testing::SimKeys> sensors = {{"default", {}},
-                                                             {"generic", {{"sim.controls", "generic"}}},
-                                                             {"file", {{"sim.controls", "generic"}, {"sensor", file}}}};
+    // The registers each sensor writes, and the simulator's own code-to-gain law where it has one.
+    const struct {
+        std::string name;
+        testing::SimKeys keys;
+        uint32_t exposureId, gainId;
+        float (*law)(int32_t);
+    } sensors[] = {
+        {"default", {}, sensor::CID_EXPOSURE, sensor::CID_GAIN, nullptr},
+        {"generic", {{"sim.controls", "generic"}}, V4L2_CID_EXPOSURE, V4L2_CID_ANALOGUE_GAIN, sim::genericGain},
+        {"file", {{"sim.controls", "generic"}, {"sensor", file}}, V4L2_CID_EXPOSURE, V4L2_CID_ANALOGUE_GAIN, nullptr},
+        {"absolute",
+         {{"sim.controls", "generic"}, {"sim.exposureControl", "absolute"}, {"sim.gainControl", "gain"}},
+         V4L2_CID_EXPOSURE_ABSOLUTE,
+         V4L2_CID_GAIN,
+         sim::linearGain}};
     // 0.01 s is 22330.2 lines; 1/30 s is 74433.99 lines: line 74433, also the frame period at 30 frames/s.
     // Generic: 0.01 s is 529.002 lines, 1/30 s 1763.34 (the frame period, 1763). File: 0.01f s, just
-    // below 0.01, is 499.99999 lines of 20 us, truncated to 499; 1/30 s is 1666.7.
+    // below 0.01, is 499.99999 lines of 20 us, truncated to 499; 1/30 s is 1666.7. Absolute: 0.01f s is
+    // 99.99999 units of 100 us, truncated to 99; 1/30 s is 333.3.
     const struct {
         const char* sensor;
         float gain, seconds;
@@ -73,10 +87,11 @@ TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
                  {"generic", 4.0f, 1.0f / 30.0f, 192, 1763},
                  {"generic", 16.0f, 0.01f, 232, 529},
                  {"file", 2.0f, 0.01f, 64, 499},
-                 {"file", 0.5f, 1.0f / 30.0f, 16, 1666}};
-    for (const auto& [name, keys] : sensors) {
+                 {"file", 0.5f, 1.0f / 30.0f, 16, 1666},
+                 {"absolute", 2.0f, 0.01f, 512, 99},
+                 {"absolute", 16.0f, 1.0f / 30.0f, 2560, 333}};
+    for (const auto& [name, keys, exposureId, gainId, law] : sensors) {
         CameraRig rig(keys);
-        const uint32_t gainId = name == "default" ? sensor::CID_GAIN : V4L2_CID_ANALOGUE_GAIN;
         for (const auto& c : cases) {
             if (c.sensor != name) continue;
             rig.change([&c](Controls& controls) {
@@ -86,11 +101,12 @@ TEST(ManualExposure, WritesTheGainRegisterAndTheTimeInLinesAndWinsOverLock) {
                 controls.ae.manualExposure = c.seconds;
             });
             rig.evaluate(frame.bucket);
-            const std::pair<int32_t, int32_t> written{rig.reg(sensor::CID_EXPOSURE), rig.reg(gainId)};
+            const std::pair<int32_t, int32_t> written{rig.reg(exposureId), rig.reg(gainId)};
             EXPECT_EQ(written, std::make_pair(c.exposureRegister, c.gainRegister)) << name << " " << c.gain;
-            if (name != "generic") continue;
             // Code to gain: the camera's reading of the register is the simulator's.
-            EXPECT_FLOAT_EQ(rig.camera->sensorProfile().gain.toGain(written.second), sim::genericGain(written.second));
+            if (law) {
+                EXPECT_FLOAT_EQ(rig.camera->sensorProfile().gain.toGain(written.second), law(written.second));
+            }
         }
     }
     std::ofstream(file) << R"({"gain": {"law": "cubic"}})";

@@ -101,6 +101,7 @@ TEST_P(ClosedLoop3A, LuminanceSettlesAfterIlluminanceSteps) {
         return;
     }
     expectSettled(reference, luminanceSettling({{"sim.controls", "generic"}}));
+    expectSettled(reference, luminanceSettling({{"sim.controls", "generic"}, {"sim.gainControl", "gain"}}));
 }
 
 TEST_P(ClosedLoop3A, GrayPatchChromaSettlesAfterAColourTemperatureStep) {

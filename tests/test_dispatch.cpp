@@ -146,34 +146,38 @@ void expectWrittenBytes(IspRig& rig, cap::CUDADemosaicMode mode, const std::vect
 
 // Also checks that the full-size YUV image of every configuration that has one is the one of
 // YUV_ONLY in the same mode: every Lanczos run and every bilinear colour kernel share the colour path.
-// The sizes: the default sensor's four and the sensor modes with derived launch shapes.
-TEST(WrittenBytes, ExactlyTheOutputsOfEveryConfigurationModeAndSize) {
+// The sizes: the default sensor's four and the sensor modes with derived launch shapes, one test
+// each, so that a stage may leave out sizes by name.
+struct WrittenBytes : ::testing::TestWithParam<ProcessedSize> {};
+
+TEST_P(WrittenBytes, ExactlyTheOutputsOfEveryConfigurationAndMode) {
     RUVO_REQUIRE_CUDA_DEVICE();
-    std::vector<ProcessedSize> sizes = supportedSizes();
-    sizes.insert(sizes.end(), sensorModeSizes().begin(), sensorModeSizes().end());
-    for (const ProcessedSize& size : sizes) {
-        const std::vector<uint16_t> frame = randomSensorFrame(size.width, size.height, 71);
-        const size_t yuvBytes = static_cast<size_t>(size.width) * size.height * 3 / 2;
-        std::vector<unsigned char> yuvOnly[2];
-        for (int configuration = 0; configuration < 12; ++configuration) {
-            IspRig rig(configuration, size);
-            rig.fillRaw(frame);
-            for (cap::CUDADemosaicMode mode : {cap::BILINEAR_5, cap::LANCZOS_11}) {
-                const std::string what = sizeName(size) + " configuration " + std::to_string(configuration) + " mode " +
-                                         std::to_string(mode);
-                expectWrittenBytes(rig, mode, expectedWrites(configuration, mode, size, rig.bufferCount()), what);
-                if (HasFatalFailure()) return;
-                std::vector<unsigned char> yuv = rig.copy(0);
-                yuv.resize(yuvBytes);
-                if (configuration == cap::YUV_ONLY) yuvOnly[mode] = yuv;
-                const bool rgb = configuration == cap::RGB_ONLY || configuration == cap::NO_DEMOSAIC_RGB;
-                if (mode == cap::LANCZOS_11 || !rgb) {
-                    EXPECT_EQ(yuv, yuvOnly[mode]) << what << " colour image";
-                }
+    const ProcessedSize size = GetParam();
+    const std::vector<uint16_t> frame = randomSensorFrame(size.width, size.height, 71);
+    const size_t yuvBytes = static_cast<size_t>(size.width) * size.height * 3 / 2;
+    std::vector<unsigned char> yuvOnly[2];
+    for (int configuration = 0; configuration < 12; ++configuration) {
+        IspRig rig(configuration, size);
+        rig.fillRaw(frame);
+        for (cap::CUDADemosaicMode mode : {cap::BILINEAR_5, cap::LANCZOS_11}) {
+            const std::string what =
+                sizeName(size) + " configuration " + std::to_string(configuration) + " mode " + std::to_string(mode);
+            expectWrittenBytes(rig, mode, expectedWrites(configuration, mode, size, rig.bufferCount()), what);
+            if (HasFatalFailure()) return;
+            std::vector<unsigned char> yuv = rig.copy(0);
+            yuv.resize(yuvBytes);
+            if (configuration == cap::YUV_ONLY) yuvOnly[mode] = yuv;
+            const bool rgb = configuration == cap::RGB_ONLY || configuration == cap::NO_DEMOSAIC_RGB;
+            if (mode == cap::LANCZOS_11 || !rgb) {
+                EXPECT_EQ(yuv, yuvOnly[mode]) << what << " colour image";
             }
         }
     }
 }
+
+const auto kSizeName = [](const auto& info) { return sizeName(info.param); };
+INSTANTIATE_TEST_SUITE_P(AllSizes, WrittenBytes, ::testing::ValuesIn(supportedSizes()), kSizeName);
+INSTANTIATE_TEST_SUITE_P(SensorModes, WrittenBytes, ::testing::ValuesIn(sensorModeSizes()), kSizeName);
 
 TEST(UnsupportedSize, AbortsWithTheSizeAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

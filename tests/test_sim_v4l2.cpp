@@ -93,7 +93,8 @@ TEST(MakeDeviceIo, RejectsSimKeysItCannotUse) {
                                     "sim.sizes=",
                                     "sim.sizes=64x64..32x32/2x2",
                                     "sim.sizes=64x64..128x128",
-                                    "sim.sizes=64x64..128x128/3x2"}) {
+                                    "sim.sizes=64x64..128x128/3x2",
+                                    "sim.exposureControl=absolute"}) {
         const size_t equals = entry.find('=');
         const std::string path = testing::uniqueSimPath("bad");
         EXPECT_THROW(makeDeviceIo(path, testing::cameraEntry({{entry.substr(0, equals), entry.substr(equals + 1)}})),

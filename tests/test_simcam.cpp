@@ -86,7 +86,8 @@ class SimCamCompliance : public ::testing::TestWithParam<std::pair<std::string, 
 
 // Without and with streaming (-s: memory mapping and user pointers, each without polling, with
 // select and with epoll), with the default and the generic control set (64-bit pixel rate,
-// three control classes, flips that change the format). Control events are found by select's
+// three control classes, flips that change the format), and the generic set with absolute
+// exposure (a fourth class) and a linear gain. Control events are found by select's
 // exceptfds through the preload library.
 TEST_P(SimCamCompliance, EveryTestPasses) {
 #ifndef RUVO_SIMCAM_LIBRARY
@@ -96,8 +97,11 @@ TEST_P(SimCamCompliance, EveryTestPasses) {
         GTEST_SKIP() << "v4l2-compliance is absent: install v4l-utils (scripts/install-deps.sh)";
     const std::string config = ::testing::TempDir() + "ruvo-simcam-compliance.properties";
     const std::string node = "/dev/ruvo-simcam-compliance0";
-    std::ofstream(config) << "node.0.path = " << node << "\nnode.0.sim.clock = free\n"
-                          << "node.0.sim.controls = " << GetParam().second << "\n";
+    std::ofstream file(config);
+    file << "node.0.path = " << node << "\nnode.0.sim.clock = free\n";
+    std::istringstream keys(GetParam().second);
+    for (std::string key; keys >> key;) file << "node.0.sim." << key << "\n";
+    file.close();
     const auto [status, output] = run("RUVO_SIMCAM_CONFIG=" + config + " LD_PRELOAD=" + RUVO_SIMCAM_LIBRARY + " " +
                                       kCompliance + " -d " + node + " " + GetParam().first);
     EXPECT_EQ(status, 0) << output;
@@ -110,8 +114,10 @@ TEST_P(SimCamCompliance, EveryTestPasses) {
 }
 
 INSTANTIATE_TEST_SUITE_P(WithoutAndWithStreaming, SimCamCompliance,
-                         ::testing::Values(std::pair{"", "default"}, std::pair{"-s 20", "default"},
-                                           std::pair{"", "generic"}, std::pair{"-s 20", "generic"}));
+                         ::testing::Values(std::pair{"", "controls=default"}, std::pair{"-s 20", "controls=default"},
+                                           std::pair{"", "controls=generic"}, std::pair{"-s 20", "controls=generic"},
+                                           std::pair{"",
+                                                     "controls=generic exposureControl=absolute gainControl=gain"}));
 
 }  // namespace
 }  // namespace ruvo::capture

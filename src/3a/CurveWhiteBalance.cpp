@@ -1,4 +1,4 @@
-// White balance along the colour-temperature curve: undoing the pipeline's colour shaping, the
+// White balance along the colour-temperature curve: the
 // weighted votes of the samples near the curve, and the smoothing of the gains.
 #include "3a/CurveWhiteBalance.h"
 
@@ -10,35 +10,6 @@ namespace ruvo {
 namespace capture {
 namespace metering {
 namespace {
-
-using Matrix3 = std::array<std::array<double, 3>, 3>;
-
-// Rows: luma, blue difference and red difference of the shaped red, green and blue, as the
-// colour kernels weigh them (the differences at twice the kernels' half-range coefficients).
-constexpr Matrix3 kShapedToYuv = {{{0.299, 0.587, 0.114}, {-0.3374, -0.6626, 1.0}, {1.0, -0.8374, -0.1626}}};
-
-Matrix3 inverse(const Matrix3& m) {
-    Matrix3 out{};
-    const double det = m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
-                       m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
-                       m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
-    for (int r = 0; r < 3; ++r) {
-        for (int c = 0; c < 3; ++c) {
-            // Cofactor of (c, r), transposed into (r, c).
-            const int r0 = (c + 1) % 3, r1 = (c + 2) % 3, c0 = (r + 1) % 3, c1 = (r + 2) % 3;
-            out[r][c] = (m[r0][c0] * m[r1][c1] - m[r0][c1] * m[r1][c0]) / det;
-        }
-    }
-    return out;
-}
-
-// A chroma byte back to the signed difference it was shaped from: the byte's centre, less the
-// offset of one half, doubled, to the power 1 / exponent.
-float unshapeChroma(uint8_t byte, float exponent) {
-    const float shaped = 2.0f * ((static_cast<float>(byte) + 0.5f) / 255.0f - 0.5f);
-    const float magnitude = std::pow(std::fabs(shaped), 1.0f / exponent);
-    return shaped < 0.0f ? -magnitude : magnitude;
-}
 
 float gaussianWeight(float distance, float sigma) {
     const float z = distance / sigma;
@@ -74,18 +45,6 @@ float collectVotes(const Samples& samples, uint32_t count, const ColourShape& sh
 }
 
 }  // namespace
-
-bool linearRgb(uint8_t y, uint8_t u, uint8_t v, const ColourShape& shape, float rgb[3]) {
-    static const Matrix3 yuvToShaped = inverse(kShapedToYuv);
-    const double yuv[3] = {(y + 0.5) / 255.0, unshapeChroma(u, shape.chromaU), unshapeChroma(v, shape.chromaV)};
-    const float exponents[3] = {shape.red, shape.green, shape.blue};
-    for (int c = 0; c < 3; ++c) {
-        const double shaped = yuvToShaped[c][0] * yuv[0] + yuvToShaped[c][1] * yuv[1] + yuvToShaped[c][2] * yuv[2];
-        if (!(shaped > 0.0)) return false;
-        rgb[c] = static_cast<float>(std::pow(shaped, 1.0 / exponents[c]));
-    }
-    return true;
-}
 
 IlluminantEstimate estimateIlluminant(const Samples& samples, uint32_t count, const ColourShape& shape,
                                       const ChannelGains& applied, const ColourTemperatureCurve& curve,

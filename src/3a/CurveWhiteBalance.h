@@ -8,6 +8,7 @@
 // agree on one temperature.
 #pragma once
 
+#include "3a/ColourInverse.h"
 #include "3a/ColourTemperatureCurve.h"
 #include "3a/Metering.h"
 
@@ -17,18 +18,6 @@
 namespace ruvo {
 namespace capture {
 namespace metering {
-
-// The pipeline's colour shaping: per-channel exponents of the linear values, and the exponents
-// of the blue-difference (chromaU) and red-difference (chromaV) values.
-struct ColourShape {
-    float red = 0.8f, green = 0.8f, blue = 0.8f;
-    float chromaU = 0.78f, chromaV = 0.78f;
-};
-
-// Linear red, green and blue (0..1 of full scale) of a pixel with luma y and the chroma u, v of
-// its 2 x 2 block, as the pipeline wrote them (bytes, truncated). False when the bytes describe
-// no colour with all three channels above zero.
-bool linearRgb(uint8_t y, uint8_t u, uint8_t v, const ColourShape& shape, float rgb[3]);
 
 struct CurveSearch {
     float sigma = 0.04f;        // distance to the curve (log units) at which a sample's weight is e^-0.5

@@ -48,6 +48,15 @@ constexpr unsigned kSizeUnit = 1u << kLastStep;
 // Tuned shapes. `visibleHeight` is the height the sensor delivers: below `height` when the
 // pyramid would not divide it, the rows between being padding. 1280 x 720 uses a 20-wide block at
 // step 4 because 32 does not divide its 80 columns of threads.
+//
+// They are a table because no rule stated from the size alone gives them. At step 1, 1280 x 720
+// and 1920 x 1152 both launch 32-wide blocks over thread rows (360, 576) that 12 and 24 both
+// divide, and 32 x 24 = 768 threads is within the bound; 1280 x 720 takes 24 rows (300 blocks of
+// 768 threads) and 1920 x 1152 takes 12 (1440 blocks of 384). The smaller image takes the larger
+// block, so any rule that picks the block size monotonically in the image size, the thread count
+// or the grid count (most threads, fewest threads, at least or at most N blocks) contradicts one
+// of them. Widths say the same: at step 2 672 x 384 takes 14-wide blocks where 28 divides its 168
+// columns, and at step 3 2688 x 1520 takes 24 where 28 divides its 336.
 struct TunedGeometry {
     LaunchGeometry geometry;
     unsigned visibleHeight;

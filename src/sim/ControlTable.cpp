@@ -32,11 +32,13 @@ ControlInfo classHeading(uint32_t id, const char* name) {
         id, name, V4L2_CTRL_TYPE_CTRL_CLASS, 0, 0, 0, 0, V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY};
 }
 
-// Standard controls only: exposure in lines, analogue gain, the blanking and pixel rate that time
-// a line, the black level, and flips that change the Bayer order.
-std::vector<ControlInfo> genericControls(float fps, int32_t blackLevel) {
-    const auto periodLines = static_cast<int32_t>(std::floor(1.0 / static_cast<double>(fps) / kGenericLineSeconds));
-    const auto defaultLines = static_cast<int32_t>(std::lround(kDefaultExposureSeconds / kGenericLineSeconds));
+// Standard controls only: exposure in lines or in 100 us, analogue or linear gain, the blanking
+// and pixel rate that time a line, the black level, and flips that change the Bayer order.
+std::vector<ControlInfo> genericControls(float fps, int32_t blackLevel, StandardControls standard) {
+    const double period = 1.0 / static_cast<double>(fps);
+    const double unit = standard.exposure == ExposureControl::Lines ? kGenericLineSeconds : kAbsoluteExposureSeconds;
+    const auto periodUnits = static_cast<int32_t>(std::floor(period / unit));
+    const auto defaultUnits = static_cast<int32_t>(std::lround(kDefaultExposureSeconds / unit));
     ControlInfo hflip = boolean(V4L2_CID_HFLIP, "Horizontal Flip");
     ControlInfo vflip = boolean(V4L2_CID_VFLIP, "Vertical Flip");
     hflip.flags = vflip.flags = V4L2_CTRL_FLAG_MODIFY_LAYOUT;
@@ -44,18 +46,29 @@ std::vector<ControlInfo> genericControls(float fps, int32_t blackLevel) {
         readOnly(integer(V4L2_CID_PIXEL_RATE, "Pixel Rate", kGenericPixelRate, kGenericPixelRate, kGenericPixelRate));
     pixelRate.type = V4L2_CTRL_TYPE_INTEGER64;
     const int32_t blanking = kGenericLineLength - 1280;
-    return {
+    std::vector<ControlInfo> controls = {
         classHeading(V4L2_CID_USER_CLASS, "User Controls"),
-        integer(V4L2_CID_EXPOSURE, "Exposure", 1, periodLines, std::min(defaultLines, periodLines)),
         readOnly(integer(V4L2_CID_BLACK_LEVEL, "Black Level", 0, 1023, blackLevel)),
         hflip,
         vflip,
         classHeading(V4L2_CID_IMAGE_SOURCE_CLASS, "Image Source Controls"),
         readOnly(integer(V4L2_CID_HBLANK, "Horizontal Blanking", 0, kGenericLineLength, blanking)),
-        integer(V4L2_CID_ANALOGUE_GAIN, "Analogue Gain", 0, kGenericMaxGainCode, 0),
         classHeading(V4L2_CID_IMAGE_PROC_CLASS, "Image Processing Controls"),
         pixelRate,
     };
+    const int32_t exposureDefault = std::min(defaultUnits, periodUnits);
+    if (standard.exposure == ExposureControl::Lines) {
+        controls.push_back(integer(V4L2_CID_EXPOSURE, "Exposure", 1, periodUnits, exposureDefault));
+    } else {
+        controls.push_back(classHeading(V4L2_CID_CAMERA_CLASS, "Camera Controls"));
+        controls.push_back(
+            integer(V4L2_CID_EXPOSURE_ABSOLUTE, "Exposure Time, Absolute", 1, periodUnits, exposureDefault));
+    }
+    if (standard.gain == GainControl::Analogue)
+        controls.push_back(integer(V4L2_CID_ANALOGUE_GAIN, "Analogue Gain", 0, kGenericMaxGainCode, 0));
+    else
+        controls.push_back(integer(V4L2_CID_GAIN, "Gain", kLinearGainUnity, kLinearMaxGainCode, kLinearGainUnity));
+    return controls;
 }
 
 // The default sensor's controls, its private ones included.
@@ -89,9 +102,14 @@ std::vector<ControlInfo> defaultControls(float fps) {
 
 }  // namespace
 
-ControlTable::ControlTable(float fps, ControlSet set, int32_t blackLevel)
-    : _infos(set == ControlSet::Generic ? genericControls(fps, blackLevel) : defaultControls(fps)),
-      _gainId(set == ControlSet::Generic ? V4L2_CID_ANALOGUE_GAIN : sensor::CID_GAIN) {
+ControlTable::ControlTable(float fps, ControlSet set, int32_t blackLevel, StandardControls standard)
+    : _infos(set == ControlSet::Generic ? genericControls(fps, blackLevel, standard) : defaultControls(fps)),
+      _exposureId(set == ControlSet::Generic && standard.exposure == ExposureControl::Absolute
+                      ? V4L2_CID_EXPOSURE_ABSOLUTE
+                      : sensor::CID_EXPOSURE),
+      _gainId(set != ControlSet::Generic             ? sensor::CID_GAIN
+              : standard.gain == GainControl::Linear ? V4L2_CID_GAIN
+                                                     : V4L2_CID_ANALOGUE_GAIN) {
     std::sort(_infos.begin(), _infos.end(), [](const ControlInfo& a, const ControlInfo& b) { return a.id < b.id; });
     for (const ControlInfo& info : _infos) _values.push_back(info.defaultValue);
 }

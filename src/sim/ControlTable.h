@@ -39,12 +39,29 @@ constexpr int32_t kGenericMaxGainCode = 232;
 constexpr double kGenericLineSeconds = static_cast<double>(kGenericLineLength) / kGenericPixelRate;
 constexpr float genericGain(int32_t code) { return 256.0f / (256.0f - static_cast<float>(code)); }
 
+// The generic set's exposure control: V4L2_CID_EXPOSURE in lines, or V4L2_CID_EXPOSURE_ABSOLUTE
+// in units of kAbsoluteExposureSeconds (sim.exposureControl = lines | absolute). Its gain
+// control: V4L2_CID_ANALOGUE_GAIN by the law above, or V4L2_CID_GAIN, linear with
+// kLinearGainUnity for a gain of 1 (sim.gainControl = analogue | gain).
+enum class ExposureControl { Lines, Absolute };
+enum class GainControl { Analogue, Linear };
+constexpr double kAbsoluteExposureSeconds = 100e-6;
+constexpr int32_t kLinearGainUnity = 256;
+constexpr int32_t kLinearMaxGainCode = 2560;
+constexpr float linearGain(int32_t code) { return static_cast<float>(code) / static_cast<float>(kLinearGainUnity); }
+struct StandardControls {
+    ExposureControl exposure = ExposureControl::Lines;
+    GainControl gain = GainControl::Analogue;
+};
+
 class ControlTable {
 public:
     // The exposure maximum is one frame period at `fps`, in sensor lines. The generic set's
     // black level reads `blackLevel` (10-bit codes).
-    explicit ControlTable(float fps, ControlSet set = ControlSet::Default, int32_t blackLevel = 0);
-    // The control holding the analogue gain (delayed like the exposure).
+    explicit ControlTable(float fps, ControlSet set = ControlSet::Default, int32_t blackLevel = 0,
+                          StandardControls standard = {});
+    // The controls holding the exposure and the analogue gain (both delayed).
+    uint32_t exposureId() const { return _exposureId; }
     uint32_t gainId() const { return _gainId; }
 
     // The control with this id, or null.
@@ -63,6 +80,7 @@ public:
 private:
     std::vector<ControlInfo> _infos;  // ascending id
     std::vector<int32_t> _values;     // parallel to _infos
+    uint32_t _exposureId;
     uint32_t _gainId;
 };
 

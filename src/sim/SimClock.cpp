@@ -78,9 +78,11 @@ FrameSettings SimulatedSensor::frameSettings(uint64_t frame) {
     s.gain = _gain.advanceTo(frame);
     if (_config.controls == ControlSet::Generic) {
         // The model's units are the default sensor's: lines of its line time, its gain curve.
-        s.exposure = static_cast<int32_t>(
-            std::lround(s.exposure * kGenericLineSeconds * 1e6 / sensor::kExposureUnitMicroseconds));
-        s.gain = gainToRegister(genericGain(s.gain));
+        const bool lines = _config.standard.exposure == ExposureControl::Lines;
+        const double seconds = s.exposure * (lines ? kGenericLineSeconds : kAbsoluteExposureSeconds);
+        s.exposure = static_cast<int32_t>(std::lround(seconds * 1e6 / sensor::kExposureUnitMicroseconds));
+        s.gain =
+            gainToRegister(_config.standard.gain == GainControl::Linear ? linearGain(s.gain) : genericGain(s.gain));
     } else {
         s.redGain = _controls.value(CID_RED_GAIN);
         s.greenGain = _controls.value(CID_GREEN_GAIN);

@@ -80,6 +80,26 @@ ControlSet readControlSet(const AbstractConfiguration& config) {
     invalid("sim.controls", text, "expected default or generic");
 }
 
+// Which standard exposure and gain controls the generic set offers; the default set has its own.
+StandardControls readStandardControls(const AbstractConfiguration& config, ControlSet controls) {
+    StandardControls standard;
+    const std::string exposure = Poco::trim(config.getString("sim.exposureControl", "lines"));
+    const std::string gain = Poco::trim(config.getString("sim.gainControl", "analogue"));
+    if (exposure == "absolute")
+        standard.exposure = ExposureControl::Absolute;
+    else if (exposure != "lines")
+        invalid("sim.exposureControl", exposure, "expected lines or absolute");
+    if (gain == "gain")
+        standard.gain = GainControl::Linear;
+    else if (gain != "analogue")
+        invalid("sim.gainControl", gain, "expected analogue or gain");
+    const bool standardOnly = standard.exposure != ExposureControl::Lines || standard.gain != GainControl::Analogue;
+    if (standardOnly && controls != ControlSet::Generic)
+        invalid(standard.exposure != ExposureControl::Lines ? "sim.exposureControl" : "sim.gainControl",
+                standard.exposure != ExposureControl::Lines ? exposure : gain, "needs sim.controls = generic");
+    return standard;
+}
+
 // A sensor with the standard controls is a bare sensor unless told otherwise: its colour response is
 // the raw one, whose colour-temperature curve the generic profile's white balance follows.
 ColourResponse readColourResponse(const AbstractConfiguration& config, ControlSet controls) {
@@ -148,6 +168,7 @@ SimConfig readSimConfig(const AbstractConfiguration& config) {
         readNumber(config, "sim.colourTemperature", c.colourTemperature, kMinColourTemperature, kMaxColourTemperature));
     c.controls = readControlSet(config);
     c.colourResponse = readColourResponse(config, c.controls);
+    c.standard = readStandardControls(config, c.controls);
     c.clock = readClock(config);
     c.fps = static_cast<float>(readNumber(config, "sim.fps", c.fps, 0.1, 1000.0));
     c.noise = readFlag(config, "sim.noise", c.noise);

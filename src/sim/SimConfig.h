@@ -58,6 +58,7 @@ struct SimConfig {
     // Formats offered, the first at start (sim.format; without it, the one sim.samples names).
     std::vector<sensor::PixelFormat> formats{sensor::defaultLayoutFormat()};
     ControlSet controls = ControlSet::Default;  // sim.controls: default | generic
+    StandardControls standard;                  // sim.exposureControl, sim.gainControl (generic set only)
     FrameSizes sizes;                           // offered frame sizes (sim.sizes)
     uint32_t exposureDelay = 2;                 // frames until an exposure write shows
     uint32_t gainDelay = 1;                     // frames until a gain write shows

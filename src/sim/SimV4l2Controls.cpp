@@ -160,11 +160,11 @@ int SimulatedSensor::extControls(int fd, unsigned long request, v4l2_ext_control
 void SimulatedSensor::writeControl(int fd, const ControlInfo& info, int32_t value) {
     const int32_t old = _controls.value(info.id);
     const int32_t stored = _controls.set(info.id, value);
-    DelayedValue* delayed = info.id == sensor::CID_EXPOSURE ? &_exposure
-                            : info.id == _controls.gainId() ? &_gain
-                                                            : nullptr;
+    DelayedValue* delayed = info.id == _controls.exposureId() ? &_exposure
+                            : info.id == _controls.gainId()   ? &_gain
+                                                              : nullptr;
     if (delayed) {
-        const uint32_t delay = info.id == sensor::CID_EXPOSURE ? _config.exposureDelay : _config.gainDelay;
+        const uint32_t delay = info.id == _controls.exposureId() ? _config.exposureDelay : _config.gainDelay;
         if (_streaming)
             delayed->schedule(stored, _nextFrame, delay);
         else

@@ -38,8 +38,8 @@ struct ::timeval toTimeval(std::chrono::steady_clock::duration d) {
 SimulatedSensor::SimulatedSensor(std::string path, SimConfig config)
     : _path(std::move(path)),
       _config(std::move(config)),
-      _controls(_config.fps, _config.controls, _config.pedestal),
-      _exposure(_controls.value(sensor::CID_EXPOSURE)),
+      _controls(_config.fps, _config.controls, _config.pedestal, _config.standard),
+      _exposure(_controls.value(_controls.exposureId())),
       _gain(_controls.value(_controls.gainId())),
       _illuminance(_config.illuminance),
       _colourTemperature(_config.colourTemperature),

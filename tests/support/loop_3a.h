@@ -49,7 +49,7 @@ public:
         LoopFrame frame;
         frame.meteredY = CUDACameraTestAccess::aeMeteredY(*rig.camera);
         measureGrayPatch(*bucket, frame);
-        frame.exposure = rig.reg(sensor::CID_EXPOSURE);
+        frame.exposure = rig.reg(rig.camera->sensorProfile().exposureControl);
         frame.gain = rig.reg(rig.camera->sensorProfile().gainControl);
         // Without the sensor's channel gains, the pipeline's as the frame's feedback gives them.
         const bool sensorGains = rig.camera->sensorProfile().channelGains;
