@@ -30,14 +30,16 @@ constexpr ProcessedSize kSmall{672, 384};
 constexpr size_t kPlane = static_cast<size_t>(kSmall.width) * kSmall.height;
 
 TEST(FastMath, PowerIsAccurateAndZeroForZeroAndNegativeValues) {
-    // Just below 1 the logarithm must stay accurate relative to its size, or full scale turns 254.
+    // Just below 1 the logarithm must stay accurate relative to its size, or full scale turns 254; the
+    // power keeps the relative error its comment states (a luma byte then moves by at most one step).
     EXPECT_NEAR(k::fastLog2(0.99999994f), std::log2(static_cast<double>(0.99999994f)), 1e-11);
     for (float gamma : {0.3f, 0.8f, 1.0f, 2.2f}) {
         EXPECT_EQ(k::fastPow(0.0f, gamma), 0.0f);
         EXPECT_EQ(k::fastPow(-0.25f, gamma), 0.0f);
         EXPECT_EQ(k::fastPow(1.0f, gamma), 1.0f);
         for (float x = 1e-6f; x <= 4.0f; x *= 1.07f) {
-            ASSERT_NEAR(k::fastPow(x, gamma) / std::pow(static_cast<double>(x), gamma), 1.0, 1e-5) << x << "^" << gamma;
+            ASSERT_NEAR(k::fastPow(x, gamma) / std::pow(static_cast<double>(x), gamma), 1.0, 1.2e-4 * gamma + 1.03e-4)
+                << x << "^" << gamma;
         }
     }
 }
