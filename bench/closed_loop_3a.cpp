@@ -35,11 +35,12 @@ std::vector<float> pick(const std::vector<LoopFrame>& frames, float LoopFrame::*
 }
 
 // One row: the quantity's target and last value, the frame from which it stayed in the band
-// (frame by frame, and as a mean over 8 frames), its overshoot and how often it left the band.
+// (frame by frame, and as a mean over 16 frames, as the closed-loop test judges region metering), its overshoot and how
+// often it left the band.
 void report(const char* configuration, const std::string& phase, const char* quantity, const std::vector<float>& values,
             float target) {
     const Settling s = settling(values, target, kBand);
-    const Settling smooth = settling(ruvo::capture::testing::movingAverage(values, 8), target, kBand);
+    const Settling smooth = settling(ruvo::capture::testing::movingAverage(values, 16), target, kBand);
     auto frames = [](const Settling& x) { return x.frames < 0 ? std::string("never") : std::to_string(x.frames); };
     std::printf("%-24s %-18s %-9s %7.4f %7.4f %8s %8s %9.1f%% %9d\n", configuration, phase.c_str(), quantity, target,
                 values.empty() ? 0.0f : values.back(), frames(s).c_str(), frames(smooth).c_str(), 100.0f * s.overshoot,
@@ -105,7 +106,7 @@ int main(int argc, char** argv) {
     std::printf("%ux%u, %d frames per phase (colour phase twice as long), band %.0f%%\n", width, height, frames,
                 100 * kBand);
     std::printf("%-24s %-18s %-9s %7s %7s %8s %8s %10s %9s\n", "configuration", "phase", "quantity", "target", "last",
-                "settled", "mean8", "overshoot", "exits");
+                "settled", "mean16", "overshoot", "exits");
     const std::pair<const char*, const char*> configurations[] = {{"0", "YUV_ONLY"}, {"2", "YUV_2_4_SKIN_HISTOGRAM"}};
     bool first = true;
     for (const auto& [index, name] : configurations) {

@@ -113,7 +113,7 @@ fi
 # arm64: the programs that check pipeline bytes (kernels, dispatch), 3A arithmetic, and the camera
 # with the simulated sensor (lifecycle, controls, read and release, every Bayer layout, the per-frame
 # 3A step), run under the emulator. RUVO_ARM64_TESTS (";"-separated program names) picks others.
-# The closed 3A loop (test_3a_closed_loop: 600 frames per case) takes minutes per case emulated; its
+# The closed 3A loop (test_3a_closed_loop: 450 frames per case) takes minutes per case emulated; its
 # arithmetic is the metering and per-frame 3A step checked here, and the host stages run it.
 arm64_tests=${RUVO_ARM64_TESTS:-"test_kernels_colour;test_kernels_lanczos;test_kernels_pyramid;test_kernels_skin;test_dispatch;test_3a_metering;test_3a_camera;test_camera"}
 if has_stage arm64; then

@@ -46,6 +46,16 @@ public:
         if (!rig.sensor->step()) throw std::runtime_error("the simulated sensor dropped a frame");
         CUDACamera::Bucket* bucket = rig.camera->read();
         if (bucket == nullptr) throw std::runtime_error("no frame after a step");
+        // Every buffer goes back on every way out, so a failed read below cannot leave the rig's
+        // stop() waiting for it.
+        struct Release {
+            CUDACamera& camera;
+            const CUDACamera::Bucket& bucket;
+            ~Release() {
+                for (size_t k = 0; k < bucket.buffers.size(); ++k)
+                    camera.release(bucket.index, static_cast<unsigned>(k));
+            }
+        } release{*rig.camera, *bucket};
         LoopFrame frame;
         frame.meteredY = CUDACameraTestAccess::aeMeteredY(*rig.camera);
         measureGrayPatch(*bucket, frame);
@@ -56,8 +66,6 @@ public:
         const std::array<float, 4>& gains = bucket->feedback.autoWhiteBalanceGains;
         frame.redGain = sensorGains ? rig.reg(sensor::CID_RED_GAIN) : static_cast<int32_t>(gains.front() * 1024.0f);
         frame.blueGain = sensorGains ? rig.reg(sensor::CID_BLUE_GAIN) : static_cast<int32_t>(gains.back() * 1024.0f);
-        for (size_t k = 0; k < bucket->buffers.size(); ++k)
-            rig.camera->release(bucket->index, static_cast<unsigned>(k));
         return frame;
     }
 
