@@ -95,7 +95,9 @@ TEST_P(SimCamCompliance, EveryTestPasses) {
 #else
     if (access(kCompliance, X_OK) != 0)
         GTEST_SKIP() << "v4l2-compliance is absent: install v4l-utils (scripts/install-deps.sh)";
-    const std::string config = ::testing::TempDir() + "ruvo-simcam-compliance.properties";
+    // One file per process: ctest runs the cases side by side.
+    const std::string config =
+        ::testing::TempDir() + "ruvo-simcam-compliance-" + std::to_string(getpid()) + ".properties";
     const std::string node = "/dev/ruvo-simcam-compliance0";
     std::ofstream file(config);
     file << "node.0.path = " << node << "\nnode.0.sim.clock = free\n";
