@@ -12,9 +12,12 @@ set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 # Find modules that ask pkg-config (expat, for Poco XML) read the arm64 package files.
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig)
 set(ENV{PKG_CONFIG_PATH} "")
-# binfmt_misc may be missing (containers), so the emulator is named explicitly, with the arm64
-# loader and libraries of the cross toolchain and the multiarch packages.
+# binfmt_misc may be missing (containers), so the emulator is named explicitly. Programs run with
+# the multiarch arm64 loader and libraries (-L /), never the cross toolchain's own C library
+# (/usr/aarch64-linux-gnu): that is another build of the C library than the multiarch one the
+# other libraries pull in, and a loader from one with the C library of the other hangs in the
+# first pthread_create.
 find_program(RUVO_QEMU_AARCH64 qemu-aarch64 qemu-aarch64-static REQUIRED)
-set(CMAKE_CROSSCOMPILING_EMULATOR ${RUVO_QEMU_AARCH64} -L /usr/aarch64-linux-gnu)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${RUVO_QEMU_AARCH64} -L /)
 # Poco's arm64 CMake package files, unpacked by scripts/install-deps.sh.
 list(APPEND CMAKE_PREFIX_PATH ${CMAKE_CURRENT_LIST_DIR}/../build/arm64-poco/usr)

@@ -23,7 +23,7 @@ packages=(
 # conflict), so only its runtime libraries are installed and its development files are unpacked
 # into build/arm64-poco (see arm64_poco below).
 arm64_packages=(
-  crossbuild-essential-arm64 qemu-user
+  crossbuild-essential-arm64 qemu-user libgomp1:arm64
   libpng-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
   zlib1g-dev:arm64 libpcre3-dev:arm64 libexpat1-dev:arm64
   libpocofoundation80:arm64 libpocoutil80:arm64 libpocoxml80:arm64 libpocojson80:arm64
