@@ -451,8 +451,14 @@ bool CUDACamera::waitForBuffersToBeReturned(std::chrono::steady_clock::time_poin
     const std::string prefix = "CUDACamera(" + _params.name + ")";
     _logger.trace(prefix + "::" + "waitForBuffersToBeReturned");
     for (;;) {
-        size_t free = 0;  // buckets no client holds (a bucket that never got memory counts too)
-        for (const Bucket& bucket : _buckets) free += bucket.status != Bucket::USED ? 1 : 0;
+        // Buckets no client holds (a bucket that never got memory counts too). Read under each
+        // bucket's lock: a client's return marks its bucket free and queues it under that lock, so a
+        // bucket counted here is no longer being handed back when the caller frees its memory.
+        size_t free = 0;
+        for (Bucket& bucket : _buckets) {
+            Poco::FastMutex::ScopedLock lock(bucket.mutex);
+            free += bucket.status != Bucket::USED ? 1 : 0;
+        }
         if (free == _buckets.size()) {
             _logger.information(prefix + " All buffers returned");
             return true;

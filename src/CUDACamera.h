@@ -82,7 +82,8 @@ public:
             CUDAFrame frame;
         };
 
-        Status status = INVALID;
+        // Read by the stopping thread while capture and client threads change it.
+        std::atomic<Status> status{INVALID};
         uint32_t width = 0;
         uint32_t height = 0;
         uint32_t cuda_height = 0;  // rows of the GPU input: 384 for 380, 1152 for 1080

@@ -275,11 +275,16 @@ TEST_F(Device, AFailingCameraEndsConstructionCleanly) {
 TEST_F(TwoCameras, StalledCameraDoesNotHoldBackTheOtherAndResumes) {
     impl->start();
     ASSERT_TRUE(client.waitForFrames(0, 3));
-    sensor(0)->stall(2500ms);  // past the reader's 2 s wait
+    // Stalled until ended below, so that a slow machine cannot end the stall early; the other camera
+    // is checked to go on past the stalled reader's 2 s wait.
+    const auto stalledSince = std::chrono::steady_clock::now();
+    sensor(0)->stall(std::chrono::hours(1));
     const uint64_t stalledAt = client.delivered(0);
+    std::this_thread::sleep_until(stalledSince + 2500ms);
     ASSERT_TRUE(client.waitForFrames(1, 20));
     EXPECT_LE(client.delivered(0), stalledAt + 4);  // at most what was already in flight
-    ASSERT_TRUE(client.waitForFrames(0, 5, 15s));   // resumes once frames come again
+    sensor(0)->stall(0ms);
+    ASSERT_TRUE(client.waitForFrames(0, 5, 15s));  // resumes once frames come again
     impl->stop();
 }
 
