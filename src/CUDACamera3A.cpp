@@ -90,6 +90,7 @@ void CUDACamera::applyManualExposure() {
     setControl(_profile.exposureControl, _profile.exposureRegister(_controls.ae.manualExposure));
     setControl(_profile.gainControl, _profile.gain.toRegister(_controls.ae.manualGain));
     _aeState.controlNeedsUpdate = true;
+    _meteringScratch.exposureCarry = metering::ExposureCarry();
 }
 
 // Writes back the last automatic values once after manual mode or an automatic update.
@@ -217,7 +218,19 @@ void CUDACamera::updateExposure(float err, float avgY) {
     step.unitMicroseconds = _profile.exposureUnitMicroseconds();
     const auto current = static_cast<float>(getControl(_profile.exposureControl));
     _aeState.controlNeedsUpdate = true;
-    _aeState.exposure = truncateToRegister(metering::nextExposure(current, err, avgY, step));
+    // In 100 us units the register is coarse at short exposures (2.5 ms is 25 units, 4% each), and
+    // truncating every step to whole units drops each correction under one unit: on the simulator
+    // the exposure stalls at 5.5 ms after a 4x step down and the slower gain loop takes 50 frames
+    // to make up the rest (lines: 26). The loop carries its unrounded exposure instead, so such
+    // corrections add up until the register moves: 22 frames, 7.2 ms. Letting the gain take each
+    // frame's remainder was measured too and fails: with truncation, exposure can then only fall
+    // and runs down to 1 unit with the gain at its maximum; with rounding, the remainder below a
+    // unit is lost while the gain sits at its minimum, and a 4x step up stalls 27% above target.
+    // Units of lines keep the whole-unit step.
+    const bool coarse = _profile.exposureUnit == sensor::ExposureUnit::kHundredMicroseconds;
+    const float next = coarse ? metering::nextExposureCarried(current, err, avgY, step, _meteringScratch.exposureCarry)
+                              : metering::nextExposure(current, err, avgY, step);
+    _aeState.exposure = truncateToRegister(next);
     setControl(_profile.exposureControl, _aeState.exposure);
 }
 

@@ -102,6 +102,7 @@ TEST_P(ClosedLoop3A, LuminanceSettlesAfterIlluminanceSteps) {
     }
     expectSettled(reference, generic);
     expectSettled(reference, luminanceSettling({{"sim.controls", "generic"}, {"sim.gainControl", "gain"}}));
+    expectSettled(reference, luminanceSettling({{"sim.controls", "generic"}, {"sim.exposureControl", "absolute"}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Configurations, ClosedLoop3A, ::testing::Values(YUV_ONLY, YUV_2_4_SKIN_HISTOGRAM),

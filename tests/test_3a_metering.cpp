@@ -356,6 +356,35 @@ TEST(NextExposure, LimitedByRegisterRangeAndPermittedTime) {
     EXPECT_EQ(metering::nextExposure(70000.0f, 10.0f, 0.01f, narrow), 22330.0f);
 }
 
+// On a coarse unit the loop carries its unrounded exposure: corrections under one unit add up
+// where the whole-unit step stays put, a register someone else wrote restarts the step from the
+// register, and the carry stays within the limits (no wind-up past them).
+TEST(NextExposureCarried, SubUnitStepsAddUpWithinTheLimits) {
+    metering::ExposureStep s = exposureStep();
+    s.timeMax = 333.0f;
+    s.unitMicroseconds = 100.0;
+    metering::ExposureCarry carry;
+    std::vector<float> regs{55.0f};  // each frame +0.3 units: 55.3, 55.6, 55.9, 56.2
+    for (int frame = 0; frame < 4; ++frame)
+        regs.push_back(metering::nextExposureCarried(regs.back(), 0.03f, 0.27f, s, carry));
+    EXPECT_EQ(regs, (std::vector<float>{55.0f, 55.0f, 55.0f, 55.0f, 56.0f}));
+    EXPECT_EQ(metering::nextExposure(55.0f, 0.03f, 0.27f, s), 55.0f);
+    EXPECT_EQ(metering::nextExposureCarried(40.0f, 0.03f, 0.27f, s, carry), 40.0f);
+    EXPECT_NEAR(carry.target, 40.22f, 0.01f);
+    metering::ExposureStep narrow = s;
+    narrow.highSeconds = 0.01f;
+    struct Case {
+        float current, err;
+        const metering::ExposureStep& step;
+        float reg, target;
+    };
+    for (const Case& c : {Case{300.0f, 10.0f, s, 333.0f, 333.0f}, Case{300.0f, 10.0f, narrow, 100.0f, 100.0f},
+                          Case{3.0f, -10.0f, s, 1.0f, 1.6667f}}) {
+        EXPECT_EQ(metering::nextExposureCarried(c.current, c.err, 0.01f, c.step, carry), c.reg) << c.current;
+        EXPECT_NEAR(carry.target, c.target, 1e-3f) << c.current;
+    }
+}
+
 // The steps, gain limits and channel clamps are checked on the sensor by the exposure and white
 // balance tests; what is left are the not-a-number fallbacks.
 TEST(ControllerSteps, NotANumberFallsBack) {
@@ -364,6 +393,9 @@ TEST(ControllerSteps, NotANumberFallsBack) {
     // the step is 0 / 0.
     EXPECT_EQ(metering::nextExposure(1.0f, 0.0f, 0.0f, exposureStep()), 1.0f / 30.0f);
     EXPECT_EQ(metering::nextExposure(5000.0f, nan, 0.3f, exposureStep()), 1.0f / 30.0f);
+    metering::ExposureCarry carry{40.5f, 40.0f};
+    EXPECT_EQ(metering::nextExposureCarried(40.0f, nan, 0.3f, exposureStep(), carry), 1.0f / 30.0f);
+    EXPECT_TRUE(std::isnan(carry.target));  // nothing carried on
     EXPECT_EQ(metering::nextGain(15.0f, nan, 0.02f, 2.5f), 2.5f);
     // An empty channel range divides zero by zero: its minimum.
     EXPECT_EQ(metering::nextChannelGain(100.0f, 100.0f, 100.0f, 0.1f, 0.15f), 100.0f);

@@ -184,17 +184,38 @@ GraySums sampleGray(const YuvImage& image, const SampleTable& table, int tableSi
     return sums;
 }
 
-float nextExposure(float current, float err, float avgY, const ExposureStep& s) {
+// The proportional exposure step from `current`, within the register range.
+static float exposureStepFrom(float current, float err, float avgY, const ExposureStep& s) {
     const float timeRange = s.timeMax - s.timeMin;
     const float time = (current - s.timeMin) / timeRange;
-    float timeNew = s.timeMin + (time + err * s.exposureP * time / avgY) * timeRange;
-    timeNew = clampKeepNaN(timeNew, s.timeMin, s.timeMax);
+    const float timeNew = s.timeMin + (time + err * s.exposureP * time / avgY) * timeRange;
+    return clampKeepNaN(timeNew, s.timeMin, s.timeMax);
+}
+
+float nextExposure(float current, float err, float avgY, const ExposureStep& s) {
+    const float timeNew = exposureStepFrom(current, err, avgY, s);
     // Whole register units, then the permitted time in seconds, then whole units again.
     double seconds = std::trunc(timeNew) * s.unitMicroseconds / 1000000.0;
     seconds = seconds < s.lowSeconds ? s.lowSeconds : (seconds > s.highSeconds ? s.highSeconds : seconds);
     const auto units = static_cast<float>(std::trunc(seconds * 1000000.0 / s.unitMicroseconds));
     const float result = clampKeepNaN(units, s.timeMin, s.timeMax);
     return std::isnan(result) ? s.manualExposure : result;
+}
+
+float nextExposureCarried(float current, float err, float avgY, const ExposureStep& s, ExposureCarry& carry) {
+    const bool carried = !std::isnan(carry.target) && carry.reg == current;
+    float target = exposureStepFrom(carried ? carry.target : current, err, avgY, s);
+    const double unitsPerSecond = 1000000.0 / s.unitMicroseconds;
+    target = clampKeepNaN(target, static_cast<float>(s.lowSeconds * unitsPerSecond),
+                          static_cast<float>(s.highSeconds * unitsPerSecond));
+    target = clampKeepNaN(target, s.timeMin, s.timeMax);
+    if (std::isnan(target)) {
+        carry = ExposureCarry();
+        return s.manualExposure;
+    }
+    carry.target = target;
+    carry.reg = std::trunc(target);
+    return carry.reg;
 }
 
 float nextGain(float currentGain, float err, float gainP, float manualGain) {

@@ -47,13 +47,21 @@ struct Samples {
     std::vector<uint8_t> v;
 };
 
+// The exposure loop's state on a coarse exposure unit: the unrounded exposure the last step
+// computed, and the whole register value written for it. No target: nothing carried.
+struct ExposureCarry {
+    float target = std::numeric_limits<float>::quiet_NaN();
+    float reg = 0.0f;
+};
+
 // Per-evaluation state of the metering, kept by the camera so that a frame allocates nothing
-// once the first one has sized the vectors.
+// once the first one has sized the vectors; and the exposure carry, which lives as long.
 struct MeteringScratch {
     Samples samples;
     std::vector<Region> regions;
     std::vector<uint32_t> sampleRegion;  // region index of each sample
     std::vector<float> devLum;           // per region: standard deviation of its luminance
+    ExposureCarry exposureCarry;
 };
 
 // Side of the square region grid: the integer square root of the region count.
@@ -176,6 +184,13 @@ struct ExposureStep {
 // error, divided by the measured luminance; then limited to the register range and the permitted
 // time. Returned before the final truncation so that the caller sees a not-a-number fallback.
 float nextExposure(float current, float err, float avgY, const ExposureStep& s);
+
+// Next exposure register on a coarse unit (100 us: at 2.5 ms one unit is 4%): the step of
+// nextExposure, taken from the carried unrounded exposure while the register still holds that
+// carry's truncation, else from the register (manual exposure, a preset or a restart wrote it).
+// The result, limited as nextExposure limits it but not rounded, is carried on; its truncation is
+// returned. Steps smaller than a unit so add up instead of being dropped frame after frame.
+float nextExposureCarried(float current, float err, float avgY, const ExposureStep& s, ExposureCarry& carry);
 
 // Next analogue gain factor, in 0.6..16: a step proportional to the luminance error over the
 // gain span 0.6..16; not-a-number falls back to `manualGain`.
