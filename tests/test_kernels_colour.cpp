@@ -187,6 +187,9 @@ TEST(ColourThreads, OneByOneTheyWriteWhatTheHostGridWrites) {
 // frame of 228,000 quads shows a multiply-add fused differently from the portable loop's.
 TEST(Avx2ColourRow, WritesTheBytesOfThePortableRowLoop) {
     if (!__builtin_cpu_supports("avx2") || !__builtin_cpu_supports("fma")) GTEST_SKIP() << "no AVX2 and FMA";
+    // Without row clones (sanitizer builds) the portable loop is the baseline version, which fuses no
+    // multiply-adds: bytes may then be one step apart.
+    const auto near = [](unsigned char a, unsigned char b) { return std::abs(a - b) <= (RUVO_X86_ROW_CLONES ? 0 : 1); };
     constexpr unsigned kHeight = 720;  // interior quad rows 1 .. 358
     for (const unsigned quads : {64u, 65u, 71u, 638u}) {
         const unsigned width = 2 * (quads + 2);  // interior quads 1 .. quads
@@ -203,7 +206,7 @@ TEST(Avx2ColourRow, WritesTheBytesOfThePortableRowLoop) {
                     k::runPortableInterior(portableKernel, ty, 1, quads + 1);
                     k::runAvx2ColourRow(avx2Kernel, ty, 1, quads + 1);
                 }
-                const auto mismatch = std::mismatch(portable.begin(), portable.end(), avx2.begin());
+                const auto mismatch = std::mismatch(portable.begin(), portable.end(), avx2.begin(), near);
                 ASSERT_TRUE(mismatch.first == portable.end())
                     << quads << " quads, frame " << seed << ", gamma r " << gammas.r << ": byte "
                     << mismatch.first - portable.begin() << " is " << int(*mismatch.second) << ", not "

@@ -251,8 +251,12 @@ RUVO_AVX2 void avx2Row(const cudaKernelParams& params, unsigned char* yuv, unsig
 
 bool avx2ColourRowChosen() {
     static const bool chosen = [] {
-        // Where the portable loop has an AVX-512 clone (RowClones.h), that clone runs.
-        const bool avx512Clone = RUVO_X86_ROW_CLONES && __builtin_cpu_supports("x86-64-v4");
+    // Where the portable loop has an AVX-512 clone (RowClones.h), that clone runs.
+#if RUVO_X86_ROW_CLONES
+        const bool avx512Clone = __builtin_cpu_supports("x86-64-v4");
+#else
+        const bool avx512Clone = false;
+#endif
         return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && !avx512Clone;
     }();
     return chosen;
