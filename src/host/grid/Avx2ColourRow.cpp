@@ -1,5 +1,5 @@
 // The bilinear YUV420p colour kernel's interior row in AVX2 + FMA intrinsics: lane i of every vector
-// is quad tx + i, so eight quads take one pass with every value in a register. Each step is the
+// is quad tx + i, eight quads per pass. Each step is the
 // portable code's own arithmetic (Demosaic.h, ColourPath.h, FastMath.h), with the multiply-adds
 // fused where the compiler fuses them in the portable loop's x86-64-v3 version, so that both give
 // the same bytes.
@@ -232,10 +232,11 @@ RUVO_AVX2_INLINE void avx2Row(const cudaKernelParams& params, unsigned char* yuv
 }
 
 // The exponent clamp of exp2 changes nothing when every exponent is in (0, 1], and the row then runs
-// without it. A power's input x is 0 or a value the clamp leaves alone: a site's or a mean's
-// value / 16383 is at least (1/12) / 16383 and at most 1 (log2 x in [-18, 0]); the chroma values are
-// sums of products of such powers (each then at least 2^-20) with the colour weights, so multiples of
-// 2^-71, and at most 1 (log2 |c| in [-71, 0]). And log2 0 is -127, which e <= 1 keeps in range.
+// without it. A power's input x is 0 or a value the clamp leaves alone: a site's value / 16383 is at
+// least (1/12) / 16383 and a mean's (1/48) / 16383, both at most 1 (log2 x in [-20, 0]); a chroma
+// value is a weighted sum of such powers (each then at least 2^-20), rounded after each step, so a
+// nonzero one is at least 2^-90 and at most 1 (log2 |c| in [-90, 0]). log2 0 is -127, which e <= 1
+// keeps in range.
 RUVO_AVX2 void avx2Row(const cudaKernelParams& params, unsigned char* yuv, unsigned ty, unsigned begin, unsigned end) {
     const float gammas[] = {params.gammaR, params.gammaG, params.gammaB, params.gammaCr, params.gammaCb};
     bool clampNeeded = false;
@@ -251,8 +252,8 @@ RUVO_AVX2 void avx2Row(const cudaKernelParams& params, unsigned char* yuv, unsig
 
 bool avx2ColourRowChosen() {
     static const bool chosen = [] {
-    // Where the portable loop has an AVX-512 clone (RowClones.h), that clone runs.
 #if RUVO_X86_ROW_CLONES
+        // Where the portable loop has an AVX-512 clone (RowClones.h), that clone runs.
         const bool avx512Clone = __builtin_cpu_supports("x86-64-v4");
 #else
         const bool avx512Clone = false;
