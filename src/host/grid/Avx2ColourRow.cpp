@@ -1,8 +1,7 @@
 // The bilinear YUV420p colour kernel's interior row in AVX2 + FMA intrinsics: lane i of every vector
-// is quad tx + i, eight quads per pass. Each step is the
-// portable code's own arithmetic (Demosaic.h, ColourPath.h, FastMath.h), with the multiply-adds
-// fused where the compiler fuses them in the portable loop's x86-64-v3 version, so that both give
-// the same bytes.
+// is quad tx + i, eight quads per pass. Each step is the portable code's own arithmetic (Demosaic.h,
+// ColourPath.h, FastMath.h), with the multiply-adds fused where the compiler fuses them in the
+// portable loop's x86-64-v3 version, so that both give the same bytes.
 #include "host/grid/Avx2ColourRow.h"
 
 #if defined(__x86_64__)
