@@ -3,9 +3,10 @@
 // values normalised by 16383 and raised to the power 0.8 per channel, conversion to 8 bits and to
 // I420. The two alternate run by run so that both see the same machine load; medians are printed
 // with the throughput ratio. Then the host pipeline on all threads, as frames per second. The
-// header names the CPU, its vector instruction sets and the row-loop clones that ran, so that every
-// figure says which machine and code path it came from.
+// header names the CPU, its vector instruction sets, the row-loop clones and whether the
+// hand-written AVX2 row ran, so that every figure says which machine and code path it came from.
 // Usage: compare_opencv [runs per size, default 30]
+#include "host/grid/Avx2ColourRow.h"
 #include "host/grid/RowClones.h"
 #include "support/GpuPresence.h"
 #include "support/kernel_buffers.h"
@@ -124,7 +125,8 @@ int main(int argc, char** argv) {
     const int runs = argc > 1 ? std::max(3, std::atoi(argv[1])) : 30;
     std::printf("CPU: %s, %d logical processors\n", cpuModel().c_str(), omp_get_num_procs());
     std::printf("vector instruction sets: %s\n", cap::kernels::vectorInstructionSets().c_str());
-    std::printf("row loops: %s\n\n", cap::kernels::rowClonesChosen().c_str());
+    std::printf("row loops: %s; bilinear YUV interior rows: %s\n\n", cap::kernels::rowClonesChosen().c_str(),
+                cap::kernels::bilinearYuvRowChosen());
     std::printf("YUV_ONLY, bilinear, one thread; medians of %d alternating runs (ms)\n", runs);
     std::printf("%-10s  %17s   %17s   %15s\n", "", "OpenCV", "host pipeline", "throughput ratio");
     std::printf("%-10s  %8s %8s   %8s %8s   %7s %7s\n", "size", "wall", "cpu", "wall", "cpu", "wall", "cpu");

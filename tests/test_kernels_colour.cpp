@@ -1,7 +1,11 @@
 // Colour kernels: the fast power and byte conversion against the standard library, the YUV colour
 // path of both demosaic modes (border fallback included) against a double-precision reference, the
 // full-scale, zero and 10-bit edge cases, the RGB outputs of the Bayer, no-demosaic and RGB-only
-// kernels, and the per-thread border decision of the CUDA kernels against the host's row spans.
+// kernels, the per-thread border decision of the CUDA kernels against the host's row spans, and the
+// host's hand-written AVX2 row against its portable row loop.
+#if defined(RUVO_HOST_BUILD) && defined(__x86_64__)
+#include "host/grid/HostGridKernels.h"
+#endif
 #include "isp/KernelMap.h"
 #include "isp/LaunchGeometry.h"
 #include "kernels/FastMath.h"
@@ -173,6 +177,45 @@ TEST(ColourThreads, OneByOneTheyWriteWhatTheHostGridWrites) {
         }
     }
 }
+
+#if defined(RUVO_HOST_BUILD) && defined(__x86_64__)
+// The hand-written AVX2 row replaces the portable row loop on AVX2 CPUs and must write the bytes
+// that loop wrote, run as the grid ran it (whole blocks, the last one moved back, so always its
+// widest vectorised loop): rows of whole steps, of steps with a remainder of one and of seven (the
+// last step moved back), and 1280-wide rows, on random and coloured frames, with exponents within
+// (0, 1] and beyond. Every byte of the image is compared, so a write outside the run shows too; a
+// frame of 228,000 quads shows a multiply-add fused differently from the portable loop's.
+TEST(Avx2ColourRow, WritesTheBytesOfThePortableRowLoop) {
+    if (!__builtin_cpu_supports("avx2") || !__builtin_cpu_supports("fma")) GTEST_SKIP() << "no AVX2 and FMA";
+    // Without row clones (sanitizer builds) the portable loop is the baseline version, which fuses no
+    // multiply-adds: bytes may then be one step apart.
+    const auto near = [](unsigned char a, unsigned char b) { return std::abs(a - b) <= (RUVO_X86_ROW_CLONES ? 0 : 1); };
+    constexpr unsigned kHeight = 720;  // interior quad rows 1 .. 358
+    for (const unsigned quads : {64u, 65u, 71u, 638u}) {
+        const unsigned width = 2 * (quads + 2);  // interior quads 1 .. quads
+        for (const uint32_t seed : {1u, 2u}) {
+            const std::vector<uint16_t> raw =
+                seed == 1 ? randomSensorFrame(width, kHeight, 41) : colourFrame(width, kHeight, 614, 409, 307, 300, 43);
+            for (const Gammas& gammas :
+                 {Gammas{}, Gammas{0.8f, 0.9f, 0.7f, 0.85f, 1.2f}, Gammas{2.2f, 1.6f, 0.45f, 1.0f, 0.9f}}) {
+                const ruvo::capture::cudaKernelParams params{raw.data(), width,    kHeight,   gammas.r,
+                                                             gammas.g,   gammas.b, gammas.cr, gammas.cb};
+                std::vector<unsigned char> portable(width * kHeight * 3 / 2, 0x5a), avx2 = portable;
+                const k::Yuv420Fast portableKernel{params, {portable.data()}}, avx2Kernel{params, {avx2.data()}};
+                for (unsigned ty = 1; ty < (kHeight - 1) / 2; ++ty) {
+                    k::runPortableInterior(portableKernel, ty, 1, quads + 1);
+                    k::runAvx2ColourRow(avx2Kernel, ty, 1, quads + 1);
+                }
+                const auto mismatch = std::mismatch(portable.begin(), portable.end(), avx2.begin(), near);
+                ASSERT_TRUE(mismatch.first == portable.end())
+                    << quads << " quads, frame " << seed << ", gamma r " << gammas.r << ": byte "
+                    << mismatch.first - portable.begin() << " is " << int(*mismatch.second) << ", not "
+                    << int(*mismatch.first);
+            }
+        }
+    }
+}
+#endif
 
 // value / 16383 * 255 truncated, for a raw-scale value.
 int fullScaleByte(double value) { return static_cast<int>(std::floor(value * 255.0 / 16383.0)); }

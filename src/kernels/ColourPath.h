@@ -49,6 +49,16 @@ __host__ __device__ __forceinline__ Gammas gammasOf(const cudaKernelParams& para
     return {params.gammaR, params.gammaG, params.gammaB, params.gammaCr, params.gammaCb};
 }
 
+// Weights of the luma and of the chroma differences (blue minus luma, red minus luma, each halved);
+// the hand-written AVX2 row (host/grid/Avx2ColourRow.cpp) uses them in the same order.
+constexpr float kLumaR = 0.299f;
+constexpr float kLumaG = 0.587f;
+constexpr float kLumaB = 0.114f;
+constexpr float kBlueDifferenceR = -0.1687f;
+constexpr float kBlueDifferenceG = 0.3313f;
+constexpr float kRedDifferenceG = 0.4187f;
+constexpr float kRedDifferenceB = 0.0813f;
+
 // (value / 16383)^gamma.
 __host__ __device__ __forceinline__ float shapeChannel(float value, float gamma) {
     return fastPow(value * kInvFullScale, gamma);
@@ -65,7 +75,7 @@ __host__ __device__ __forceinline__ float lumaOf(float r, float g, float b, cons
     const float rs = shapeChannel(r, gammas.r);
     const float gs = shapeChannel(g, gammas.g);
     const float bs = shapeChannel(b, gammas.b);
-    return clampByteRange(255.0f * (0.299f * rs + 0.587f * gs + 0.114f * bs));
+    return clampByteRange(255.0f * (kLumaR * rs + kLumaG * gs + kLumaB * bs));
 }
 
 // The common colour path: luma per site, chroma from the shaped quad means. The chroma exponents
@@ -84,8 +94,8 @@ __host__ __device__ __forceinline__ YuvQuad colourQuad(const QuadRgb& quad, cons
     const float r = shapeChannel(rm, gammas.r);
     const float g = shapeChannel(gm, gammas.g);
     const float b = shapeChannel(bm, gammas.b);
-    const float cb = 2.0f * (-0.1687f * r - 0.3313f * g + 0.5f * b);
-    const float cr = 2.0f * (0.5f * r - 0.4187f * g - 0.0813f * b);
+    const float cb = 2.0f * (kBlueDifferenceR * r - kBlueDifferenceG * g + 0.5f * b);
+    const float cr = 2.0f * (0.5f * r - kRedDifferenceG * g - kRedDifferenceB * b);
     out.u = clampByteRange(255.0f * (shapeChroma(cb, gammas.cr) + 0.5f));
     out.v = clampByteRange(255.0f * (shapeChroma(cr, gammas.cb) + 0.5f));
     return out;

@@ -4,6 +4,7 @@
 // several instruction sets, chosen at load time.
 #pragma once
 
+#include "host/grid/Avx2ColourRow.h"
 #include "host/grid/RowClones.h"
 #include "isp/LaunchGeometry.h"
 #include "kernels/IndexRange.h"
@@ -67,18 +68,29 @@ struct InteriorBlock<Kernel, std::void_t<decltype(Kernel::kInteriorBlock)>> {
     static constexpr unsigned value = Kernel::kInteriorBlock;
 };
 
-// Threads begin .. end - 1 of row ty. An interior run of a kernel that declares a block size, and is
-// at least that long, is covered by whole blocks, the last one moved back to end at `end`: the
-// vectorised loop then never leaves a remainder to its narrower and one-thread-at-a-time loops, and
-// the threads the last block repeats store again what they stored before.
+// Threads begin .. end - 1 of row ty in the portable loops. An interior run of a kernel that
+// declares a block size, and is at least that long, is covered by whole blocks, the last one moved
+// back to end at `end`: the vectorised loop then never leaves a remainder to its narrower and
+// one-thread-at-a-time loops, and the threads the last block repeats store again what they stored
+// before.
 template <class Kernel, RowPart part>
-void runRowSpan(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
+void runPortableSpan(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
     constexpr unsigned block = part == RowPart::kInterior ? InteriorBlock<Kernel>::value : 0;
     const unsigned count = end - begin;
     if (block == 0 || count < block) return runThreadsOf<Kernel, part>(kernel, ty, begin, end);
     const unsigned wholeBlocksEnd = begin + count / block * block;
     runThreadsOf<Kernel, part>(kernel, ty, begin, wholeBlocksEnd);
     if (wholeBlocksEnd != end) runThreadsOf<Kernel, part>(kernel, ty, end - block, end);
+}
+
+// Threads begin .. end - 1 of row ty: an interior run by the kernel's hand-written row where this
+// CPU has one (Avx2ColourRow.h), everything else by the portable loops.
+template <class Kernel, RowPart part>
+void runRowSpan(const Kernel& kernel, unsigned ty, unsigned begin, unsigned end) {
+    if constexpr (part == RowPart::kInterior) {
+        if (runHandWrittenRow(kernel, ty, begin, end)) return;
+    }
+    runPortableSpan<Kernel, part>(kernel, ty, begin, end);
 }
 
 template <class Kernel>

@@ -10,6 +10,10 @@ template void runGrid(const Extent2&, const Yuv420FastBggr&);
 template void runGrid(const Extent2&, const Yuv420RgbOnly&);
 template void runGrid(const Extent2&, const Yuv420NoDemosaicRgb&);
 
+void runPortableInterior(const Yuv420Fast& kernel, unsigned ty, unsigned begin, unsigned end) {
+    runPortableSpan<Yuv420Fast, RowPart::kInterior>(kernel, ty, begin, end);
+}
+
 }  // namespace kernels
 }  // namespace capture
 }  // namespace ruvo

@@ -18,6 +18,9 @@ extern template void runGrid(const Extent2&, const Yuv420Fast&);
 extern template void runGrid(const Extent2&, const Yuv420FastBggr&);
 extern template void runGrid(const Extent2&, const Yuv420RgbOnly&);
 extern template void runGrid(const Extent2&, const Yuv420NoDemosaicRgb&);
+// The portable loop's run of an interior span of a Yuv420Fast row, as runGrid runs it where no
+// hand-written row does (the test of the hand-written row compares the two).
+void runPortableInterior(const Yuv420Fast& kernel, unsigned ty, unsigned begin, unsigned end);
 // HostGridLanczosSkin.cpp
 extern template void runGrid(const Extent2&, const Yuv420Lanczos&);
 extern template void runGrid(const Extent2&, const Yuv420FastSegmentSkin&);
