@@ -252,12 +252,15 @@ RUVO_AVX2 void avx2Row(const cudaKernelParams& params, unsigned char* yuv, unsig
 bool avx2ColourRowChosen() {
     static const bool chosen = [] {
 #if RUVO_X86_ROW_CLONES
+        // On such a CPU the other colour kernels run their x86-64-v3 clones, which fuse the
+        // multiply-adds as this row does, so every configuration's colour image stays the same.
         // Where the portable loop has an AVX-512 clone (RowClones.h), that clone runs.
-        const bool avx512Clone = __builtin_cpu_supports("x86-64-v4");
+        return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && !__builtin_cpu_supports("x86-64-v4");
 #else
-        const bool avx512Clone = false;
+        // Without clones (sanitizer and clang builds) the other colour kernels run baseline code,
+        // which fuses no multiply-add: this row would move YUV_ONLY's bytes a step from theirs.
+        return false;
 #endif
-        return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && !avx512Clone;
     }();
     return chosen;
 }

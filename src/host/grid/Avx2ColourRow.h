@@ -1,7 +1,8 @@
 // The interior rows of the bilinear YUV420p colour kernel written by hand for AVX2 with FMA, eight
 // quads per step. It computes what the portable loop computes, operation for operation, and is
-// chosen on x86-64 CPUs with AVX2 and FMA where the portable loop would run as its x86-64-v3 (or
-// baseline) version; on AVX-512 CPUs, and on every other architecture, the portable loop runs.
+// chosen on x86-64 CPUs with AVX2 and FMA where the portable loop would run as its x86-64-v3
+// clone; on AVX-512 CPUs, in builds without row clones and on every other architecture, the
+// portable loop runs.
 #pragma once
 
 #include "kernels/ColourKernels.h"
@@ -17,7 +18,7 @@ bool runHandWrittenRow(const Kernel&, unsigned, unsigned, unsigned) {
 }
 
 #if defined(__x86_64__)
-// Whether this CPU runs the hand-written row (AVX2 and FMA, and no AVX-512 clone of the portable loop).
+// Whether this CPU runs the hand-written row (AVX2 and FMA, row clones built, no AVX-512 clone chosen).
 bool avx2ColourRowChosen();
 
 // Quads begin .. end - 1 (at least eight) of interior row ty; the CPU must have AVX2 and FMA.
